@@ -1,0 +1,46 @@
+# Shared settings of every target of the project.
+
+function(quaril_set_warnings target)
+  target_compile_features(${target} PUBLIC cxx_std_20)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic)
+  if(QUARIL_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+  if(QUARIL_SANITIZE)
+    target_compile_options(${target} PUBLIC -fsanitize=${QUARIL_SANITIZE} -fno-omit-frame-pointer
+                                            -fno-sanitize-recover=all)
+    target_link_options(${target} PUBLIC -fsanitize=${QUARIL_SANITIZE})
+  endif()
+endfunction()
+
+# quaril_add_library(<target> DEPENDS <libs...>)
+# Builds every .cpp of the calling folder into one shared library whose include
+# root is the repository root, so that "#include \"<folder>/X.hpp\"" works for
+# consumers that only link the target.
+function(quaril_add_library target)
+  cmake_parse_arguments(ARG "" "" "DEPENDS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp
+       ${CMAKE_CURRENT_SOURCE_DIR}/detail/*.cpp)
+  file(GLOB headers CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.hpp)
+  add_library(${target} SHARED ${sources} ${headers})
+  add_library(quaril::${target} ALIAS ${target})
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+  target_link_libraries(${target} PUBLIC ${ARG_DEPENDS})
+  quaril_set_warnings(${target})
+  set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
+  set_property(GLOBAL APPEND PROPERTY QUARIL_PUBLIC_HEADERS ${headers})
+  set_property(GLOBAL APPEND PROPERTY QUARIL_LIBRARIES ${target})
+endfunction()
+
+# quaril_add_test_folder(<folder> LIBS <libs...>)
+# One GoogleTest binary per tested folder, from tests/<folder>/*.cpp.
+function(quaril_add_test_folder folder)
+  cmake_parse_arguments(ARG "" "" "LIBS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${folder}/*.cpp)
+  set(target test_${folder})
+  add_executable(${target} ${sources})
+  target_link_libraries(${target} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gtest_main Threads::Threads)
+  target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
+  quaril_set_warnings(${target})
+  gtest_discover_tests(${target} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+endfunction()

@@ -1,0 +1,25 @@
+#include "ostrak/Attributes.hpp"
+
+namespace Ostrak {
+
+Attributes::~Attributes() = default;
+
+void Attributes::setAttribute(const std::string& name, AttributeValue value) {
+  attributes_[name] = std::move(value);
+}
+
+bool Attributes::removeAttribute(const std::string& name) { return attributes_.erase(name) > 0; }
+
+bool Attributes::hasAttribute(const std::string& name) const {
+  return attributes_.count(name) > 0;
+}
+
+std::optional<AttributeValue> Attributes::getAttribute(const std::string& name) const {
+  auto found = attributes_.find(name);
+  if (found == attributes_.end()) return std::nullopt;
+  return found->second;
+}
+
+SaveableAttributes::~SaveableAttributes() = default;
+
+}  // namespace Ostrak

@@ -1,0 +1,3 @@
+#include <gtest/gtest.h>
+#include "ostrak/Ostrak.hpp"
+TEST(Smoke, builds) { SUCCEED(); }
