@@ -1,0 +1,58 @@
+#pragma once
+// A console reporter that also prints, at the end of the run, the ratio of
+// every benchmark "Name/args" to its baseline "Name_Baseline/args".
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace QuarilBench {
+
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs) {
+      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
+      times_[run.benchmark_name()] = run.GetAdjustedCPUTime();
+    }
+  }
+
+  void Finalize() override {
+    ConsoleReporter::Finalize();
+    std::printf("\nRatios (ours / baseline, lower is better):\n");
+    for (const auto& [name, time] : times_) {
+      std::string baseline = baselineOf(name);
+      auto found = times_.find(baseline);
+      if (baseline.empty() || found == times_.end() || found->second <= 0) continue;
+      std::printf("  %-60s %8.2f\n", name.c_str(), time / found->second);
+    }
+  }
+
+ private:
+  // "Family/args" -> "Family_Baseline/args"; empty for baselines themselves.
+  static std::string baselineOf(const std::string& name) {
+    if (name.find("_Baseline") != std::string::npos) return {};
+    size_t slash = name.find('/');
+    std::string family = name.substr(0, slash);
+    std::string rest = slash == std::string::npos ? "" : name.substr(slash);
+    return family + "_Baseline" + rest;
+  }
+
+  std::map<std::string, double> times_;
+};
+
+/// Runs the registered benchmarks with the ratio reporter.
+inline int runWithRatios(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  return 0;
+}
+
+}  // namespace QuarilBench

@@ -1,0 +1,192 @@
+#include "bundle/Slice.hpp"
+
+#include "bundle/Bundle.hpp"
+#include "ostrak/Diagnostics.hpp"
+
+namespace Quaril {
+
+using Ostrak::StrongPtr;
+using Ostrak::WeakPtr;
+
+GridIterator::~GridIterator() = default;
+
+Slice::Loader::~Loader() = default;
+
+Slice::Slice(const Ostrak::Ownable<Slice>::Container& owner, const StrongPtr<GlobalCharts>& charts)
+    : charts_(charts) {
+  addOwner(owner);
+}
+
+Slice::~Slice() = default;
+
+Bundle* Slice::getOwningBundle() const {
+  Ostrak::Ownable<Slice>::OwnerPtr owner = firstLiveOwner();
+  return dynamic_cast<Bundle*>(owner.get());
+}
+
+StrongPtr<GridList> Slice::getIDList() const {
+  Bundle* bundle = getOwningBundle();
+  return bundle ? bundle->getGridList() : StrongPtr<GridList>();
+}
+
+StrongPtr<GridID> Slice::makeGridID(const std::string& name) {
+  Bundle* bundle = getOwningBundle();
+  if (!bundle || !bundle->getGridList()) return {};
+  GridList& list = *bundle->getGridList();
+  StrongPtr<GridID> id = list.find(name);
+  if (!id) id = list[name];
+  // The slice knows the time it is filed under, so registering it costs one
+  // look-up instead of a walk over the bundle's slices.
+  if (!std::isnan(time_)) {
+    auto filed = bundle->getSlices().find(time_);
+    if (filed != bundle->getSlices().end() && filed->second.rawPointer() == this) {
+      id->insert(time_, filed->second);
+    }
+  }
+  grids_.try_emplace(id);
+  return id;
+}
+
+StrongPtr<GridID> Slice::findGridID(const std::string& name) const {
+  StrongPtr<GridList> list = getIDList();
+  return list ? list->find(name) : StrongPtr<GridID>();
+}
+
+Slice::GridMap::iterator Slice::entryFor(const StrongPtr<GridID>& id) {
+  return grids_.try_emplace(id).first;
+}
+
+Grid* Slice::createGridIn(GridMap::iterator entry) {
+  Bundle* bundle = getOwningBundle();
+  WeakPtr<GridContainer> container;
+  if (bundle && bundle->getGridList()) container = bundle->getGridList();
+  entry->second = StrongPtr<Grid>(new Grid(container, charts_));
+  entry->second->addOwner(*this);
+  return entry->second.get();
+}
+
+Grid* Slice::operator[](const std::string& name) {
+  accessSlice();
+  StrongPtr<GridID> id = makeGridID(name);
+  if (!id) return nullptr;
+  return (*this)[id];
+}
+
+Grid* Slice::operator[](const StrongPtr<GridID>& id) {
+  accessSlice();
+  auto entry = entryFor(id);
+  if (entry->second) return entry->second.get();
+  return createGridIn(entry);
+}
+
+StrongPtr<Grid> Slice::operator()(const StrongPtr<GridID>& id) const {
+  accessSlice();
+  if (!id) return {};
+  auto found = grids_.find(id);
+  if (found == grids_.end() || !found->second) return {};
+  return found->second;
+}
+
+StrongPtr<Grid> Slice::operator()(const std::string& name) const {
+  accessSlice();
+  return (*this)(findGridID(name));
+}
+
+Grid* Slice::newGrid(const std::string& name) {
+  accessSlice();
+  StrongPtr<GridID> id = makeGridID(name);
+  if (!id) return nullptr;
+  return createGridIn(entryFor(id));
+}
+
+Grid* Slice::newGrid(const std::string& name, const std::string& parentName) {
+  StrongPtr<GridList> list = getIDList();
+  StrongPtr<GridID> parent = list ? list->find(parentName) : StrongPtr<GridID>();
+  Grid* grid = newGrid(name);
+  if (grid && parent) parent->insertChild(findGridID(name));
+  return grid;
+}
+
+bool Slice::insert(const std::string& name, const StrongPtr<Grid>& grid) {
+  if (!grid) return false;
+  accessSlice();
+  StrongPtr<GridID> id = makeGridID(name);
+  if (!id) return false;
+  auto entry = entryFor(id);
+  entry->second = grid;
+  grid->addOwner(*this);
+  return true;
+}
+
+Slice::GridEntry Slice::getUniqueGrid() const {
+  accessSlice();
+  if (grids_.size() != 1) return {};
+  return *grids_.begin();
+}
+
+uint32_t Slice::iterate(GridIterator& it, const StrongPtr<Ostrak::StringList>& names) {
+  accessSlice();
+  const Ostrak::StringList* filter = names.get();
+  uint32_t count = 0;
+  for (const auto& [id, grid] : grids_) {
+    if (!id || !grid) continue;
+    if (filter && !filter->contains(id->getName())) continue;
+    if (!it.apply(*id, *grid)) break;
+    ++count;
+  }
+  return count;
+}
+
+bool Slice::accessSlice() const {
+  if (pendingLoaders_.empty()) return true;
+  // Taken out before any loader runs, so a loader that reads the slice again
+  // does not start the loaders a second time.
+  std::set<StrongPtr<Loader>> loaders;
+  loaders.swap(pendingLoaders_);
+  WeakPtr<Slice> self(const_cast<Slice*>(this));
+  for (auto entry = loaders.begin(); entry != loaders.end(); entry = loaders.erase(entry)) {
+    if (!*entry) continue;
+    try {
+      (*entry)->load(self);
+    } catch (...) {
+      // A failing loader leaves the slice as far as it got; the others still run.
+      Ostrak::reportDiagnostic(Ostrak::Diagnostic::HookException, "a slice loader threw");
+    }
+  }
+  return true;
+}
+
+void Slice::addLoader(const StrongPtr<Loader>& loader) {
+  if (loader) pendingLoaders_.insert(loader);
+}
+
+uint32_t Slice::getMemoryUsage(unsigned long long& first, unsigned long long& second) const {
+  uint32_t total = 0;
+  for (const auto& entry : grids_) {
+    if (entry.second) total += entry.second->getMemoryUsage(first, second);
+  }
+  return total;
+}
+
+std::string Slice::xml() const {
+  std::string text;
+  for (const auto& [id, grid] : grids_) {
+    if (!id || !grid) continue;
+    std::string heading = "    <ID>" + id->getName() + "</ID>\n";
+    text += "   <GRID>\n";
+    text += heading;
+    text += grid->xml();
+    text += "   </GRID>\n";
+  }
+  return text;
+}
+
+void Slice::extremeUnction() {
+  if (!pendingLoaders_.empty()) {
+    Bundle* bundle = getOwningBundle();
+    if (bundle && bundle->getStorage()) accessSlice();
+  }
+  grids_.clear();
+}
+
+}  // namespace Quaril
