@@ -45,10 +45,13 @@ GridList::GridList() = default;
 
 GridList::~GridList() = default;
 
-StrongPtr<GridID> GridList::find(const std::string& name) const {
+GridID* GridList::findIdentity(const std::string& name) const noexcept {
   auto found = byName_.find(name);
-  if (found == byName_.end()) return {};
-  return Ostrak::strongFromThis(found->second);
+  return found == byName_.end() ? nullptr : found->second;
+}
+
+StrongPtr<GridID> GridList::find(const std::string& name) const {
+  return Ostrak::strongFromThis(findIdentity(name));
 }
 
 StrongPtr<GridID> GridList::operator[](const std::string& name) {

@@ -86,6 +86,9 @@ class GridList : public GridContainer {
   /// The identity named `name` (exact bytes), or null. Never creates.
   Ostrak::StrongPtr<GridID> find(const std::string& name) const;
   Ostrak::StrongPtr<GridID> operator()(const std::string& name) const { return find(name); }
+  /// The identity named `name` without taking a handle, or null; valid as
+  /// long as the list lives.
+  GridID* findIdentity(const std::string& name) const noexcept;
   /// The identity named `name`, created when there is none.
   Ostrak::StrongPtr<GridID> operator[](const std::string& name);
   /// Number of identities (not of grids).

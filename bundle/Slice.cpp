@@ -20,8 +20,20 @@ Slice::Slice(const Ostrak::Ownable<Slice>::Container& owner, const StrongPtr<Glo
 Slice::~Slice() = default;
 
 Bundle* Slice::getOwningBundle() const {
-  Ostrak::Ownable<Slice>::OwnerPtr owner = firstLiveOwner();
-  return dynamic_cast<Bundle*>(owner.get());
+  for (const OwnerEntry* entry = owners(); entry; entry = entry->next.get()) {
+    if (!entry->owner.valid()) continue;
+    if (entry->owner.referenceBlock() != ownerSeen_.referenceBlock()) {
+      ownerBundle_ = dynamic_cast<Bundle*>(entry->owner.get());
+      ownerSeen_ = entry->owner;
+    }
+    return ownerBundle_;
+  }
+  return nullptr;
+}
+
+GridList* Slice::gridList() const {
+  Bundle* bundle = getOwningBundle();
+  return bundle ? bundle->getGridList().get() : nullptr;
 }
 
 StrongPtr<GridList> Slice::getIDList() const {
@@ -43,7 +55,7 @@ StrongPtr<GridID> Slice::makeGridID(const std::string& name) {
       id->insert(time_, filed->second);
     }
   }
-  grids_.try_emplace(id);
+  entryFor(id);
   return id;
 }
 
@@ -53,7 +65,24 @@ StrongPtr<GridID> Slice::findGridID(const std::string& name) const {
 }
 
 Slice::GridMap::iterator Slice::entryFor(const StrongPtr<GridID>& id) {
-  return grids_.try_emplace(id).first;
+  auto [entry, added] = grids_.try_emplace(id);
+  constexpr size_t kIndexedFrom = 32;
+  if (index_) {
+    if (added) index_->emplace(id.rawPointer(), entry);
+  } else if (grids_.size() >= kIndexedFrom) {
+    index_ = std::make_unique<GridIndex>();
+    index_->reserve(grids_.size() * 2);
+    for (auto each = grids_.begin(); each != grids_.end(); ++each) {
+      index_->emplace(each->first.rawPointer(), each);
+    }
+  }
+  return entry;
+}
+
+Slice::GridMap::const_iterator Slice::findEntry(const GridID* id) const {
+  if (!index_) return grids_.find(id->referenceBlock());
+  auto found = index_->find(id);
+  return found == index_->end() ? grids_.end() : GridMap::const_iterator(found->second);
 }
 
 Grid* Slice::createGridIn(GridMap::iterator entry) {
@@ -82,14 +111,19 @@ Grid* Slice::operator[](const StrongPtr<GridID>& id) {
 StrongPtr<Grid> Slice::operator()(const StrongPtr<GridID>& id) const {
   accessSlice();
   if (!id) return {};
-  auto found = grids_.find(id);
+  auto found = findEntry(id.rawPointer());
   if (found == grids_.end() || !found->second) return {};
   return found->second;
 }
 
 StrongPtr<Grid> Slice::operator()(const std::string& name) const {
   accessSlice();
-  return (*this)(findGridID(name));
+  GridList* list = gridList();
+  GridID* id = list ? list->findIdentity(name) : nullptr;
+  if (!id) return {};
+  auto found = findEntry(id);
+  if (found == grids_.end() || !found->second) return {};
+  return found->second;
 }
 
 Grid* Slice::newGrid(const std::string& name) {
@@ -186,6 +220,7 @@ void Slice::extremeUnction() {
     Bundle* bundle = getOwningBundle();
     if (bundle && bundle->getStorage()) accessSlice();
   }
+  index_.reset();
   grids_.clear();
 }
 

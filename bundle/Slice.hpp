@@ -3,9 +3,12 @@
 
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <utility>
 
 #include "bundle/GridID.hpp"
@@ -45,7 +48,19 @@ class Slice : public Ostrak::Ownable<Grid>::Container,
     virtual bool load(const Ostrak::WeakPtr<Slice>& slice) = 0;
   };
 
-  using GridMap = std::map<Ostrak::StrongPtr<GridID>, Ostrak::StrongPtr<Grid>>;
+  /// Orders identities by their reference blocks; also compares with a bare
+  /// block, so that look-ups need no handle.
+  struct IdentityOrder {
+    using is_transparent = void;
+    using Block = const Ostrak::ReferenceBlock*;
+    static Block block(const Ostrak::StrongPtr<GridID>& id) noexcept { return id.referenceBlock(); }
+    static Block block(Block b) noexcept { return b; }
+    template <class A, class B>
+    bool operator()(const A& a, const B& b) const noexcept {
+      return std::less<Block>{}(block(a), block(b));
+    }
+  };
+  using GridMap = std::map<Ostrak::StrongPtr<GridID>, Ostrak::StrongPtr<Grid>, IdentityOrder>;
   using GridEntry = std::pair<Ostrak::StrongPtr<GridID>, Ostrak::StrongPtr<Grid>>;
 
   /// A slice owned by `owner` (in practice its bundle) whose grids use `charts`.
@@ -119,9 +134,19 @@ class Slice : public Ostrak::Ownable<Grid>::Container,
   friend class Bundle;
 
   GridMap::iterator entryFor(const Ostrak::StrongPtr<GridID>& id);
+  GridMap::const_iterator findEntry(const GridID* id) const;
   Grid* createGridIn(GridMap::iterator entry);
+  GridList* gridList() const;
 
   GridMap grids_;
+  // A hash index over the grid map, built once a slice holds many grids, so
+  // that look-ups stay constant-time at any number of grid names.
+  using GridIndex = std::unordered_map<const GridID*, GridMap::iterator>;
+  std::unique_ptr<GridIndex> index_;
+  // The owner last examined and its cast to a bundle, to spare the cast on
+  // every look-up; the handle keeps the block, so its address is not reused.
+  mutable Ostrak::WeakPtr<Ostrak::Ownable<Slice>::Container> ownerSeen_;
+  mutable Bundle* ownerBundle_ = nullptr;
   Ostrak::StrongPtr<GlobalCharts> charts_;
   mutable std::set<Ostrak::StrongPtr<Loader>> pendingLoaders_;
   double time_ = std::nan("");
