@@ -291,8 +291,8 @@ class Bundle : public Ostrak::Ownable<Slice>::Container,
                            const std::string& name, bool skipUnloaded, Visit&& visit) const;
   Ostrak::StrongPtr<Grid> lookUp(Slice& slice, const std::string& name,
                                  Ostrak::StrongPtr<GridID>& id) const;
-  GridInfo refinementIn(double time, const SlicePtr& slice, const std::string& name,
-                        int level, int extra) const;
+  GridInfo refinementIn(double time, const SlicePtr& slice, const std::string& name, int level,
+                        int extra) const;
 
   std::unique_ptr<ParameterList> parameters_;
   Ostrak::StrongPtr<GlobalCharts> charts_;
@@ -314,8 +314,8 @@ class BundlePtr : public Ostrak::StrongPtr<Bundle, Ostrak::Ownable<Slice>::Conta
   explicit BundlePtr(Bundle* bundle) : Base(bundle) {}
   BundlePtr(const Base& other) : Base(other) {}
   template <class U, class C>
-    requires std::is_convertible_v<U*, Bundle*>
-  BundlePtr(const Ostrak::StrongPtr<U, C>& other) : Base(other) {}
+  requires std::is_convertible_v<U*, Bundle*> BundlePtr(const Ostrak::StrongPtr<U, C>& other)
+      : Base(other) {}
 
   /// The live bundle of this handle; a new one when the handle is empty or
   /// dead. Never makes a second bundle for a live handle.
@@ -340,8 +340,7 @@ class BundlePtr : public Ostrak::StrongPtr<Bundle, Ostrak::Ownable<Slice>::Conta
   /// null) through a GridSaveParameters request. Returns 1 when a saver
   /// answered true, 0 when none did, -1 (nothing done) for an empty or dead
   /// handle.
-  int saveGrids(const std::string& filename,
-                const Ostrak::StrongPtr<Ostrak::StringList>& gridNames,
+  int saveGrids(const std::string& filename, const Ostrak::StrongPtr<Ostrak::StringList>& gridNames,
                 const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress = {},
                 const Ostrak::StrongPtr<StorageTransformations>& transformations = {}) const;
   // ---- end of loading, merging, saving, binding ----

@@ -20,7 +20,9 @@ constexpr const char* kUniformCheck = "bundle/BundleProperty.cpp:171";
 
 BundleProperty::~BundleProperty() = default;
 
-bool BundleProperty::Anything::checkSlice(Slice&, const std::string&) const { return true; }
+bool BundleProperty::Anything::checkSlice(Slice&, const std::string&) const {
+  return true;
+}
 
 // ---- the walk over slices ---------------------------------------------------------------
 
@@ -32,8 +34,10 @@ class SliceCheck : public EvolutionIterator<Slice> {
       : property_(property), gridname_(gridname) {}
 
   bool apply(ParameterSet&, Slice& slice) override {
-    if (slice.hasPendingLoaders()) return true;
-    if (!property_.checkSlice(slice, gridname_)) return true;
+    if (slice.hasPendingLoaders())
+      return true;
+    if (!property_.checkSlice(slice, gridname_))
+      return true;
     found = true;
     return false;
   }
@@ -60,12 +64,14 @@ bool hasProperty(const Bundle& bundle, const BundleProperty& property) {
 }
 
 bool hasProperty(BundlePtr bundle, const BundleProperty& property) {
-  if (!bundle) return false;
+  if (!bundle)
+    return false;
   return hasProperty(*bundle.create(), property);
 }
 
 bool hasProperty(const GridSelector& selector, const BundleProperty& property) {
-  if (!selector.bundle) return false;
+  if (!selector.bundle)
+    return false;
   return survey(*selector.bundle, property, selector.gridname);
 }
 
@@ -93,7 +99,8 @@ namespace {
 
 StrongPtr<Field> positionsOf(const Grid& grid) {
   StrongPtr<Representation> representation = grid.getCartesianRepresentation("");
-  if (!representation) return {};
+  if (!representation)
+    return {};
   return representation->findField(representation->findFieldID(Grid::PositionsName));
 }
 
@@ -106,7 +113,8 @@ struct Produced {
 
 Produced produce(const StrongPtr<CreativeArrayBase>& creator) {
   Produced result;
-  if (!creator || !creator->isProducible()) return result;
+  if (!creator || !creator->isProducible())
+    return result;
   result.passes = true;
   creator->setCaching(true);
   result.data = creator->getData();
@@ -136,14 +144,17 @@ void eachFragment(const Field& field, Visit&& visit) {
 bool isUniformCartesianGrid::checkGrid(const Grid& grid) const {
   Ostrak::SourceCodeLineGuard marker(kUniformCheck);
   StrongPtr<Field> positions = positionsOf(grid);
-  if (!positions || positions->nFragments() > 1) return false;
-  if (!produce(positions->getCreator(StrongPtr<FragmentID>())).passes) return false;
+  if (!positions || positions->nFragments() > 1)
+    return false;
+  if (!produce(positions->getCreator(StrongPtr<FragmentID>())).passes)
+    return false;
   return holds<UniformCartesianArray>(positions->getData(StrongPtr<FragmentID>()));
 }
 
 bool isFragmentedUniformCartesianGrid::checkGrid(const Grid& grid) const {
   StrongPtr<Field> positions = positionsOf(grid);
-  if (!positions) return false;
+  if (!positions)
+    return false;
   bool uniform = true;
   eachFragment(*positions, [&](const Produced& fragment) {
     uniform = fragment.passes && holds<UniformCartesianArray>(fragment.data);
@@ -154,7 +165,8 @@ bool isFragmentedUniformCartesianGrid::checkGrid(const Grid& grid) const {
 
 bool isCurvilinearGrid::checkGrid(const Grid& grid) const {
   StrongPtr<Field> positions = positionsOf(grid);
-  if (!positions) return false;
+  if (!positions)
+    return false;
   bool curvilinear = false;
   eachFragment(*positions, [&](const Produced& fragment) {
     curvilinear = fragment.passes && holds<MemArray<3, point>>(fragment.data);
@@ -165,13 +177,15 @@ bool isCurvilinearGrid::checkGrid(const Grid& grid) const {
 
 bool hasExplicitCartesianCoordinates::checkGrid(const Grid& grid) const {
   StrongPtr<Field> positions = positionsOf(grid);
-  if (!positions) return false;
+  if (!positions)
+    return false;
   bool seen = false;
   bool stored = false;
   eachFragment(*positions, [&](const Produced& fragment) {
     if (fragment.passes) {
       seen = true;
-      if (holds<TypedArray<point>>(fragment.data)) stored = true;
+      if (holds<TypedArray<point>>(fragment.data))
+        stored = true;
     }
     return true;
   });
@@ -180,7 +194,8 @@ bool hasExplicitCartesianCoordinates::checkGrid(const Grid& grid) const {
 
 bool hasCartesianCoordinates::checkGrid(const Grid& grid) const {
   StrongPtr<Field> positions = grid.CartesianPositions();
-  if (!positions) return false;
+  if (!positions)
+    return false;
   const std::type_info& stored = positions->getFieldStorageType();
   return stored.name() == typeid(point).name() || stored == typeid(point);
 }

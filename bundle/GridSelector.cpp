@@ -13,14 +13,17 @@ Parameter::Parameter(const std::string& name, Ostrak::AttributeValue value)
 Parameter::~Parameter() = default;
 
 std::optional<double> Parameter::getDouble() const {
-  if (const double* number = std::get_if<double>(&value_)) return *number;
-  if (const int64_t* number = std::get_if<int64_t>(&value_)) return static_cast<double>(*number);
+  if (const double* number = std::get_if<double>(&value_))
+    return *number;
+  if (const int64_t* number = std::get_if<int64_t>(&value_))
+    return static_cast<double>(*number);
   return std::nullopt;
 }
 
 StrongPtr<Parameter> ParameterSet::find(const std::string& name) const {
   for (const StrongPtr<Parameter>& parameter : *this) {
-    if (parameter && parameter->getName() == name) return parameter;
+    if (parameter && parameter->getName() == name)
+      return parameter;
   }
   return {};
 }

@@ -35,15 +35,31 @@ StrongPtr<Skeleton> getPrimaryOwner(const Representation& representation) {
 StrongPtr<Grid> getPrimaryOwner(const Skeleton& skeleton) {
   return primaryOwner<Grid, BaseSpace>(skeleton);
 }
-StrongPtr<Slice> getPrimaryOwner(const Grid& grid) { return primaryOwner<Slice, Grid>(grid); }
-BundlePtr getPrimaryOwner(const Slice& slice) { return primaryOwner<Bundle, Slice>(slice); }
+StrongPtr<Slice> getPrimaryOwner(const Grid& grid) {
+  return primaryOwner<Slice, Grid>(grid);
+}
+BundlePtr getPrimaryOwner(const Slice& slice) {
+  return primaryOwner<Bundle, Slice>(slice);
+}
 
-BundlePtr getPrimaryBundle(const CreativeArrayBase& data) { return climb(data); }
-BundlePtr getPrimaryBundle(const Field& field) { return climb(field); }
-BundlePtr getPrimaryBundle(const Representation& representation) { return climb(representation); }
-BundlePtr getPrimaryBundle(const Skeleton& skeleton) { return climb(skeleton); }
-BundlePtr getPrimaryBundle(const Grid& grid) { return climb(grid); }
-BundlePtr getPrimaryBundle(const Slice& slice) { return getPrimaryOwner(slice); }
+BundlePtr getPrimaryBundle(const CreativeArrayBase& data) {
+  return climb(data);
+}
+BundlePtr getPrimaryBundle(const Field& field) {
+  return climb(field);
+}
+BundlePtr getPrimaryBundle(const Representation& representation) {
+  return climb(representation);
+}
+BundlePtr getPrimaryBundle(const Skeleton& skeleton) {
+  return climb(skeleton);
+}
+BundlePtr getPrimaryBundle(const Grid& grid) {
+  return climb(grid);
+}
+BundlePtr getPrimaryBundle(const Slice& slice) {
+  return getPrimaryOwner(slice);
+}
 
 // ---- the survey ----------------------------------------------------------------------
 
@@ -56,28 +72,31 @@ Occurrence<Bundle>::Occurrence(const Bundle& bundle, const StrongPtr<Ostrak::Str
 
 const Occurrence<Bundle>::BaseSpaceEntry* Occurrence<Bundle>::operator()(
     const WeakPtr<BaseSpace>& baseSpace) const {
-  if (!survey_) return nullptr;
+  if (!survey_)
+    return nullptr;
   auto found = survey_->baseSpaces.find(baseSpace);
   return found == survey_->baseSpaces.end() ? nullptr : &found->second;
 }
 
 const Occurrence<Bundle>::SkeletonEntry* Occurrence<Bundle>::operator()(
     const WeakPtr<Skeleton>& skeleton) const {
-  if (!survey_) return nullptr;
+  if (!survey_)
+    return nullptr;
   auto found = survey_->skeletons.find(skeleton);
   return found == survey_->skeletons.end() ? nullptr : &found->second;
 }
 
 std::string Occurrence<Bundle>::RepresenterName(const WeakPtr<BaseSpace>& baseSpace) const {
   WeakPtr<Skeleton> skeleton = Ostrak::dynamic_pointer_cast<Skeleton>(baseSpace);
-  if (!skeleton) return "\t   REPRESENTED IN UNKNOWN BASESPACE\n";
-  if (const SkeletonEntry* entry = (*this)(skeleton)) return entry->id.Name();
+  if (!skeleton)
+    return "\t   REPRESENTED IN UNKNOWN BASESPACE\n";
+  if (const SkeletonEntry* entry = (*this)(skeleton))
+    return entry->id.Name();
   return "\t   REPRESENTED IN EXTERNAL SKELETON CANNOT SAVE TO THIS BUNDLE\n";
 }
 
 bool Occurrence<Slice>::apply(ParameterSet& parameters, Slice& slice) {
-  if (parameters.size() != 1 || !parameters.front() ||
-      parameters.front()->getName() != "time") {
+  if (parameters.size() != 1 || !parameters.front() || parameters.front()->getName() != "time") {
     return true;
   }
   Occurrence<Grid> grids(survey_);
@@ -91,7 +110,8 @@ bool Occurrence<Grid>::apply(GridID&, Grid& grid) {
 }
 
 bool Occurrence<Skeleton>::operator()(const SkeletonID& id, const StrongPtr<Skeleton>& skeleton) {
-  if (!skeleton) return true;
+  if (!skeleton)
+    return true;
   WeakPtr<Skeleton> key(skeleton);
   survey_.skeletons[key] = Occurrence<Bundle>::SkeletonEntry{key, id, WeakPtr<Grid>(&grid_)};
   skeleton->iterate(Occurrence<Representation>(survey_, id));
@@ -100,7 +120,8 @@ bool Occurrence<Skeleton>::operator()(const SkeletonID& id, const StrongPtr<Skel
 
 bool Occurrence<Representation>::operator()(const WeakPtr<BaseSpace>&,
                                             const StrongPtr<Representation>& representation) {
-  if (!representation) return true;
+  if (!representation)
+    return true;
   WeakPtr<BaseSpace> base = representation->getBaseSpace();
   survey_.baseSpaces[base] = Occurrence<Bundle>::BaseSpaceEntry{base, id_};
   return true;

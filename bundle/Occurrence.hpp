@@ -120,8 +120,7 @@ class Occurrence<Skeleton> {
 template <>
 class Occurrence<Representation> {
  public:
-  Occurrence(Occurrence<Bundle>::Survey& survey, const SkeletonID& id)
-      : survey_(survey), id_(id) {}
+  Occurrence(Occurrence<Bundle>::Survey& survey, const SkeletonID& id) : survey_(survey), id_(id) {}
   bool operator()(const Ostrak::WeakPtr<BaseSpace>& base,
                   const Ostrak::StrongPtr<Representation>& representation);
 

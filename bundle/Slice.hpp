@@ -64,7 +64,8 @@ class Slice : public Ostrak::Ownable<Grid>::Container,
   using GridEntry = std::pair<Ostrak::StrongPtr<GridID>, Ostrak::StrongPtr<Grid>>;
 
   /// A slice owned by `owner` (in practice its bundle) whose grids use `charts`.
-  Slice(const Ostrak::Ownable<Slice>::Container& owner, const Ostrak::StrongPtr<GlobalCharts>& charts);
+  Slice(const Ostrak::Ownable<Slice>::Container& owner,
+        const Ostrak::StrongPtr<GlobalCharts>& charts);
   ~Slice() override;
 
   /// Finds or creates the identity of `name` and registers this slice with
@@ -83,7 +84,8 @@ class Slice : public Ostrak::Ownable<Grid>::Container,
   Ostrak::StrongPtr<Grid> operator()(const std::string& name) const;
   /// The grid under `id`, or null. Never creates.
   Ostrak::StrongPtr<Grid> operator()(const Ostrak::StrongPtr<GridID>& id) const;
-  /// A fresh grid under `name`, replacing any grid there.
+  /// A fresh grid under `name`, replacing any grid there (a replaced grid
+  /// that the slice holds under no other name no longer names it as owner).
   Grid* newGrid(const std::string& name);
   /// As `newGrid(name)`, and makes the identity of `name` a child of the
   /// identity of `parentName` when that exists (never created).
@@ -136,6 +138,7 @@ class Slice : public Ostrak::Ownable<Grid>::Container,
   GridMap::iterator entryFor(const Ostrak::StrongPtr<GridID>& id);
   GridMap::const_iterator findEntry(const GridID* id) const;
   Grid* createGridIn(GridMap::iterator entry);
+  void replaceGrid(GridMap::iterator entry, const Ostrak::StrongPtr<Grid>& grid);
   GridList* gridList() const;
 
   GridMap grids_;

@@ -285,7 +285,8 @@ TEST(Bundle, sliceDyingDuringAWalkIsSkipped) {
   unsigned visits = bundle->iterate(
       "g",
       [&](double t, GridID&, Grid&) {
-        if (t == 1.0) const_cast<Bundle::SliceTable&>(bundle->getSlices()).at(2.0).reset();
+        if (t == 1.0)
+          const_cast<Bundle::SliceTable&>(bundle->getSlices()).at(2.0).reset();
         return true;
       },
       false);
@@ -312,7 +313,9 @@ TEST(Bundle, iterateCountsTheCallThatStops) {
   EXPECT_EQ(bundle->iterate("missing", none, false), 0u);
   EXPECT_TRUE(none.times.empty());
   StrongPtr<GridID> id = (*bundle)[1.0]->findGridID("g");
-  EXPECT_EQ(bundle->iterate(id, [](double, const GridID&, Grid&) { return true; }, false), 2u);
+  EXPECT_EQ(bundle->iterate(
+                id, [](double, const GridID&, Grid&) { return true; }, false),
+            2u);
 }
 
 TEST(Bundle, iterateForwardStartsAtTheExactTimeAndReportsTheLastVisit) {
@@ -379,7 +382,8 @@ TEST(Bundle, sliceWalkLoadsTheFirstSliceAndSetsTheTimeParameter) {
   EXPECT_EQ(times.sizes, 2u);
 }
 
-// ---- refinement levels ----------------------------------------------------------------------------
+// ---- refinement levels
+// ----------------------------------------------------------------------------
 
 // A grid "g" at each time whose vertex skeletons carry the given factors.
 BundlePtr refinedBundle(const std::vector<double>& times, const std::vector<int>& factors) {
@@ -402,10 +406,12 @@ TEST(Bundle, refinementLevelsAskForPowersOfTwoModulo32) {
   EXPECT_EQ(level0.skeleton->getIsotropicRefinementFactor(), 1);
   EXPECT_EQ(t, 2.0);
   t = 5.0;
-  EXPECT_EQ(bundle->findPreviousRefinementLevel(t, "g", 4, nullptr, 0).skeleton->getIsotropicRefinementFactor(),
+  EXPECT_EQ(bundle->findPreviousRefinementLevel(t, "g", 4, nullptr, 0)
+                .skeleton->getIsotropicRefinementFactor(),
             16);
   t = 5.0;
-  EXPECT_EQ(bundle->findPreviousRefinementLevel(t, "g", 32, nullptr, 0).skeleton->getIsotropicRefinementFactor(),
+  EXPECT_EQ(bundle->findPreviousRefinementLevel(t, "g", 32, nullptr, 0)
+                .skeleton->getIsotropicRefinementFactor(),
             1);
   t = 5.0;
   testing::internal::CaptureStdout();
@@ -460,6 +466,65 @@ TEST(Bundle, previousLevelHandsLaterFindsToTheIterator) {
   Quaril::Info<Grid> result = bundle->findPreviousRefinementLevel(t, "g", 1, &collect, 0);
   EXPECT_EQ(result.time, 1.0);
   EXPECT_EQ(collect.times, (std::vector<double>{1.0, 2.0, 3.0}));
+}
+
+}  // namespace
+}  // namespace QuarilTest
+
+// ---- XML description -------------------------------------------------------------------------
+
+namespace QuarilTest {
+namespace {
+
+TEST(BundleXml, emptyBundlesAndSlicesWriteNothing) {
+  BundlePtr bundle;
+  bundle.create();
+  EXPECT_EQ(bundle->xml(), "");
+  SlicePtr slice = (*bundle)[1.0];
+  EXPECT_EQ(slice->xml(), "");
+  slice->makeGridID("no grid yet");
+  EXPECT_EQ(slice->xml(), "") << "an identity without a grid leaves no trace";
+  EXPECT_EQ(bundle->xml(), " <SLICE>\n  <TIME>1</TIME>\n </SLICE>\n");
+}
+
+TEST(BundleXml, linesCarryExactBlanksAndUnescapedNames) {
+  BundlePtr bundle;
+  bundle.create();
+  Grid* grid = (*(*bundle)[1.5])["a<b&c"];
+  EXPECT_EQ(bundle->xml(), " <SLICE>\n  <TIME>1.5</TIME>\n   <GRID>\n    <ID>a<b&c</ID>\n" +
+                               grid->xml() + "   </GRID>\n </SLICE>\n");
+}
+
+TEST(BundleXml, timesAreFormattedAsPercentLg) {
+  const std::vector<std::pair<double, std::string>> cases = {
+      {0.00001, "1e-05"}, {100000, "100000"},       {1000000, "1e+06"}, {-2.5, "-2.5"},
+      {0, "0"},           {1234567, "1.23457e+06"}, {0.5, "0.5"}};
+  for (const auto& [time, text] : cases) {
+    BundlePtr bundle;
+    bundle.create();
+    (*bundle)[time];
+    EXPECT_EQ(bundle->xml(), " <SLICE>\n  <TIME>" + text + "</TIME>\n </SLICE>\n") << text;
+  }
+}
+
+TEST(BundleXml, deadSlicesAreLeftOutWhileNeighboursStay) {
+  BundlePtr bundle;
+  bundle.create();
+  (*bundle)[1.0];
+  (*bundle)[2.0];
+  (*bundle)[3.0];
+  const_cast<Bundle::SliceTable&>(bundle->getSlices()).at(2.0).reset();
+  EXPECT_EQ(bundle->xml(),
+            " <SLICE>\n  <TIME>1</TIME>\n </SLICE>\n <SLICE>\n  <TIME>3</TIME>\n </SLICE>\n");
+}
+
+TEST(BundleXml, describingLoadsNothing) {
+  BundlePtr bundle;
+  bundle.create();
+  int runs = 0;
+  (*bundle)[1.0]->addLoader(StrongPtr<Slice::Loader>(new RecordingLoader(runs, "g")));
+  bundle->xml();
+  EXPECT_EQ(runs, 0);
 }
 
 }  // namespace

@@ -24,7 +24,8 @@ TEST(Slice, bracketKeepsTheGridAndNewGridReplacesIt) {
   Grid* first = (*slice)["g"];
   ASSERT_NE(first, nullptr);
   EXPECT_EQ((*slice)["g"], first);
-  EXPECT_EQ(first->firstLiveOwner().get(), static_cast<Quaril::Ownable<Grid>::Container*>(slice.get()));
+  EXPECT_EQ(first->firstLiveOwner().get(),
+            static_cast<Quaril::Ownable<Grid>::Container*>(slice.get()));
 
   WeakPtr<Grid> old((*slice)("g"));
   Grid* second = slice->newGrid("g");
@@ -118,7 +119,8 @@ TEST(Slice, iterateFiltersByNameAndStops) {
   BundlePtr bundle;
   bundle.create();
   SlicePtr slice = (*bundle)[0.0];
-  for (const char* name : {"a", "b", "c"}) (*slice)[name];
+  for (const char* name : {"a", "b", "c"})
+    (*slice)[name];
   slice->makeGridID("no grid");
 
   Collect all;
@@ -155,7 +157,8 @@ TEST(Slice, pendingLoadersRunAtEndOfLifeOnlyWhenTheBundleIsBound) {
     BundlePtr bundle;
     bundle.create();
     int syncs = 0;
-    if (bound) bundle->setStorage(StrongPtr<Quaril::StorageBinding>(new CountingStorage(syncs)));
+    if (bound)
+      bundle->setStorage(StrongPtr<Quaril::StorageBinding>(new CountingStorage(syncs)));
     int runs = 0;
     WeakPtr<Grid> grid;
     {
@@ -190,6 +193,35 @@ TEST(Slice, sliceWithoutBundleAnswersByNameWithNothing) {
   EXPECT_FALSE((*survivor)("g"));
   EXPECT_EQ((*survivor)["g"], nullptr);
   EXPECT_EQ(survivor->getGrids().size(), 1u) << "a held slice keeps its grids";
+}
+
+}  // namespace
+}  // namespace QuarilTest
+
+namespace QuarilTest {
+namespace {
+
+TEST(Slice, largeSlicesFindWhatSmallOnesFind) {
+  BundlePtr bundle;
+  bundle.create();
+  SlicePtr slice = (*bundle)[0.0];
+  std::vector<Grid*> grids;
+  for (int i = 0; i < 100; ++i)
+    grids.push_back((*slice)["g" + std::to_string(i)]);
+  Grid* replaced = slice->newGrid("g50");
+  StrongPtr<Grid> inserted(new Grid(bundle->getGridList(), bundle->getCharts()));
+  slice->insert("g70", inserted);
+  slice->makeGridID("empty");
+  for (int i = 0; i < 100; ++i) {
+    const std::string name = "g" + std::to_string(i);
+    Grid* expected = i == 50 ? replaced : i == 70 ? inserted.get() : grids[i];
+    EXPECT_EQ((*slice)(name).get(), expected) << name;
+    EXPECT_EQ((*slice)(slice->findGridID(name)).get(), expected) << name;
+    EXPECT_EQ((*slice)[name], expected) << name;
+  }
+  EXPECT_FALSE((*slice)("empty"));
+  EXPECT_FALSE((*slice)("g100"));
+  EXPECT_EQ(slice->getGrids().size(), 101u);
 }
 
 }  // namespace

@@ -1,0 +1,7 @@
+#include "field/BinderBase.hpp"
+
+namespace Quaril {
+
+BinderBase::~BinderBase() = default;
+
+}  // namespace Quaril
