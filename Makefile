@@ -11,7 +11,7 @@ deps:
 	@bash scripts/install-deps.sh
 
 test: deps
-	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUARIL_BUILD_BENCHMARKS=OFF
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUARIL_BUILD_BENCHMARKS=ON
 	cmake --build $(BUILD_DIR) -j$(JOBS)
 	cd $(BUILD_DIR) && ctest --output-on-failure -j$(JOBS)
 
