@@ -69,7 +69,8 @@ StrongPtr<MemBase, Cacheable> makeMemArray(const QuarilTypeBase& type, const Dyn
   using Pelorn::PhysicalSpace::tvector;
   return makeOfType<bool, char, wchar_t, char8_t, char16_t, char32_t, signed char, unsigned char,
                     short, unsigned short, int, unsigned, long, unsigned long, long long,
-                    unsigned long long, float, double, long double, point, tvector>(type, size);
+                    unsigned long long, float, double, long double, point, tvector,
+                    std::array<uint32_t, 3>>(type, size);
 }
 
 }  // namespace Quaril

@@ -2,6 +2,7 @@
 // Element-type descriptors: one process-wide object per C++ element type, so
 // that types can be kept in ordered sets and compared by identity.
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -36,6 +37,13 @@ template <>
 struct ElementComponents<Pelorn::PhysicalSpace::tvector> {
   using type = double;
   static constexpr int count = 3;
+};
+/// A fixed array of scalars (a triangle's vertex indices, say) has its
+/// elements as components; its readable name is "<component>x<count>".
+template <class T, std::size_t N>
+struct ElementComponents<std::array<T, N>> {
+  using type = T;
+  static constexpr int count = static_cast<int>(N);
 };
 
 namespace detail {
@@ -98,6 +106,11 @@ constexpr const char* elementName() {
   else
     return "";
 }
+
+template <class T>
+struct IsStdArray : std::false_type {};
+template <class T, std::size_t N>
+struct IsStdArray<std::array<T, N>> : std::true_type {};
 
 template <class T>
 constexpr std::size_t elementSize() {
@@ -164,7 +177,11 @@ class QuarilTypeBase : public Ostrak::ReferenceBase<QuarilTypeBase> {
     const QuarilTypeBase* component = nullptr;
     if constexpr (!std::is_same_v<Component, T>)
       component = &getType<Component>();
-    return registerType(typeid(T), detail::elementName<T>(), detail::elementSize<T>(),
+    std::string name = detail::elementName<T>();
+    if constexpr (detail::IsStdArray<T>::value) {
+      name = component->name() + "x" + std::to_string(ElementComponents<T>::count);
+    }
+    return registerType(typeid(T), name.c_str(), detail::elementSize<T>(),
                         std::is_void_v<T> ? 0 : ElementComponents<T>::count, component);
   }
 

@@ -1,4 +1,6 @@
 #include "field/QuarilType.hpp"
+#include "field/MemBase.hpp"
+#include <array>
 
 #include <gtest/gtest.h>
 
@@ -96,6 +98,17 @@ TEST(TypeList, copiesAreIndependentAndContainsTypeMatchesTypeInfo) {
   EXPECT_TRUE(copy.empty());
   EXPECT_FALSE(containsType(copy, typeid(float)));
   EXPECT_FALSE(containsType(TypeList(), typeid(void)));
+}
+
+TEST(QuarilType, fixedArraysAreDescribedByTheirComponents) {
+  const QuarilTypeBase& triple = QuarilTypeBase::getType<std::array<uint32_t, 3>>();
+  EXPECT_EQ(triple.name(), "uint32x3");
+  EXPECT_EQ(triple.components(), 3);
+  EXPECT_EQ(&triple.componentType(), &QuarilTypeBase::getType<uint32_t>());
+  EXPECT_EQ(QuarilTypeBase::findType("uint32x3"), &triple);
+  auto array = Quaril::makeMemArray(triple, Quaril::DynamicSize{std::vector<uint64_t>{4}});
+  ASSERT_TRUE(array);
+  EXPECT_EQ(&array->getTypeDescriptor(), &triple);
 }
 
 }  // namespace

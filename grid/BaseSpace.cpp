@@ -1,0 +1,8 @@
+#include "grid/BaseSpace.hpp"
+
+namespace Quaril {
+
+BaseSpace::~BaseSpace() = default;
+BaseSpaceDependency::~BaseSpaceDependency() = default;
+
+}  // namespace Quaril
