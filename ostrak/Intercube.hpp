@@ -2,6 +2,7 @@
 // Interfaces attached to objects and requests by type.
 
 #include <map>
+#include <type_traits>
 #include <typeinfo>
 
 #include "ostrak/ReferenceBase.hpp"
@@ -53,8 +54,12 @@ class Intercube {
   bool removeInterface(const std::type_info& type);
   /// The interface of `type`, or a null handle.
   StrongPtr<InterfaceBase> findInterface(const std::type_info& type) const;
-  /// The interface of type `T`, cast to `I`; null when absent or of another class.
-  template <class T, class I = T>
+  /// The interface of type `T`, cast to `I`; null when absent or of another
+  /// class. `I` defaults to `T` when `T` is itself an interface class (a
+  /// self-named interface such as `LoaderProgress`), else to `InterfaceBase`,
+  /// since a plain type names interfaces but is never one.
+  template <class T,
+            class I = std::conditional_t<std::is_base_of_v<InterfaceBase, T>, T, InterfaceBase>>
   StrongPtr<I> findInterface() const {
     return dynamic_pointer_cast<I>(findInterface(typeid(T)));
   }

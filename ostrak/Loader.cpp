@@ -156,11 +156,14 @@ bool LoaderRegistryBase::domain_load(const StrongPtr<LoaderParameters>& request,
   StrongPtr<LoaderProgress> progress = request->findInterface<LoaderProgress>();
   std::string reasons;
   for (const Registration& registration : candidates) {
-    const std::string loaderName = registration.loader->name();
-    if (progress && !progress->tryLoader(loaderName)) continue;
-    request->setErrorText("");
+    // Everything a loader or the progress sink runs may throw; none of it
+    // may escape.
+    std::string loaderName = "a loader";
     std::string reason;
     try {
+      loaderName = registration.loader->name();
+      if (progress && !progress->tryLoader(loaderName)) continue;
+      request->setErrorText("");
       if (registration.loader->loadAny(request, block)) return true;
       reason = request->getErrorText();
     } catch (const std::exception& error) {

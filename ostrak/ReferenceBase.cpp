@@ -4,15 +4,16 @@
 #include <typeinfo>
 
 #include "ostrak/Diagnostics.hpp"
+#include "ostrak/TypeInfo.hpp"
 
 namespace Ostrak {
 namespace {
 
-std::string describe(const char* what, const ReferenceCounter* object) {
+std::string describe(const char* what, const std::type_info* type) {
   std::string text = what;
-  if (object) {
+  if (type) {
     text += " (";
-    text += typeid(*object).name();
+    text += TypeInfo(*type).readableName();
     text += ")";
   }
   const char* position = getLastKnownSourceCodeLine();
@@ -60,7 +61,7 @@ bool ReferenceBlock::adoptFromRaw() noexcept {
       target->DeferredConstructor();
     } catch (...) {
       reportDiagnostic(Diagnostic::HookException,
-                       describe("deferred initialisation threw", target));
+                       describe("deferred initialisation threw", &typeid(*target)));
     }
   }
   return true;
@@ -81,11 +82,15 @@ void ReferenceBlock::endOfLife() noexcept {
     try {
       target->extremeUnction();
     } catch (...) {
-      reportDiagnostic(Diagnostic::HookException, describe("extremeUnction threw", target));
+      reportDiagnostic(Diagnostic::HookException,
+                       describe("extremeUnction threw", &typeid(*target)));
     }
+    // Once the guard is gone another thread may finish the object, so the
+    // report must not touch it after that.
+    const std::type_info* type = &typeid(*target);
     if (strong.fetch_sub(1, std::memory_order_acq_rel) != 1) {
       reportDiagnostic(Diagnostic::CancelledDestruction,
-                       describe("strong handles taken during end of life remain", target));
+                       describe("strong handles taken during end of life remain", type));
       return;
     }
   }

@@ -13,7 +13,25 @@
 #include <type_traits>
 #include <utility>
 
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#define OSTRAK_KNOWS_SINGLE_THREADED 1
+#endif
+
 namespace Ostrak {
+
+namespace detail {
+/// True while the process has one thread. Counts then change with plain
+/// loads and stores, as the standard library's shared pointers do: nobody can
+/// race, and starting a thread orders everything before it.
+inline bool singleThreaded() noexcept {
+#ifdef OSTRAK_KNOWS_SINGLE_THREADED
+  return __libc_single_threaded != 0;
+#else
+  return false;
+#endif
+}
+}  // namespace detail
 
 class ReferenceCounter;
 
@@ -52,19 +70,25 @@ struct ReferenceBlock {
     return holds - (objectHold ? 1 : 0) + strongCount();
   }
 
-  void acquireStrong() noexcept { strong.fetch_add(1, std::memory_order_relaxed); }
+  void acquireStrong() noexcept { increment(strong); }
   void releaseStrong() noexcept {
-    int32_t previous = strong.fetch_sub(1, std::memory_order_acq_rel);
-    if (previous != 1) {
-      if (previous <= 0) releaseInvalidStrong(previous);
-      return;
+    int32_t previous = decrement(strong);
+    if (previous > 1) return;
+    if (previous == 1) {
+      endOfLife();
+    } else {
+      releaseInvalidStrong(previous);
     }
-    endOfLife();
   }
   /// Takes a strong reference unless destruction has begun or nobody ever
   /// held the object strongly. Returns whether it succeeded.
   bool tryPromote() noexcept {
     int32_t s = strong.load(std::memory_order_relaxed);
+    if (detail::singleThreaded()) {
+      if (s <= 0) return false;
+      strong.store(s + 1, std::memory_order_relaxed);
+      return true;
+    }
     while (s > 0) {
       if (strong.compare_exchange_weak(s, s + 1, std::memory_order_acq_rel,
                                        std::memory_order_relaxed)) {
@@ -73,9 +97,9 @@ struct ReferenceBlock {
     }
     return false;
   }
-  void acquireWeak() noexcept { weak.fetch_add(1, std::memory_order_relaxed); }
+  void acquireWeak() noexcept { increment(weak); }
   void releaseWeak() noexcept {
-    if (weak.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+    if (decrement(weak) == 1) delete this;
   }
 
   /// Takes a strong reference from a raw object pointer; runs the object's
@@ -84,6 +108,23 @@ struct ReferenceBlock {
   bool adoptFromRaw() noexcept;
 
  private:
+  static void increment(std::atomic<int32_t>& count) noexcept {
+    if (detail::singleThreaded()) {
+      count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    } else {
+      count.fetch_add(1, std::memory_order_relaxed);
+    }
+  }
+  /// Returns the previous value. Acquire-release order: whoever takes a count
+  /// to its end must see every use made under the other handles.
+  static int32_t decrement(std::atomic<int32_t>& count) noexcept {
+    if (detail::singleThreaded()) {
+      int32_t previous = count.load(std::memory_order_relaxed);
+      count.store(previous - 1, std::memory_order_relaxed);
+      return previous;
+    }
+    return count.fetch_sub(1, std::memory_order_acq_rel);
+  }
   void endOfLife() noexcept;
   void releaseInvalidStrong(int32_t previous) noexcept;
 };
@@ -225,8 +266,9 @@ class StrongPtr {
   T* operator->() const noexcept { return get(); }
   T& operator*() const noexcept { return *get(); }
 
-  int32_t strongCount() const noexcept { return block_ ? block_->strongCount() : 0; }
-  int32_t weakCount() const noexcept { return block_ ? block_->weakCount() : 0; }
+  /// Counts of the object's handles; 0 for an invalid handle, as for a null one.
+  int32_t strongCount() const noexcept { return valid() ? block_->strongCount() : 0; }
+  int32_t weakCount() const noexcept { return valid() ? block_->weakCount() : 0; }
 
   // Raw access for the handle machinery; no validity test.
   ReferenceBlock* referenceBlock() const noexcept { return block_; }
@@ -321,8 +363,9 @@ class WeakPtr {
   /// A strong handle, or null when the object is gone or dying.
   StrongPtr<T, B> lock() const noexcept { return StrongPtr<T, B>(*this); }
 
-  int32_t strongCount() const noexcept { return block_ ? block_->strongCount() : 0; }
-  int32_t weakCount() const noexcept { return block_ ? block_->weakCount() : 0; }
+  /// Counts of the object's handles; 0 for an invalid handle, as for a null one.
+  int32_t strongCount() const noexcept { return valid() ? block_->strongCount() : 0; }
+  int32_t weakCount() const noexcept { return valid() ? block_->weakCount() : 0; }
 
   ReferenceBlock* referenceBlock() const noexcept { return block_; }
   T* rawPointer() const noexcept { return ptr_; }

@@ -1,3 +1,0 @@
-#include <gtest/gtest.h>
-#include "ostrak/Ostrak.hpp"
-TEST(Smoke, builds) { SUCCEED(); }
