@@ -13,17 +13,14 @@ Parameter::Parameter(const std::string& name, Ostrak::AttributeValue value)
 Parameter::~Parameter() = default;
 
 std::optional<double> Parameter::getDouble() const {
-  if (const double* number = std::get_if<double>(&value_))
-    return *number;
-  if (const int64_t* number = std::get_if<int64_t>(&value_))
-    return static_cast<double>(*number);
+  if (const double* number = std::get_if<double>(&value_)) return *number;
+  if (const int64_t* number = std::get_if<int64_t>(&value_)) return static_cast<double>(*number);
   return std::nullopt;
 }
 
 StrongPtr<Parameter> ParameterSet::find(const std::string& name) const {
   for (const StrongPtr<Parameter>& parameter : *this) {
-    if (parameter && parameter->getName() == name)
-      return parameter;
+    if (parameter && parameter->getName() == name) return parameter;
   }
   return {};
 }
@@ -40,16 +37,13 @@ class FieldTypeProbe : public EvolutionIterator<Grid> {
 
   bool apply(double, GridID&, Grid& grid) override {
     StrongPtr<Representation> representation = grid.getCartesianRepresentation("");
-    if (!representation || representation->nFields() == 0)
-      return true;
+    if (!representation || representation->nFields() == 0) return true;
     int matches = 0;
     representation->iterate([&](const StrongPtr<FieldID>&, const StrongPtr<Field>& field) {
-      if (field && containsType(types_, field->getElementType()))
-        ++matches;
+      if (field && containsType(types_, field->getElementType())) ++matches;
       return true;
     });
-    if (matches < 1)
-      return true;
+    if (matches < 1) return true;
     found_ = true;
     return false;
   }
@@ -71,20 +65,17 @@ GridSelector::GridSelector(const BundlePtr& bundle, const std::string& gridname)
 GridSelector::~GridSelector() = default;
 
 bool GridSelector::providesFieldTypes(const TypeList& types) const {
-  if (!bundle || types.empty())
-    return true;
+  if (!bundle || types.empty()) return true;
   FieldTypeProbe probe(types);
   // A grid that occurs nowhere is not held against the selector.
-  if (bundle->iterate(gridname, probe, true) < 1)
-    return true;
+  if (bundle->iterate(gridname, probe, true) < 1) return true;
   return probe.found();
 }
 
 Info<Grid> GridSelector::getRefinementLevel(double time, int level, int extra,
                                             const BundlePtr& bundle) const {
   const BundlePtr& source = bundle ? bundle : this->bundle;
-  if (!source)
-    return {};
+  if (!source) return {};
   return source->findPreviousRefinementLevel(time, gridname, level, nullptr, extra);
 }
 
