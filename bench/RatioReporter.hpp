@@ -16,8 +16,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred)
-        continue;
+      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
       times_[run.benchmark_name()] = run.GetAdjustedCPUTime();
     }
   }
@@ -28,8 +27,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
     for (const auto& [name, time] : times_) {
       std::string baseline = baselineOf(name);
       auto found = times_.find(baseline);
-      if (baseline.empty() || found == times_.end() || found->second <= 0)
-        continue;
+      if (baseline.empty() || found == times_.end() || found->second <= 0) continue;
       std::printf("  %-60s %8.2f\n", name.c_str(), time / found->second);
     }
   }
@@ -37,8 +35,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
  private:
   // "Family/args" -> "Family_Baseline/args"; empty for baselines themselves.
   static std::string baselineOf(const std::string& name) {
-    if (name.find("_Baseline") != std::string::npos)
-      return {};
+    if (name.find("_Baseline") != std::string::npos) return {};
     size_t slash = name.find('/');
     std::string family = name.substr(0, slash);
     std::string rest = slash == std::string::npos ? "" : name.substr(slash);
@@ -51,8 +48,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
 /// Runs the registered benchmarks with the ratio reporter.
 inline int runWithRatios(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv))
-    return 1;
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();

@@ -30,8 +30,7 @@ using Baseline = std::map<double, std::unordered_map<std::string, std::shared_pt
 
 std::vector<std::string> gridNames(int count) {
   std::vector<std::string> names;
-  for (int i = 0; i < count; ++i)
-    names.push_back("grid" + std::to_string(i));
+  for (int i = 0; i < count; ++i) names.push_back("grid" + std::to_string(i));
   return names;
 }
 
@@ -40,8 +39,7 @@ BundlePtr buildBundle(int slices, const std::vector<std::string>& names) {
   bundle.create();
   for (int t = 0; t < slices; ++t) {
     Quaril::SlicePtr slice = (*bundle)[t];
-    for (const std::string& name : names)
-      (*slice)[name];
+    for (const std::string& name : names) (*slice)[name];
   }
   return bundle;
 }
@@ -52,8 +50,7 @@ Baseline buildBaseline(int slices, const std::vector<std::string>& names) {
     auto& slice = baseline[t];
     for (const std::string& name : names) {
       auto& grid = slice[name];
-      if (!grid)
-        grid = std::make_shared<GridStandIn>();
+      if (!grid) grid = std::make_shared<GridStandIn>();
     }
   }
   return baseline;
@@ -89,8 +86,7 @@ void SliceLookup(benchmark::State& state) {
   Quaril::SlicePtr slice = (*bundle)[0.0];
   std::mt19937 random(7);
   std::uniform_int_distribution<size_t> pick(0, names.size() - 1);
-  for (auto _ : state)
-    benchmark::DoNotOptimize((*slice)(names[pick(random)]).get());
+  for (auto _ : state) benchmark::DoNotOptimize((*slice)(names[pick(random)]).get());
 }
 BENCHMARK(SliceLookup)->Arg(100)->Arg(10000);
 
@@ -138,8 +134,7 @@ const GridStandIn* baselinePrevious(const Baseline& baseline, double t, const st
   while (entry != baseline.begin()) {
     --entry;
     auto found = entry->second.find(name);
-    if (found != entry->second.end())
-      return found->second.get();
+    if (found != entry->second.end()) return found->second.get();
   }
   return nullptr;
 }
@@ -148,8 +143,7 @@ void MostRecentGrid(benchmark::State& state) {
   const Bundle& bundle = *searchData().bundle;
   std::mt19937 random(11);
   std::uniform_real_distribution<double> time(0, kSlices);
-  for (auto _ : state)
-    benchmark::DoNotOptimize(bundle.findMostRecentGrid(time(random), "sparse"));
+  for (auto _ : state) benchmark::DoNotOptimize(bundle.findMostRecentGrid(time(random), "sparse"));
 }
 BENCHMARK(MostRecentGrid);
 
@@ -157,8 +151,7 @@ void MostRecentGrid_Baseline(benchmark::State& state) {
   const Baseline& baseline = searchData().baseline;
   std::mt19937 random(11);
   std::uniform_real_distribution<double> time(0, kSlices);
-  for (auto _ : state)
-    benchmark::DoNotOptimize(baselinePrevious(baseline, time(random), "sparse"));
+  for (auto _ : state) benchmark::DoNotOptimize(baselinePrevious(baseline, time(random), "sparse"));
 }
 BENCHMARK(MostRecentGrid_Baseline);
 
@@ -166,8 +159,7 @@ void FindPrev(benchmark::State& state) {
   const Bundle& bundle = *searchData().bundle;
   std::mt19937 random(13);
   std::uniform_real_distribution<double> time(0, kSlices - 1);
-  for (auto _ : state)
-    benchmark::DoNotOptimize(bundle.findPrev(time(random), "sparse"));
+  for (auto _ : state) benchmark::DoNotOptimize(bundle.findPrev(time(random), "sparse"));
 }
 BENCHMARK(FindPrev);
 
@@ -175,8 +167,7 @@ void FindPrev_Baseline(benchmark::State& state) {
   const Baseline& baseline = searchData().baseline;
   std::mt19937 random(13);
   std::uniform_real_distribution<double> time(0, kSlices - 1);
-  for (auto _ : state)
-    benchmark::DoNotOptimize(baselinePrevious(baseline, time(random), "sparse"));
+  for (auto _ : state) benchmark::DoNotOptimize(baselinePrevious(baseline, time(random), "sparse"));
 }
 BENCHMARK(FindPrev_Baseline);
 
@@ -200,8 +191,7 @@ void NumberOfGrids_Baseline(benchmark::State& state) {
     double t0 = time(random);
     unsigned count = 0;
     for (auto entry = baseline.lower_bound(t0); entry != baseline.upper_bound(t0 + 1000); ++entry) {
-      if (entry->second.count("grid3"))
-        ++count;
+      if (entry->second.count("grid3")) ++count;
     }
     benchmark::DoNotOptimize(count);
   }
@@ -237,8 +227,7 @@ void IterateEvolution_Baseline(benchmark::State& state) {
   for (auto _ : state) {
     for (const auto& [t, grids] : baseline) {
       auto found = grids.find("grid5");
-      if (found != grids.end() && !visit(t, *found->second))
-        break;
+      if (found != grids.end() && !visit(t, *found->second)) break;
     }
   }
   benchmark::DoNotOptimize(sum);

@@ -15,8 +15,7 @@ Binder::Parameters::~Parameters() = default;
 Ostrak::StrongPtr<Binder::Parameters> Binder::Parameters::of(
     const Ostrak::StrongPtr<Ostrak::InterfaceIterationParameter>& request) {
   auto saveRequest = Ostrak::dynamic_pointer_cast<Ostrak::SaveParameters>(request);
-  if (!saveRequest)
-    return {};
+  if (!saveRequest) return {};
   return saveRequest->findInterface<Parameters>();
 }
 

@@ -43,8 +43,7 @@ void Bundle::addNotifier(const StrongPtr<Notifier>& notifier) {
 
 void Bundle::announceModification() const {
   for (StrongPtr<Notifier> notifier : notifiers_) {
-    if (notifier)
-      notifier->bundleModified(*this);
+    if (notifier) notifier->bundleModified(*this);
   }
 }
 
@@ -57,16 +56,13 @@ bool Bundle::processOwnership(Ostrak::Intercube& target, const Ostrak::Intercube
   using MemHandle = StrongPtr<MemBase, Cacheable>;
   auto item = Ostrak::dynamic_pointer_cast<Ostrak::SaveItem<MemHandle>>(
       source.findInterface(typeid(MemHandle)));
-  if (!item)
-    return true;
-  if (!storage_)
-    return false;
+  if (!item) return true;
+  if (!storage_) return false;
   return storage_->synchronize(*this, item->item, target) != 0;
 }
 
 int Bundle::sync() const {
-  if (!storage_)
-    return 0;
+  if (!storage_) return 0;
   Ostrak::Intercube nothing;
   return storage_->synchronize(*this, {}, nothing);
 }
@@ -94,8 +90,7 @@ const GridList::IdentifierSet& Bundle::getGridIdentifiers() const {
 unsigned Bundle::getMemoryUsage(unsigned long long& first, unsigned long long& second) const {
   unsigned total = 0;
   for (const auto& [time, slice] : slices_) {
-    if (slice)
-      total += slice->getMemoryUsage(first, second);
+    if (slice) total += slice->getMemoryUsage(first, second);
   }
   return total;
 }
@@ -104,8 +99,7 @@ std::string Bundle::xml() const {
   std::string text;
   for (const auto& [time, entry] : slices_) {
     SlicePtr slice = entry;
-    if (!slice)
-      continue;
+    if (!slice) continue;
     char formatted[64];
     std::snprintf(formatted, sizeof formatted, "%lg", time);
     text += " <SLICE>\n";
@@ -121,8 +115,7 @@ std::string Bundle::xml() const {
 // ---- time navigation -------------------------------------------------------------
 
 SlicePtr Bundle::operator[](double t) {
-  if (std::isnan(t))
-    return {};
+  if (std::isnan(t)) return {};
   auto entry = slices_.lower_bound(t);
   if (entry == slices_.end() || t < entry->first)
     entry = slices_.emplace_hint(entry, t, SlicePtr());
@@ -134,11 +127,9 @@ SlicePtr Bundle::operator[](double t) {
 }
 
 SlicePtr Bundle::operator()(double& t) const {
-  if (std::isnan(t))
-    return {};
+  if (std::isnan(t)) return {};
   auto entry = slices_.lower_bound(t);
-  if (entry == slices_.end() || t < entry->first || !entry->second)
-    return {};
+  if (entry == slices_.end() || t < entry->first || !entry->second) return {};
   t = entry->first;
   return entry->second;
 }
@@ -148,15 +139,13 @@ SlicePtr Bundle::findNext(double&) const {
 }
 
 SlicePtr Bundle::findPrev(double& t) const {
-  if (slices_.empty() || std::isnan(t))
-    return {};
+  if (slices_.empty() || std::isnan(t)) return {};
   auto first = slices_.begin();
   if (t < first->first) {
     t = first->first;
     return {};
   }
-  if (first->first == t)
-    return first->second;
+  if (first->first == t) return first->second;
   auto before = std::prev(slices_.lower_bound(t));
   t = before->first;
   return before->second;
@@ -171,8 +160,7 @@ double Bundle::maxTime() const {
 }
 
 std::pair<double, SliceWeakPtr> Bundle::firstSlice() const {
-  if (slices_.empty())
-    return {0.0, SliceWeakPtr()};
+  if (slices_.empty()) return {0.0, SliceWeakPtr()};
   return {slices_.begin()->first, slices_.begin()->second};
 }
 
@@ -194,8 +182,7 @@ Slice::GridEntry Bundle::getUniqueGrid(double t) const {
 StrongPtr<Grid> Bundle::lookUp(Slice& slice, const std::string& name, StrongPtr<GridID>& id) const {
   slice.accessSlice();
   if (!id) {
-    if (!gridList_)
-      return {};
+    if (!gridList_) return {};
     id = gridList_->find(name);
   }
   return slice(id);
@@ -221,10 +208,8 @@ Bundle::GridInfo Bundle::findFirst(const std::string& name, bool skipUnloaded) c
   StrongPtr<GridID> id;
   for (const auto& [time, entry] : slices_) {
     SlicePtr slice = entry;
-    if (skipped(slice, skipUnloaded))
-      continue;
-    if (StrongPtr<Grid> grid = lookUp(*slice, name, id))
-      return found(time, slice, grid);
+    if (skipped(slice, skipUnloaded)) continue;
+    if (StrongPtr<Grid> grid = lookUp(*slice, name, id)) return found(time, slice, grid);
   }
   return {};
 }
@@ -233,27 +218,22 @@ Bundle::GridInfo Bundle::findLast(const std::string& name, bool skipUnloaded) co
   StrongPtr<GridID> id;
   for (auto entry = slices_.rbegin(); entry != slices_.rend(); ++entry) {
     SlicePtr slice = entry->second;
-    if (skipped(slice, skipUnloaded))
-      continue;
-    if (StrongPtr<Grid> grid = lookUp(*slice, name, id))
-      return found(entry->first, slice, grid);
+    if (skipped(slice, skipUnloaded)) continue;
+    if (StrongPtr<Grid> grid = lookUp(*slice, name, id)) return found(entry->first, slice, grid);
   }
   return {};
 }
 
 Bundle::GridInfo Bundle::findNext(double t, const std::string& name) const {
-  if (std::isnan(t))
-    return {};
+  if (std::isnan(t)) return {};
   StrongPtr<GridID> id;
   for (auto entry = slices_.lower_bound(t); entry != slices_.end(); ++entry) {
     SlicePtr slice = entry->second;
     if (slice) {
-      if (StrongPtr<Grid> grid = lookUp(*slice, name, id))
-        return found(entry->first, slice, grid);
+      if (StrongPtr<Grid> grid = lookUp(*slice, name, id)) return found(entry->first, slice, grid);
     }
     // Deliberately gives up when the first slice of the bundle failed.
-    if (entry == slices_.begin())
-      return {};
+    if (entry == slices_.begin()) return {};
   }
   return {};
 }
@@ -264,19 +244,15 @@ namespace {
 // strictly after `t` or none lies at or before it.
 template <class Lookup>
 Info<Grid> searchBackward(const Bundle::SliceTable& slices, double t, Lookup&& lookup) {
-  if (std::isnan(t))
-    return {};
+  if (std::isnan(t)) return {};
   auto after = slices.upper_bound(t);
-  if (after == slices.end() || after == slices.begin())
-    return {};
+  if (after == slices.end() || after == slices.begin()) return {};
   for (auto entry = std::prev(after);; --entry) {
     SlicePtr slice = entry->second;
     if (slice) {
-      if (StrongPtr<Grid> grid = lookup(*slice))
-        return found(entry->first, slice, grid);
+      if (StrongPtr<Grid> grid = lookup(*slice)) return found(entry->first, slice, grid);
     }
-    if (entry == slices.begin())
-      return {};
+    if (entry == slices.begin()) return {};
   }
 }
 
@@ -292,13 +268,11 @@ Bundle::GridInfo Bundle::findPrev(double t, const StrongPtr<GridID>& id) const {
 }
 
 Bundle::GridInfo Bundle::findPreviousGrid(double t, const StrongPtr<GridID>& id) const {
-  if (!id)
-    return {};
+  if (!id) return {};
   GridInfo result;
   result.slice = id->prev(t);
   result.time = t;
-  if (SlicePtr slice = result.slice.lock())
-    result.grid = (*slice)(id);
+  if (SlicePtr slice = result.slice.lock()) result.grid = (*slice)(id);
   return result;
 }
 
@@ -311,8 +285,7 @@ Bundle::GridInfo Bundle::findMostRecentGrid(double t, const std::string& name) c
 }
 
 Bundle::GridInfo Bundle::findMostRecentGrid(double t, const StrongPtr<GridID>& id) const {
-  if (!id)
-    return {};
+  if (!id) return {};
   return findPreviousGrid(t, id->getName());
 }
 
@@ -323,8 +296,7 @@ unsigned Bundle::NumberOfGrids(const std::string& name, bool skipUnloaded) const
 
 unsigned Bundle::NumberOfGrids(double t0, double t1, const std::string& name,
                                bool skipUnloaded) const {
-  if (std::isnan(t0) || std::isnan(t1))
-    return 0;
+  if (std::isnan(t0) || std::isnan(t1)) return 0;
   auto [low, high] = std::minmax(t0, t1);
   return walkOccurrences(slices_.lower_bound(low), slices_.upper_bound(high), name, skipUnloaded,
                          [](double, GridID&, Grid&) { return true; });
@@ -347,14 +319,11 @@ unsigned Bundle::walkOccurrences(SliceTable::const_iterator from, SliceTable::co
   StrongPtr<GridID> id;
   for (auto entry = from; entry != to; ++entry) {
     SlicePtr slice = entry->second;
-    if (skipped(slice, skipUnloaded))
-      continue;
+    if (skipped(slice, skipUnloaded)) continue;
     StrongPtr<Grid> grid = lookUp(*slice, name, id);
-    if (!grid)
-      continue;
+    if (!grid) continue;
     ++visits;
-    if (!visit(entry->first, *id, *grid))
-      break;
+    if (!visit(entry->first, *id, *grid)) break;
   }
   return visits;
 }
@@ -378,22 +347,18 @@ unsigned Bundle::iterate(const StrongPtr<GridID>& id,
   unsigned visits = 0;
   for (const auto& [time, entry] : slices_) {
     SlicePtr slice = entry;
-    if (skipped(slice, skipUnloaded))
-      continue;
+    if (skipped(slice, skipUnloaded)) continue;
     StrongPtr<Grid> grid = (*slice)(id);
-    if (!grid)
-      continue;
+    if (!grid) continue;
     ++visits;
-    if (!f(time, *id, *grid))
-      break;
+    if (!f(time, *id, *grid)) break;
   }
   return visits;
 }
 
 unsigned Bundle::iterateForward(double& t, const std::string& name, EvolutionIterator<Grid>& it,
                                 bool skipUnloaded) const {
-  if (std::isnan(t))
-    return 0;
+  if (std::isnan(t)) return 0;
   return walkOccurrences(slices_.lower_bound(t), slices_.end(), name, skipUnloaded,
                          [&](double time, GridID& id, Grid& grid) {
                            t = time;
@@ -403,11 +368,9 @@ unsigned Bundle::iterateForward(double& t, const std::string& name, EvolutionIte
 
 unsigned Bundle::iterateBackward(double& t, const std::string& name, EvolutionIterator<Grid>& it,
                                  bool skipUnloaded) const {
-  if (std::isnan(t))
-    return 0;
+  if (std::isnan(t)) return 0;
   auto after = slices_.upper_bound(t);
-  if (after == slices_.end() || after == slices_.begin())
-    return 0;
+  if (after == slices_.end() || after == slices_.begin()) return 0;
   unsigned visits = 0;
   StrongPtr<GridID> id;
   for (auto entry = std::prev(after);; --entry) {
@@ -416,12 +379,10 @@ unsigned Bundle::iterateBackward(double& t, const std::string& name, EvolutionIt
       if (StrongPtr<Grid> grid = lookUp(*slice, name, id)) {
         t = entry->first;
         ++visits;
-        if (!it.apply(entry->first, *id, *grid))
-          break;
+        if (!it.apply(entry->first, *id, *grid)) break;
       }
     }
-    if (entry == slices_.begin())
-      break;
+    if (entry == slices_.begin()) break;
   }
   return visits;
 }
@@ -431,17 +392,14 @@ unsigned Bundle::iterate(const ParameterList& parameters, EvolutionIterator<Slic
   set.assign(parameters.begin(), parameters.end());
   StrongPtr<Parameter> time(new Parameter("time", 0.0));
   set.push_back(time);
-  if (SlicePtr first = firstSlice().second.lock())
-    first->accessSlice();
+  if (SlicePtr first = firstSlice().second.lock()) first->accessSlice();
   unsigned visits = 0;
   for (const auto& [sliceTime, entry] : slices_) {
     SlicePtr slice = entry;
-    if (!slice)
-      continue;
+    if (!slice) continue;
     time->setValue(sliceTime);
     ++visits;
-    if (!it.apply(set, *slice))
-      break;
+    if (!it.apply(set, *slice)) break;
   }
   return visits;
 }
@@ -458,12 +416,10 @@ int refinementFactor(int level) {
 Bundle::GridInfo Bundle::refinementIn(double time, const SlicePtr& slice, const std::string& name,
                                       int level, int extra) const {
   GridInfo result;
-  if (!slice)
-    return result;
+  if (!slice) return result;
   StrongPtr<GridID> id;
   result.grid = lookUp(*slice, name, id);
-  if (!result.grid)
-    return result;
+  if (!result.grid) return result;
   result.time = time;
   result.slice = slice;
   result.skeleton = result.grid->findIsotropicRefinementFactor(refinementFactor(level), extra);
@@ -473,12 +429,10 @@ Bundle::GridInfo Bundle::refinementIn(double time, const SlicePtr& slice, const 
 Bundle::GridInfo Bundle::findNextRefinementLevel(SliceTable::const_iterator& pos,
                                                  const std::string& name, int level,
                                                  int extra) const {
-  if (pos == slices_.end())
-    return {};
+  if (pos == slices_.end()) return {};
   for (++pos; pos != slices_.end(); ++pos) {
     GridInfo result = refinementIn(pos->first, pos->second, name, level, extra);
-    if (result.grid && result.skeleton)
-      return result;
+    if (result.grid && result.skeleton) return result;
   }
   return {};
 }
@@ -486,15 +440,13 @@ Bundle::GridInfo Bundle::findNextRefinementLevel(SliceTable::const_iterator& pos
 Bundle::GridInfo Bundle::findPreviousRefinementLevel(double& t, const std::string& name, int level,
                                                      EvolutionIterator<Skeleton>* it,
                                                      int extra) const {
-  if (slices_.empty() || std::isnan(t))
-    return {};
+  if (slices_.empty() || std::isnan(t)) return {};
   auto after = slices_.upper_bound(t);
   auto first = slices_.begin();
 
   if (slices_.size() == 1 && !(t < first->first)) {
     GridInfo result = refinementIn(first->first, first->second, name, level, extra);
-    if (!result.grid)
-      return {};
+    if (!result.grid) return {};
     if (!result.skeleton) {
       std::printf("No level %d found\n", level);
       return {};
@@ -513,19 +465,15 @@ Bundle::GridInfo Bundle::findPreviousRefinementLevel(double& t, const std::strin
   GridInfo result;
   for (;; --position) {
     result = refinementIn(position->first, position->second, name, level, extra);
-    if (result.grid && result.skeleton)
-      break;
-    if (position == first)
-      return {};
+    if (result.grid && result.skeleton) break;
+    if (position == first) return {};
   }
 
   t = result.time;
-  if (!it || !it->apply(result.time, *result.grid, *result.skeleton))
-    return result;
+  if (!it || !it->apply(result.time, *result.grid, *result.skeleton)) return result;
   for (;;) {
     GridInfo further = findNextRefinementLevel(position, name, level, extra);
-    if (!further.grid || !it->apply(further.time, *further.grid, *further.skeleton))
-      break;
+    if (!further.grid || !it->apply(further.time, *further.grid, *further.skeleton)) break;
   }
   return result;
 }
@@ -533,8 +481,7 @@ Bundle::GridInfo Bundle::findPreviousRefinementLevel(double& t, const std::strin
 // ---- handle ------------------------------------------------------------------------------
 
 Bundle* BundlePtr::create() {
-  if (valid())
-    return get();
+  if (valid()) return get();
   *this = BundlePtr(new Bundle);
   return get();
 }
@@ -553,8 +500,7 @@ bool Bundle::merge(const StrongPtr<Ostrak::LoaderParameters>& request) {
   // holder of its own the bundle would die under the load.
   StrongPtr<Bundle> self = Ostrak::strongFromThis(this);
   if (!self) {
-    if (request)
-      request->setErrorText("No strong references on bundle pointer!");
+    if (request) request->setErrorText("No strong references on bundle pointer!");
     return false;
   }
   bool ok = false;
@@ -621,8 +567,7 @@ bool BundlePtr::load(const std::list<std::string>& filenames,
                      const StrongPtr<Ostrak::LoaderProgress>& progress) {
   create();
   StrongPtr<Ostrak::LoaderParameters> request(new Ostrak::LoaderParameters(filenames));
-  if (progress)
-    request->addInterface(progress);
+  if (progress) request->addInterface(progress);
   bool ok = false;
   Bundle::load(ok, request, *this);
   return ok;
@@ -630,8 +575,7 @@ bool BundlePtr::load(const std::list<std::string>& filenames,
 
 bool BundlePtr::save(const std::string& filename, const StrongPtr<Ostrak::LoaderProgress>& progress,
                      const StrongPtr<StorageTransformations>& transformations) const {
-  if (!valid())
-    return false;
+  if (!valid()) return false;
   return get()->save(filename, progress, transformations);
 }
 
@@ -639,8 +583,7 @@ int BundlePtr::saveGrids(const std::string& filename,
                          const StrongPtr<Ostrak::StringList>& gridNames,
                          const StrongPtr<Ostrak::LoaderProgress>& progress,
                          const StrongPtr<StorageTransformations>& transformations) const {
-  if (!valid())
-    return -1;
+  if (!valid()) return -1;
   StrongPtr<Ostrak::SaveParameters> request(gridNames ? new GridSaveParameters(filename, gridNames)
                                                       : new Ostrak::SaveParameters(filename));
   attachSaveInterfaces(*request, progress, transformations);

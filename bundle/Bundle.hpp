@@ -313,9 +313,8 @@ class BundlePtr : public Ostrak::StrongPtr<Bundle, Ostrak::Ownable<Slice>::Conta
   /// Takes a strong reference on `bundle` and runs its deferred initialisation.
   explicit BundlePtr(Bundle* bundle) : Base(bundle) {}
   BundlePtr(const Base& other) : Base(other) {}
-  template <class U, class C>
-  requires std::is_convertible_v<U*, Bundle*> BundlePtr(const Ostrak::StrongPtr<U, C>& other)
-      : Base(other) {}
+  template <Ostrak::PointerConvertibleTo<Bundle> U, class C>
+  BundlePtr(const Ostrak::StrongPtr<U, C>& other) : Base(other) {}
 
   /// The live bundle of this handle; a new one when the handle is empty or
   /// dead. Never makes a second bundle for a live handle.

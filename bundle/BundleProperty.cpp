@@ -34,10 +34,8 @@ class SliceCheck : public EvolutionIterator<Slice> {
       : property_(property), gridname_(gridname) {}
 
   bool apply(ParameterSet&, Slice& slice) override {
-    if (slice.hasPendingLoaders())
-      return true;
-    if (!property_.checkSlice(slice, gridname_))
-      return true;
+    if (slice.hasPendingLoaders()) return true;
+    if (!property_.checkSlice(slice, gridname_)) return true;
     found = true;
     return false;
   }
@@ -64,14 +62,12 @@ bool hasProperty(const Bundle& bundle, const BundleProperty& property) {
 }
 
 bool hasProperty(BundlePtr bundle, const BundleProperty& property) {
-  if (!bundle)
-    return false;
+  if (!bundle) return false;
   return hasProperty(*bundle.create(), property);
 }
 
 bool hasProperty(const GridSelector& selector, const BundleProperty& property) {
-  if (!selector.bundle)
-    return false;
+  if (!selector.bundle) return false;
   return survey(*selector.bundle, property, selector.gridname);
 }
 
@@ -99,8 +95,7 @@ namespace {
 
 StrongPtr<Field> positionsOf(const Grid& grid) {
   StrongPtr<Representation> representation = grid.getCartesianRepresentation("");
-  if (!representation)
-    return {};
+  if (!representation) return {};
   return representation->findField(representation->findFieldID(Grid::PositionsName));
 }
 
@@ -113,8 +108,7 @@ struct Produced {
 
 Produced produce(const StrongPtr<CreativeArrayBase>& creator) {
   Produced result;
-  if (!creator || !creator->isProducible())
-    return result;
+  if (!creator || !creator->isProducible()) return result;
   result.passes = true;
   creator->setCaching(true);
   result.data = creator->getData();
@@ -144,17 +138,14 @@ void eachFragment(const Field& field, Visit&& visit) {
 bool isUniformCartesianGrid::checkGrid(const Grid& grid) const {
   Ostrak::SourceCodeLineGuard marker(kUniformCheck);
   StrongPtr<Field> positions = positionsOf(grid);
-  if (!positions || positions->nFragments() > 1)
-    return false;
-  if (!produce(positions->getCreator(StrongPtr<FragmentID>())).passes)
-    return false;
+  if (!positions || positions->nFragments() > 1) return false;
+  if (!produce(positions->getCreator(StrongPtr<FragmentID>())).passes) return false;
   return holds<UniformCartesianArray>(positions->getData(StrongPtr<FragmentID>()));
 }
 
 bool isFragmentedUniformCartesianGrid::checkGrid(const Grid& grid) const {
   StrongPtr<Field> positions = positionsOf(grid);
-  if (!positions)
-    return false;
+  if (!positions) return false;
   bool uniform = true;
   eachFragment(*positions, [&](const Produced& fragment) {
     uniform = fragment.passes && holds<UniformCartesianArray>(fragment.data);
@@ -165,8 +156,7 @@ bool isFragmentedUniformCartesianGrid::checkGrid(const Grid& grid) const {
 
 bool isCurvilinearGrid::checkGrid(const Grid& grid) const {
   StrongPtr<Field> positions = positionsOf(grid);
-  if (!positions)
-    return false;
+  if (!positions) return false;
   bool curvilinear = false;
   eachFragment(*positions, [&](const Produced& fragment) {
     curvilinear = fragment.passes && holds<MemArray<3, point>>(fragment.data);
@@ -177,15 +167,13 @@ bool isCurvilinearGrid::checkGrid(const Grid& grid) const {
 
 bool hasExplicitCartesianCoordinates::checkGrid(const Grid& grid) const {
   StrongPtr<Field> positions = positionsOf(grid);
-  if (!positions)
-    return false;
+  if (!positions) return false;
   bool seen = false;
   bool stored = false;
   eachFragment(*positions, [&](const Produced& fragment) {
     if (fragment.passes) {
       seen = true;
-      if (holds<TypedArray<point>>(fragment.data))
-        stored = true;
+      if (holds<TypedArray<point>>(fragment.data)) stored = true;
     }
     return true;
   });
@@ -194,8 +182,7 @@ bool hasExplicitCartesianCoordinates::checkGrid(const Grid& grid) const {
 
 bool hasCartesianCoordinates::checkGrid(const Grid& grid) const {
   StrongPtr<Field> positions = grid.CartesianPositions();
-  if (!positions)
-    return false;
+  if (!positions) return false;
   const std::type_info& stored = positions->getFieldStorageType();
   return stored.name() == typeid(point).name() || stored == typeid(point);
 }

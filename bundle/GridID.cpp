@@ -17,12 +17,9 @@ bool GridID::insert(double time, const SliceWeakPtr& slice) {
 
 bool GridID::insertChild(const WeakPtr<GridID>& child) {
   GridID* target = child.get();
-  if (!target)
-    return false;
-  if (target->parent_.referenceBlock() == referenceBlock())
-    return true;
-  if (target->parent_.valid())
-    return false;  // one live parent; a second is refused
+  if (!target) return false;
+  if (target->parent_.referenceBlock() == referenceBlock()) return true;
+  if (target->parent_.valid()) return false;  // one live parent; a second is refused
   target->parent_ = WeakPtr<GridID>(this);
   children_.insert(child);
   return true;
@@ -40,8 +37,7 @@ bool GridID::isChildOf(const WeakPtr<GridID>& parent) const noexcept {
 uint32_t GridID::iterate(Iterator& it) const {
   uint32_t count = 0;
   for (const WeakPtr<GridID>& child : children_) {
-    if (!it.apply(child))
-      break;
+    if (!it.apply(child)) break;
     ++count;
   }
   return count;
@@ -61,8 +57,7 @@ StrongPtr<GridID> GridList::find(const std::string& name) const {
 }
 
 StrongPtr<GridID> GridList::operator[](const std::string& name) {
-  if (StrongPtr<GridID> existing = find(name))
-    return existing;
+  if (StrongPtr<GridID> existing = find(name)) return existing;
   StrongPtr<GridID> created(new GridID(name));
   ids_.insert(created);
   byName_[name] = created.get();
@@ -72,8 +67,7 @@ StrongPtr<GridID> GridList::operator[](const std::string& name) {
 uint32_t GridList::getGridnames(std::set<std::string>& names) const {
   uint32_t count = 0;
   for (const StrongPtr<GridID>& id : ids_) {
-    if (!id)
-      continue;
+    if (!id) continue;
     names.insert(id->getName());
     ++count;
   }

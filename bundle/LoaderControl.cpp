@@ -33,8 +33,7 @@ LoaderControl::~LoaderControl() = default;
 
 Grid* LoaderControl::provideLoadableGrid(Bundle& bundle, const std::string& gridName) const {
   SlicePtr slice = bundle[0.0];
-  if (!slice)
-    return nullptr;
+  if (!slice) return nullptr;
   return (*slice)[gridName.empty() ? std::string("Object") : gridName];
 }
 

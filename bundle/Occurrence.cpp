@@ -72,26 +72,22 @@ Occurrence<Bundle>::Occurrence(const Bundle& bundle, const StrongPtr<Ostrak::Str
 
 const Occurrence<Bundle>::BaseSpaceEntry* Occurrence<Bundle>::operator()(
     const WeakPtr<BaseSpace>& baseSpace) const {
-  if (!survey_)
-    return nullptr;
+  if (!survey_) return nullptr;
   auto found = survey_->baseSpaces.find(baseSpace);
   return found == survey_->baseSpaces.end() ? nullptr : &found->second;
 }
 
 const Occurrence<Bundle>::SkeletonEntry* Occurrence<Bundle>::operator()(
     const WeakPtr<Skeleton>& skeleton) const {
-  if (!survey_)
-    return nullptr;
+  if (!survey_) return nullptr;
   auto found = survey_->skeletons.find(skeleton);
   return found == survey_->skeletons.end() ? nullptr : &found->second;
 }
 
 std::string Occurrence<Bundle>::RepresenterName(const WeakPtr<BaseSpace>& baseSpace) const {
   WeakPtr<Skeleton> skeleton = Ostrak::dynamic_pointer_cast<Skeleton>(baseSpace);
-  if (!skeleton)
-    return "\t   REPRESENTED IN UNKNOWN BASESPACE\n";
-  if (const SkeletonEntry* entry = (*this)(skeleton))
-    return entry->id.Name();
+  if (!skeleton) return "\t   REPRESENTED IN UNKNOWN BASESPACE\n";
+  if (const SkeletonEntry* entry = (*this)(skeleton)) return entry->id.Name();
   return "\t   REPRESENTED IN EXTERNAL SKELETON CANNOT SAVE TO THIS BUNDLE\n";
 }
 
@@ -110,8 +106,7 @@ bool Occurrence<Grid>::apply(GridID&, Grid& grid) {
 }
 
 bool Occurrence<Skeleton>::operator()(const SkeletonID& id, const StrongPtr<Skeleton>& skeleton) {
-  if (!skeleton)
-    return true;
+  if (!skeleton) return true;
   WeakPtr<Skeleton> key(skeleton);
   survey_.skeletons[key] = Occurrence<Bundle>::SkeletonEntry{key, id, WeakPtr<Grid>(&grid_)};
   skeleton->iterate(Occurrence<Representation>(survey_, id));
@@ -120,8 +115,7 @@ bool Occurrence<Skeleton>::operator()(const SkeletonID& id, const StrongPtr<Skel
 
 bool Occurrence<Representation>::operator()(const WeakPtr<BaseSpace>&,
                                             const StrongPtr<Representation>& representation) {
-  if (!representation)
-    return true;
+  if (!representation) return true;
   WeakPtr<BaseSpace> base = representation->getBaseSpace();
   survey_.baseSpaces[base] = Occurrence<Bundle>::BaseSpaceEntry{base, id_};
   return true;

@@ -21,8 +21,7 @@ Slice::~Slice() = default;
 
 Bundle* Slice::getOwningBundle() const {
   for (const OwnerEntry* entry = owners(); entry; entry = entry->next.get()) {
-    if (!entry->owner.valid())
-      continue;
+    if (!entry->owner.valid()) continue;
     if (entry->owner.referenceBlock() != ownerSeen_.referenceBlock()) {
       ownerBundle_ = dynamic_cast<Bundle*>(entry->owner.get());
       ownerSeen_ = entry->owner;
@@ -44,12 +43,10 @@ StrongPtr<GridList> Slice::getIDList() const {
 
 StrongPtr<GridID> Slice::makeGridID(const std::string& name) {
   Bundle* bundle = getOwningBundle();
-  if (!bundle || !bundle->getGridList())
-    return {};
+  if (!bundle || !bundle->getGridList()) return {};
   GridList& list = *bundle->getGridList();
   StrongPtr<GridID> id = list.find(name);
-  if (!id)
-    id = list[name];
+  if (!id) id = list[name];
   // The slice knows the time it is filed under, so registering it costs one
   // look-up instead of a walk over the bundle's slices.
   if (!std::isnan(time_)) {
@@ -71,8 +68,7 @@ Slice::GridMap::iterator Slice::entryFor(const StrongPtr<GridID>& id) {
   auto [entry, added] = grids_.try_emplace(id);
   constexpr size_t kIndexedFrom = 32;
   if (index_) {
-    if (added)
-      index_->emplace(id.rawPointer(), entry);
+    if (added) index_->emplace(id.rawPointer(), entry);
   } else if (grids_.size() >= kIndexedFrom) {
     index_ = std::make_unique<GridIndex>();
     index_->reserve(grids_.size() * 2);
@@ -84,8 +80,7 @@ Slice::GridMap::iterator Slice::entryFor(const StrongPtr<GridID>& id) {
 }
 
 Slice::GridMap::const_iterator Slice::findEntry(const GridID* id) const {
-  if (!index_)
-    return grids_.find(id->referenceBlock());
+  if (!index_) return grids_.find(id->referenceBlock());
   auto found = index_->find(id);
   return found == index_->end() ? grids_.end() : GridMap::const_iterator(found->second);
 }
@@ -93,8 +88,7 @@ Slice::GridMap::const_iterator Slice::findEntry(const GridID* id) const {
 Grid* Slice::createGridIn(GridMap::iterator entry) {
   Bundle* bundle = getOwningBundle();
   WeakPtr<GridContainer> container;
-  if (bundle && bundle->getGridList())
-    container = bundle->getGridList();
+  if (bundle && bundle->getGridList()) container = bundle->getGridList();
   replaceGrid(entry, StrongPtr<Grid>(new Grid(container, charts_)));
   return entry->second.get();
 }
@@ -103,12 +97,10 @@ void Slice::replaceGrid(GridMap::iterator entry, const StrongPtr<Grid>& grid) {
   StrongPtr<Grid> old = std::move(entry->second);
   entry->second = grid;
   grid->addOwner(*this);
-  if (!old || old == grid)
-    return;
+  if (!old || old == grid) return;
   // A grid this slice no longer holds under any name stops naming it as owner.
   for (const auto& other : grids_) {
-    if (other.second == old)
-      return;
+    if (other.second == old) return;
   }
   old->removeOwner(*this);
 }
@@ -116,26 +108,22 @@ void Slice::replaceGrid(GridMap::iterator entry, const StrongPtr<Grid>& grid) {
 Grid* Slice::operator[](const std::string& name) {
   accessSlice();
   StrongPtr<GridID> id = makeGridID(name);
-  if (!id)
-    return nullptr;
+  if (!id) return nullptr;
   return (*this)[id];
 }
 
 Grid* Slice::operator[](const StrongPtr<GridID>& id) {
   accessSlice();
   auto entry = entryFor(id);
-  if (entry->second)
-    return entry->second.get();
+  if (entry->second) return entry->second.get();
   return createGridIn(entry);
 }
 
 StrongPtr<Grid> Slice::operator()(const StrongPtr<GridID>& id) const {
   accessSlice();
-  if (!id)
-    return {};
+  if (!id) return {};
   auto found = findEntry(id.rawPointer());
-  if (found == grids_.end() || !found->second)
-    return {};
+  if (found == grids_.end() || !found->second) return {};
   return found->second;
 }
 
@@ -143,19 +131,16 @@ StrongPtr<Grid> Slice::operator()(const std::string& name) const {
   accessSlice();
   GridList* list = gridList();
   GridID* id = list ? list->findIdentity(name) : nullptr;
-  if (!id)
-    return {};
+  if (!id) return {};
   auto found = findEntry(id);
-  if (found == grids_.end() || !found->second)
-    return {};
+  if (found == grids_.end() || !found->second) return {};
   return found->second;
 }
 
 Grid* Slice::newGrid(const std::string& name) {
   accessSlice();
   StrongPtr<GridID> id = makeGridID(name);
-  if (!id)
-    return nullptr;
+  if (!id) return nullptr;
   return createGridIn(entryFor(id));
 }
 
@@ -163,26 +148,22 @@ Grid* Slice::newGrid(const std::string& name, const std::string& parentName) {
   StrongPtr<GridList> list = getIDList();
   StrongPtr<GridID> parent = list ? list->find(parentName) : StrongPtr<GridID>();
   Grid* grid = newGrid(name);
-  if (grid && parent)
-    parent->insertChild(findGridID(name));
+  if (grid && parent) parent->insertChild(findGridID(name));
   return grid;
 }
 
 bool Slice::insert(const std::string& name, const StrongPtr<Grid>& grid) {
-  if (!grid)
-    return false;
+  if (!grid) return false;
   accessSlice();
   StrongPtr<GridID> id = makeGridID(name);
-  if (!id)
-    return false;
+  if (!id) return false;
   replaceGrid(entryFor(id), grid);
   return true;
 }
 
 Slice::GridEntry Slice::getUniqueGrid() const {
   accessSlice();
-  if (grids_.size() != 1)
-    return {};
+  if (grids_.size() != 1) return {};
   return *grids_.begin();
 }
 
@@ -191,28 +172,23 @@ uint32_t Slice::iterate(GridIterator& it, const StrongPtr<Ostrak::StringList>& n
   const Ostrak::StringList* filter = names.get();
   uint32_t count = 0;
   for (const auto& [id, grid] : grids_) {
-    if (!id || !grid)
-      continue;
-    if (filter && !filter->contains(id->getName()))
-      continue;
-    if (!it.apply(*id, *grid))
-      break;
+    if (!id || !grid) continue;
+    if (filter && !filter->contains(id->getName())) continue;
+    if (!it.apply(*id, *grid)) break;
     ++count;
   }
   return count;
 }
 
 bool Slice::accessSlice() const {
-  if (pendingLoaders_.empty())
-    return true;
+  if (pendingLoaders_.empty()) return true;
   // Taken out before any loader runs, so a loader that reads the slice again
   // does not start the loaders a second time.
   std::set<StrongPtr<Loader>> loaders;
   loaders.swap(pendingLoaders_);
   WeakPtr<Slice> self(const_cast<Slice*>(this));
   for (auto entry = loaders.begin(); entry != loaders.end(); entry = loaders.erase(entry)) {
-    if (!*entry)
-      continue;
+    if (!*entry) continue;
     try {
       (*entry)->load(self);
     } catch (...) {
@@ -224,15 +200,13 @@ bool Slice::accessSlice() const {
 }
 
 void Slice::addLoader(const StrongPtr<Loader>& loader) {
-  if (loader)
-    pendingLoaders_.insert(loader);
+  if (loader) pendingLoaders_.insert(loader);
 }
 
 uint32_t Slice::getMemoryUsage(unsigned long long& first, unsigned long long& second) const {
   uint32_t total = 0;
   for (const auto& entry : grids_) {
-    if (entry.second)
-      total += entry.second->getMemoryUsage(first, second);
+    if (entry.second) total += entry.second->getMemoryUsage(first, second);
   }
   return total;
 }
@@ -240,8 +214,7 @@ uint32_t Slice::getMemoryUsage(unsigned long long& first, unsigned long long& se
 std::string Slice::xml() const {
   std::string text;
   for (const auto& [id, grid] : grids_) {
-    if (!id || !grid)
-      continue;
+    if (!id || !grid) continue;
     std::string heading = "    <ID>" + id->getName() + "</ID>\n";
     text += "   <GRID>\n";
     text += heading;
@@ -254,8 +227,7 @@ std::string Slice::xml() const {
 void Slice::extremeUnction() {
   if (!pendingLoaders_.empty()) {
     Bundle* bundle = getOwningBundle();
-    if (bundle && bundle->getStorage())
-      accessSlice();
+    if (bundle && bundle->getStorage()) accessSlice();
   }
   index_.reset();
   grids_.clear();

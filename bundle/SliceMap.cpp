@@ -10,8 +10,7 @@ SliceMap::SliceMap() = default;
 SliceMap::~SliceMap() = default;
 
 bool SliceMap::insert(double time, const SliceWeakPtr& slice) {
-  if (std::isnan(time))
-    return false;
+  if (std::isnan(time)) return false;
   auto position = slices_.lower_bound(time);
   if (position != slices_.end() && !(time < position->first)) {
     position->second = slice;
@@ -22,21 +21,17 @@ bool SliceMap::insert(double time, const SliceWeakPtr& slice) {
 }
 
 SliceWeakPtr SliceMap::next(double& time) const {
-  if (std::isnan(time))
-    return {};
+  if (std::isnan(time)) return {};
   auto found = slices_.upper_bound(time);
-  if (found == slices_.end())
-    return {};
+  if (found == slices_.end()) return {};
   time = found->first;
   return found->second;
 }
 
 SliceWeakPtr SliceMap::prev(double& time) const {
-  if (std::isnan(time))
-    return {};
+  if (std::isnan(time)) return {};
   auto found = slices_.upper_bound(time);
-  if (found == slices_.begin())
-    return {};
+  if (found == slices_.begin()) return {};
   --found;
   time = found->first;
   return found->second;
@@ -45,8 +40,7 @@ SliceWeakPtr SliceMap::prev(double& time) const {
 int SliceMap::iterate(iterator& it) const {
   int count = 0;
   for (const auto& [time, slice] : slices_) {
-    if (!it.apply(time, slice))
-      break;
+    if (!it.apply(time, slice)) break;
     ++count;
   }
   return count;

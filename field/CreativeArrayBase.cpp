@@ -9,8 +9,7 @@ namespace {
 
 unsigned long long bytesOf(const QuarilTypeBase& type, const DynamicSize& size) {
   uint64_t elements = size.elements();
-  if (type.size() != 0 && elements > UINT64_MAX / type.size())
-    return UINT64_MAX;
+  if (type.size() != 0 && elements > UINT64_MAX / type.size()) return UINT64_MAX;
   return elements * type.size();
 }
 
@@ -44,8 +43,7 @@ CreativeArrayBase::~CreativeArrayBase() = default;
 StrongPtr<MemBase, Cacheable> CreativeArrayBase::getData() const {
   // This thread holds the lock already when its producer asks again; the
   // lock is not taken, and the outer production reports the failure.
-  if (producer_.load() == std::this_thread::get_id())
-    return {};
+  if (producer_.load() == std::this_thread::get_id()) return {};
   std::lock_guard lock(mutex_);
   if (cache_) {
     cache_->markAsUsed();
@@ -56,11 +54,9 @@ StrongPtr<MemBase, Cacheable> CreativeArrayBase::getData() const {
     ProducingThread mark(producer_);
     data = produceChecked();
   }
-  if (!data)
-    return {};
+  if (!data) return {};
   data->markAsUsed();
-  if (caching_)
-    cache_ = data;
+  if (caching_) cache_ = data;
   return data;
 }
 
@@ -97,8 +93,7 @@ StrongPtr<MemBase, Cacheable> CreativeArrayBase::produceChecked() const {
 void CreativeArrayBase::setCaching(bool caching) {
   std::lock_guard lock(mutex_);
   caching_ = caching;
-  if (!caching_ && !pinned_)
-    cache_.reset();
+  if (!caching_ && !pinned_) cache_.reset();
 }
 
 bool CreativeArrayBase::isCaching() const {
@@ -113,8 +108,7 @@ bool CreativeArrayBase::isResident() const {
 
 void CreativeArrayBase::dropCache() {
   std::lock_guard lock(mutex_);
-  if (!pinned_)
-    cache_.reset();
+  if (!pinned_) cache_.reset();
 }
 
 DynamicSize CreativeArrayBase::getSize() const {

@@ -17,12 +17,10 @@ Field::~Field() = default;
 
 bool Field::setCreator(const StrongPtr<CreativeArrayBase>& creator,
                        const StrongPtr<FragmentID>& fragment) {
-  if (creator && &creator->getTypeDescriptor() != type_)
-    return false;
+  if (creator && &creator->getTypeDescriptor() != type_) return false;
   auto found = creators_.find(fragment);
   StrongPtr<CreativeArrayBase> previous;
-  if (found != creators_.end())
-    previous = found->second;
+  if (found != creators_.end()) previous = found->second;
   if (creator) {
     creators_[fragment] = creator;
     creator->addOwner(*this);
@@ -32,27 +30,22 @@ bool Field::setCreator(const StrongPtr<CreativeArrayBase>& creator,
   if (previous && previous != creator) {
     // The replaced creator stays owned by this field if it serves another fragment.
     bool stillUsed = false;
-    for (const auto& entry : creators_)
-      stillUsed = stillUsed || entry.second == previous;
-    if (!stillUsed)
-      previous->removeOwner(*this);
+    for (const auto& entry : creators_) stillUsed = stillUsed || entry.second == previous;
+    if (!stillUsed) previous->removeOwner(*this);
   }
   return true;
 }
 
 StrongPtr<CreativeArrayBase> Field::getCreator(const StrongPtr<FragmentID>& fragment) const {
   auto found = creators_.find(fragment);
-  if (found != creators_.end())
-    return found->second;
-  if (!fragment && creators_.size() == 1)
-    return creators_.begin()->second;
+  if (found != creators_.end()) return found->second;
+  if (!fragment && creators_.size() == 1) return creators_.begin()->second;
   return {};
 }
 
 StrongPtr<MemBase, Cacheable> Field::getData(const StrongPtr<FragmentID>& fragment) const {
   StrongPtr<CreativeArrayBase> creator = getCreator(fragment);
-  if (!creator)
-    return {};
+  if (!creator) return {};
   creator->setCaching(true);
   return creator->getData();
 }
@@ -60,10 +53,8 @@ StrongPtr<MemBase, Cacheable> Field::getData(const StrongPtr<FragmentID>& fragme
 int Field::iterate(FragmentIterator& it, const StrongPtr<FragmentSelector>& selector) const {
   int accepted = 0;
   for (const auto& [fragment, creator] : creators_) {
-    if (selector && !selector->accept(fragment))
-      continue;
-    if (!it.apply(fragment, creator))
-      break;
+    if (selector && !selector->accept(fragment)) continue;
+    if (!it.apply(fragment, creator)) break;
     ++accepted;
   }
   return accepted;
@@ -71,8 +62,7 @@ int Field::iterate(FragmentIterator& it, const StrongPtr<FragmentSelector>& sele
 
 void Field::getMemoryUsage(unsigned long long& first, unsigned long long& second) const {
   for (const auto& entry : creators_) {
-    if (entry.second)
-      entry.second->getMemoryUsage(first, second);
+    if (entry.second) entry.second->getMemoryUsage(first, second);
   }
 }
 

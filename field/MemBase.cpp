@@ -55,8 +55,7 @@ UniformCartesianArray::~UniformCartesianArray() = default;
 UniformCartesianArray::point UniformCartesianArray::operator[](uint64_t index) const noexcept {
   uint64_t nx = getSize()[0];
   uint64_t ny = getSize()[1];
-  if (nx == 0 || ny == 0)
-    return origin_;
+  if (nx == 0 || ny == 0) return origin_;
   return (*this)(index % nx, (index / nx) % ny, index / (nx * ny));
 }
 

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <atomic>
+#include <concepts>
 #include <cstdint>
 #include <memory>
 #include <new>
@@ -107,11 +108,9 @@ class MemArray : public TypedArray<T> {
   /// An array of the size `size`; null when its rank is not `N`. Throws
   /// std::bad_alloc as the constructor does.
   static StrongPtr<MemArray> create(const DynamicSize& size) {
-    if (size.rank() != N)
-      return {};
+    if (size.rank() != N) return {};
     Extents extents{};
-    for (int d = 0; d < N; ++d)
-      extents[static_cast<std::size_t>(d)] = size[d];
+    for (int d = 0; d < N; ++d) extents[static_cast<std::size_t>(d)] = size[d];
     return StrongPtr<MemArray>(new MemArray(extents));
   }
 
@@ -119,21 +118,20 @@ class MemArray : public TypedArray<T> {
   uint64_t extent(int dimension) const noexcept { return this->getSize()[dimension]; }
 
   /// The element at the multi-index, first index fastest; unchecked.
-  template <class... Index>
-  requires(sizeof...(Index) == N && (std::is_integral_v<Index> && ...)) T& operator()(
-      Index... index) noexcept {
+  template <std::integral... Index>
+  T& operator()(Index... index) noexcept {
+    static_assert(sizeof...(Index) == N, "one index per dimension");
     return storage_[linear({static_cast<uint64_t>(index)...})];
   }
-  template <class... Index>
-  requires(sizeof...(Index) == N && (std::is_integral_v<Index> && ...)) const T& operator()(
-      Index... index) const noexcept {
+  template <std::integral... Index>
+  const T& operator()(Index... index) const noexcept {
+    static_assert(sizeof...(Index) == N, "one index per dimension");
     return storage_[linear({static_cast<uint64_t>(index)...})];
   }
 
  private:
   static std::unique_ptr<T[]> allocate(uint64_t count) {
-    if (count > SIZE_MAX / sizeof(T))
-      throw std::bad_alloc();
+    if (count > SIZE_MAX / sizeof(T)) throw std::bad_alloc();
     return std::unique_ptr<T[]>(new T[static_cast<std::size_t>(count)]());
   }
   uint64_t linear(const Extents& index) const noexcept {

@@ -51,8 +51,7 @@ const QuarilTypeBase& QuarilTypeBase::registerType(const std::type_info& type, c
   Registry& known = registry();
   std::lock_guard lock(known.mutex);
   auto found = known.byType.find(std::type_index(type));
-  if (found != known.byType.end())
-    return *found->second;
+  if (found != known.byType.end()) return *found->second;
   std::string readable = *name ? std::string(name) : Ostrak::TypeInfo(type).readableName();
   StrongPtr<QuarilTypeBase> descriptor(
       new QuarilTypeBase(type, readable, size, components, component));
@@ -71,8 +70,7 @@ const QuarilTypeBase* QuarilTypeBase::findType(const std::string& name) {
 
 TypeList::TypeList(std::initializer_list<const QuarilTypeBase*> types) {
   for (const QuarilTypeBase* type : types) {
-    if (type)
-      insert(*type);
+    if (type) insert(*type);
   }
 }
 
@@ -91,8 +89,7 @@ bool TypeList::contains(const QuarilTypeBase& type) const {
 bool containsType(const TypeList& list, const std::type_info& type) {
   for (const TypeList::value_type& entry : list) {
     const QuarilTypeBase* descriptor = entry.get();
-    if (descriptor && descriptor->getTypeInfo() == type)
-      return true;
+    if (descriptor && descriptor->getTypeInfo() == type) return true;
   }
   return false;
 }

@@ -175,8 +175,7 @@ class QuarilTypeBase : public Ostrak::ReferenceBase<QuarilTypeBase> {
   static const QuarilTypeBase& describe() {
     using Component = typename ElementComponents<T>::type;
     const QuarilTypeBase* component = nullptr;
-    if constexpr (!std::is_same_v<Component, T>)
-      component = &getType<Component>();
+    if constexpr (!std::is_same_v<Component, T>) component = &getType<Component>();
     std::string name = detail::elementName<T>();
     if constexpr (detail::IsStdArray<T>::value) {
       name = component->name() + "x" + std::to_string(ElementComponents<T>::count);

@@ -27,14 +27,12 @@ StrongPtr<ChartID> GlobalCharts::findChart(const std::string& name) const {
 }
 
 StrongPtr<ChartID> GlobalCharts::makeChart(const std::string& name, int dimension, bool cartesian) {
-  if (name.empty() || dimension <= 0)
-    return {};
+  if (name.empty() || dimension <= 0) return {};
   std::lock_guard lock(mutex_);
   auto found = charts_.find(name);
   if (found != charts_.end()) {
     const ChartID& chart = *found->second;
-    if (chart.getDimension() != dimension || chart.isCartesian() != cartesian)
-      return {};
+    if (chart.getDimension() != dimension || chart.isCartesian() != cartesian) return {};
     return found->second;
   }
   StrongPtr<ChartID> chart(new ChartID(name, dimension, cartesian));
@@ -53,14 +51,12 @@ int GlobalCharts::iterate(const std::function<bool(const StrongPtr<ChartID>&)>& 
   {
     std::lock_guard lock(mutex_);
     charts.reserve(charts_.size());
-    for (const auto& entry : charts_)
-      charts.push_back(entry.second);
+    for (const auto& entry : charts_) charts.push_back(entry.second);
   }
   int calls = 0;
   for (const auto& chart : charts) {
     ++calls;
-    if (!visit(chart))
-      break;
+    if (!visit(chart)) break;
   }
   return calls;
 }

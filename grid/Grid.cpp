@@ -56,16 +56,14 @@ Grid::Grid(const WeakPtr<GridContainer>& container, const StrongPtr<GlobalCharts
 Grid::~Grid() = default;
 
 StrongPtr<ChartID> Grid::findCartesianChart(const std::string& name) const {
-  if (!charts_)
-    return {};
+  if (!charts_) return {};
   StrongPtr<ChartID> chart = name.empty() ? charts_->getDefaultChart() : charts_->findChart(name);
   return chart && chart->isCartesian() ? chart : StrongPtr<ChartID>();
 }
 
 StrongPtr<Representation> Grid::getRepresentation(const StrongPtr<ChartID>& chart,
                                                   const SkeletonID& id) const {
-  if (!chart)
-    return {};
+  if (!chart) return {};
   StrongPtr<Skeleton> skeleton = getSkeleton(id);
   return skeleton ? skeleton->getRepresentation(chart) : StrongPtr<Representation>();
 }
@@ -76,16 +74,14 @@ StrongPtr<Representation> Grid::getCartesianRepresentation(const std::string& ch
 
 StrongPtr<Representation> Grid::getCartesianRepresentation(const StrongPtr<Skeleton>& skeleton,
                                                            const std::string& chartname) const {
-  if (!skeleton)
-    return {};
+  if (!skeleton) return {};
   StrongPtr<ChartID> chart = findCartesianChart(chartname);
   return chart ? skeleton->getRepresentation(chart) : StrongPtr<Representation>();
 }
 
 StrongPtr<Representation> Grid::makeCartesianRepresentation(const StrongPtr<Skeleton>& skeleton,
                                                             const std::string& chartname) {
-  if (!skeleton)
-    return {};
+  if (!skeleton) return {};
   StrongPtr<ChartID> chart = findCartesianChart(chartname);
   return chart ? skeleton->makeRepresentation(chart) : StrongPtr<Representation>();
 }
@@ -102,8 +98,7 @@ StrongPtr<Field> Grid::CartesianPositions() const {
 std::string Grid::xml() const {
   std::string text;
   for (const auto& [id, skeleton] : skeletons()) {
-    if (!skeleton)
-      continue;
+    if (!skeleton) continue;
     text += "     <SKELETON dimension=\"" + std::to_string(id.dimension()) + "\" index=\"" +
             std::to_string(id.index()) + "\" elements=\"" +
             std::to_string(skeleton->getNumberOfElements()) + "\" refinement=\"" +
@@ -117,8 +112,7 @@ std::string Grid::xml() const {
     // equal grids describe themselves alike.
     std::vector<std::pair<std::string, StrongPtr<Representation>>> representations;
     skeleton->iterate([&](const WeakPtr<BaseSpace>& base, const StrongPtr<Representation>& rep) {
-      if (rep)
-        representations.emplace_back(describeBaseSpace(base), rep);
+      if (rep) representations.emplace_back(describeBaseSpace(base), rep);
       return true;
     });
     std::stable_sort(representations.begin(), representations.end(),
@@ -128,8 +122,7 @@ std::string Grid::xml() const {
       std::vector<std::pair<std::string, StrongPtr<Field>>> fields;
       representation->iterate(
           [&](const StrongPtr<FieldID>& fieldID, const StrongPtr<Field>& field) {
-            if (fieldID && field)
-              fields.emplace_back(fieldID->Name(), field);
+            if (fieldID && field) fields.emplace_back(fieldID->Name(), field);
             return true;
           });
       if (fields.empty()) {
@@ -139,8 +132,7 @@ std::string Grid::xml() const {
       text += ">\n";
       std::stable_sort(fields.begin(), fields.end(),
                        [](const auto& a, const auto& b) { return a.first < b.first; });
-      for (const auto& [name, field] : fields)
-        appendField(text, name, *field);
+      for (const auto& [name, field] : fields) appendField(text, name, *field);
       text += "      </REPRESENTATION>\n";
     }
     text += "     </SKELETON>\n";
@@ -150,14 +142,12 @@ std::string Grid::xml() const {
 
 std::string Grid::describeBaseSpace(const WeakPtr<BaseSpace>& base) const {
   StrongPtr<BaseSpace> space = base.lock();
-  if (!space)
-    return "base=\"gone\"";
+  if (!space) return "base=\"gone\"";
   if (auto* chart = dynamic_cast<ChartID*>(space.get())) {
     return "chart=\"" + chart->Name() + "\"";
   }
   for (const auto& [id, skeleton] : skeletons()) {
-    if (skeleton == space)
-      return "skeleton=\"" + id.Name() + "\"";
+    if (skeleton == space) return "skeleton=\"" + id.Name() + "\"";
   }
   return "skeleton=\"external\"";
 }

@@ -45,8 +45,7 @@ bool countBlock(const std::vector<uint64_t>& extents, BlockCounts& counts, std::
       ++counts.cellDimension;
     }
   }
-  if (counts.cellDimension == 0)
-    counts.cells = 0;
+  if (counts.cellDimension == 0) counts.cells = 0;
   return true;
 }
 
@@ -54,8 +53,7 @@ bool countBlock(const std::vector<uint64_t>& extents, BlockCounts& counts, std::
 DynamicSize cellExtents(const DynamicSize& vertices) {
   std::vector<uint64_t> extents = vertices.extents();
   for (uint64_t& n : extents) {
-    if (n > 1)
-      --n;
+    if (n > 1) --n;
   }
   return DynamicSize(std::move(extents));
 }
@@ -95,8 +93,7 @@ MakeResult<Skeleton> install(Grid& grid, const MeshPlan& plan) {
   }
   StrongPtr<Skeleton> vertices = grid.makeSkeleton(kVertices, plan.vertices);
   vertices->makeRepresentation(plan.chart)->setField(Grid::PositionsName, plan.positions);
-  if (plan.cellDimension > 0)
-    grid.makeSkeleton(SkeletonID(plan.cellDimension, 0), plan.cells);
+  if (plan.cellDimension > 0) grid.makeSkeleton(SkeletonID(plan.cellDimension, 0), plan.cells);
   return {vertices, {}};
 }
 
@@ -167,8 +164,7 @@ bool planLevel(const std::vector<UniformFragment>& blocks, int factor, LevelPlan
   for (const UniformFragment& block : blocks) {
     BlockExtents extents = block.data->extents();
     for (uint64_t& n : extents) {
-      if (n <= 1)
-        continue;
+      if (n <= 1) continue;
       --n;
       if (!multiplyChecked(n, static_cast<uint64_t>(factor)) || !addChecked(n, 1)) {
         error = "the refined extents do not fit in 64 bits";
@@ -176,8 +172,7 @@ bool planLevel(const std::vector<UniformFragment>& blocks, int factor, LevelPlan
       }
     }
     BlockCounts counts;
-    if (!countBlock({extents.begin(), extents.end()}, counts, error))
-      return false;
+    if (!countBlock({extents.begin(), extents.end()}, counts, error)) return false;
     if (!addChecked(level.vertices, counts.vertices)) {
       error = "the number of vertices does not fit in 64 bits";
       return false;
@@ -227,8 +222,7 @@ MakeResult<Skeleton> makeUniformGrid(Grid& grid, const BlockExtents& vertices, c
 
 MakeResult<Skeleton> makeCurvilinearGrid(Grid& grid, const StrongPtr<MemArray<3, point>>& positions,
                                          const std::string& chartname) {
-  if (!positions)
-    return {{}, "no positions given"};
+  if (!positions) return {{}, "no positions given"};
   return makeStructured(grid, positions, chartname);
 }
 
@@ -237,16 +231,14 @@ MakeResult<Skeleton> makeCurvilinearGrid(Grid& grid, const BlockExtents& vertice
                                          const std::string& chartname) {
   BlockCounts counts;
   std::string error;
-  if (!countBlock({vertices.begin(), vertices.end()}, counts, error))
-    return {{}, error};
+  if (!countBlock({vertices.begin(), vertices.end()}, counts, error)) return {{}, error};
   if (counts.vertices != points.size()) {
     return {{},
             "expected " + std::to_string(counts.vertices) + " points, got " +
                 std::to_string(points.size())};
   }
   MeshPlan plan;
-  if (!prepare(grid, chartname, plan, error))
-    return {{}, error};
+  if (!prepare(grid, chartname, plan, error)) return {{}, error};
   auto positions = StrongPtr<MemArray<3, point>>(new MemArray<3, point>(vertices));
   std::copy(points.begin(), points.end(), positions->begin());
   return makeCurvilinearGrid(grid, positions, chartname);
@@ -254,12 +246,10 @@ MakeResult<Skeleton> makeCurvilinearGrid(Grid& grid, const BlockExtents& vertice
 
 MakeResult<Skeleton> makePointCloud(Grid& grid, const std::vector<point>& points,
                                     const std::string& chartname) {
-  if (points.empty())
-    return {{}, "no points given"};
+  if (points.empty()) return {{}, "no points given"};
   MeshPlan plan;
   std::string error;
-  if (!prepare(grid, chartname, plan, error))
-    return {{}, error};
+  if (!prepare(grid, chartname, plan, error)) return {{}, error};
   plan.vertices = points.size();
   plan.positions = Field::create<point>();
   plan.positions->setCreator(holdInMemory(pointArray(points)));
@@ -269,8 +259,7 @@ MakeResult<Skeleton> makePointCloud(Grid& grid, const std::vector<point>& points
 MakeResult<Skeleton> makeTriangleSurface(Grid& grid, const std::vector<point>& points,
                                          const std::vector<TriangleIndices>& triangles,
                                          const std::string& chartname) {
-  if (points.empty())
-    return {{}, "no points given"};
+  if (points.empty()) return {{}, "no points given"};
   for (size_t t = 0; t < triangles.size(); ++t) {
     for (uint32_t index : triangles[t]) {
       if (index >= points.size()) {
@@ -282,8 +271,7 @@ MakeResult<Skeleton> makeTriangleSurface(Grid& grid, const std::vector<point>& p
   }
   MeshPlan plan;
   std::string error;
-  if (!prepare(grid, chartname, plan, error))
-    return {{}, error};
+  if (!prepare(grid, chartname, plan, error)) return {{}, error};
   const SkeletonID triangleID(2, 0);
   if (grid.getSkeleton(triangleID)) {
     return {{}, "the grid has a skeleton " + triangleID.Name() + " already"};
@@ -304,12 +292,10 @@ MakeResult<Skeleton> makeTriangleSurface(Grid& grid, const std::vector<point>& p
 
 MakeResult<Skeleton> makeFragmentedUniformGrid(Grid& grid, const std::vector<UniformBlock>& blocks,
                                                const std::string& chartname) {
-  if (blocks.empty())
-    return {{}, "no blocks given"};
+  if (blocks.empty()) return {{}, "no blocks given"};
   MeshPlan plan;
   std::string error;
-  if (!prepare(grid, chartname, plan, error))
-    return {{}, error};
+  if (!prepare(grid, chartname, plan, error)) return {{}, error};
   plan.positions = Field::create<point>();
   std::set<std::string> names;
   for (size_t b = 0; b < blocks.size(); ++b) {
@@ -319,8 +305,7 @@ MakeResult<Skeleton> makeFragmentedUniformGrid(Grid& grid, const std::vector<Uni
     if (!countBlock({block.vertices.begin(), block.vertices.end()}, counts, error)) {
       return {{}, "block \"" + name + "\": " + error};
     }
-    if (!names.insert(name).second)
-      return {{}, "two blocks are named \"" + name + "\""};
+    if (!names.insert(name).second) return {{}, "two blocks are named \"" + name + "\""};
     if (!addChecked(plan.vertices, counts.vertices) || !addChecked(plan.cells, counts.cells)) {
       return {{}, "the number of elements does not fit in 64 bits"};
     }
@@ -333,25 +318,20 @@ MakeResult<Skeleton> makeFragmentedUniformGrid(Grid& grid, const std::vector<Uni
 }
 
 MakeResult<Skeleton> addRefinementLevels(Grid& grid, int levels, const std::string& chartname) {
-  if (levels < 1 || levels > 30)
-    return {{}, "levels must lie in 1..30"};
+  if (levels < 1 || levels > 30) return {{}, "levels must lie in 1..30"};
   StrongPtr<Field> positions = grid.getVertexPositions(grid.findCartesianChart(chartname));
-  if (!positions)
-    return {{}, "the grid has no vertex positions in that chart"};
+  if (!positions) return {{}, "the grid has no vertex positions in that chart"};
   UniformCollector collector;
   positions->iterate(collector);
-  if (!collector.allUniform())
-    return {{}, "the vertex positions are not uniform"};
+  if (!collector.allUniform()) return {{}, "the vertex positions are not uniform"};
 
   std::vector<LevelPlan> plans;
   for (int level = 1; level <= levels; ++level) {
     const int factor = 1 << level;
-    if (grid.findIsotropicRefinementFactor(factor, 0))
-      continue;
+    if (grid.findIsotropicRefinementFactor(factor, 0)) continue;
     LevelPlan plan;
     std::string error;
-    if (!planLevel(collector.blocks, factor, plan, error))
-      return {{}, error};
+    if (!planLevel(collector.blocks, factor, plan, error)) return {{}, error};
     plans.push_back(std::move(plan));
   }
   if (grid.nextIndex(0) < 0 || grid.nextIndex(0) > INT32_MAX - static_cast<int>(plans.size())) {
@@ -369,8 +349,7 @@ MakeResult<Skeleton> addRefinementLevels(Grid& grid, int levels, const std::stri
 StrongPtr<Skeleton> getCellSkeleton(const Grid& grid) {
   StrongPtr<Skeleton> cells;
   grid.iterate([&](const SkeletonID& id, const StrongPtr<Skeleton>& skeleton) {
-    if (id.dimension() >= 1 && id.index() == 0 && skeleton)
-      cells = skeleton;
+    if (id.dimension() >= 1 && id.index() == 0 && skeleton) cells = skeleton;
     return true;
   });
   return cells;
@@ -381,17 +360,13 @@ namespace detail {
 MakeResult<Field> addField(Grid& grid, bool onCells, const std::string& name,
                            const QuarilTypeBase& type, size_t nGiven, const FragmentMaker& make,
                            const std::string& chartname) {
-  if (name.empty())
-    return {{}, "a field needs a name"};
+  if (name.empty()) return {{}, "a field needs a name"};
   StrongPtr<Skeleton> vertices = grid.getSkeleton(kVertices);
-  if (!vertices)
-    return {{}, "the grid has no vertices"};
+  if (!vertices) return {{}, "the grid has no vertices"};
   StrongPtr<ChartID> chart = grid.findCartesianChart(chartname);
-  if (!chart)
-    return {{}, "unknown Cartesian chart \"" + chartname + "\""};
+  if (!chart) return {{}, "unknown Cartesian chart \"" + chartname + "\""};
   StrongPtr<Skeleton> target = onCells ? getCellSkeleton(grid) : vertices;
-  if (!target)
-    return {{}, "the grid has no cells"};
+  if (!target) return {{}, "the grid has no cells"};
   StrongPtr<Representation> existing = target->getRepresentation(chart);
   if (existing && existing->findFieldID(name)) {
     return {{}, "a field named \"" + name + "\" exists already"};
@@ -403,12 +378,10 @@ MakeResult<Field> addField(Grid& grid, bool onCells, const std::string& name,
     shapes.emplace_back(StrongPtr<FragmentID>(), DynamicSize{target->getNumberOfElements()});
   } else {
     StrongPtr<Field> positions = grid.getVertexPositions(chart);
-    if (!positions)
-      return {{}, "the grid has no vertex positions in that chart"};
+    if (!positions) return {{}, "the grid has no vertex positions in that chart"};
     ShapeCollector collector(onCells);
     positions->iterate(collector);
-    if (!collector.complete())
-      return {{}, "the size of the vertex positions is not known"};
+    if (!collector.complete()) return {{}, "the size of the vertex positions is not known"};
     shapes = std::move(collector.shapes);
   }
   if (shapes.size() != nGiven) {
@@ -421,8 +394,7 @@ MakeResult<Field> addField(Grid& grid, bool onCells, const std::string& name,
   for (const auto& [fragment, size] : shapes) {
     std::string error;
     StrongPtr<MemBase, Cacheable> data = make(fragment ? fragment->Name() : "", size, error);
-    if (!data)
-      return {{}, error.empty() ? "no array could be made" : error};
+    if (!data) return {{}, error.empty() ? "no array could be made" : error};
     if (!field->setCreator(holdInMemory(data), fragment)) {
       return {{}, "the array's element type differs from the field's"};
     }

@@ -8,18 +8,15 @@ Skeleton::Skeleton(int dimension, uint64_t nElements, int refinement)
 Skeleton::~Skeleton() = default;
 
 StrongPtr<Representation> Skeleton::getRepresentation(const WeakPtr<BaseSpace>& base) const {
-  if (!base)
-    return {};
+  if (!base) return {};
   auto found = representations_.find(base);
   return found == representations_.end() ? StrongPtr<Representation>() : found->second;
 }
 
 StrongPtr<Representation> Skeleton::makeRepresentation(const WeakPtr<BaseSpace>& base) {
-  if (!base)
-    return {};
+  if (!base) return {};
   auto found = representations_.find(base);
-  if (found != representations_.end() && found->second)
-    return found->second;
+  if (found != representations_.end() && found->second) return found->second;
   StrongPtr<Representation> made(new Representation(base));
   made->addOwner(*this);
   representations_.insert_or_assign(base, made);
@@ -31,8 +28,7 @@ int Skeleton::iterate(const std::function<bool(const WeakPtr<BaseSpace>&,
   int calls = 0;
   for (const auto& [base, representation] : representations_) {
     ++calls;
-    if (!visit(base, representation))
-      break;
+    if (!visit(base, representation)) break;
   }
   return calls;
 }

@@ -36,8 +36,7 @@ StrongPtr<Skeleton> SkeletonMap::getSkeleton(const SkeletonID& id) const {
 }
 
 bool SkeletonMap::setSkeleton(const SkeletonID& id, const StrongPtr<Skeleton>& skeleton) {
-  if (!skeleton || !id.isValid() || skeleton->getDimension() != id.dimension())
-    return false;
+  if (!skeleton || !id.isValid() || skeleton->getDimension() != id.dimension()) return false;
   auto found = skeletons_.find(id);
   StrongPtr<Skeleton> previous;
   if (found == skeletons_.end()) {
@@ -46,15 +45,13 @@ bool SkeletonMap::setSkeleton(const SkeletonID& id, const StrongPtr<Skeleton>& s
     previous = std::exchange(found->second, skeleton);
   }
   skeleton->addOwner(*this);
-  if (previous && previous != skeleton)
-    disown(previous);
+  if (previous && previous != skeleton) disown(previous);
   return true;
 }
 
 StrongPtr<Skeleton> SkeletonMap::makeSkeleton(const SkeletonID& id, uint64_t nElements,
                                               int refinement) {
-  if (!id.isValid() || skeletons_.count(id) != 0)
-    return {};
+  if (!id.isValid() || skeletons_.count(id) != 0) return {};
   StrongPtr<Skeleton> skeleton(new Skeleton(id.dimension(), nElements, refinement));
   skeletons_.emplace(id, skeleton);
   skeleton->addOwner(*this);
@@ -62,14 +59,11 @@ StrongPtr<Skeleton> SkeletonMap::makeSkeleton(const SkeletonID& id, uint64_t nEl
 }
 
 int SkeletonMap::nextIndex(int dimension) const {
-  if (dimension < 0)
-    return -1;
+  if (dimension < 0) return -1;
   auto next = skeletons_.upper_bound(SkeletonID(dimension, INT_MAX));
-  if (next == skeletons_.begin())
-    return 0;
+  if (next == skeletons_.begin()) return 0;
   --next;
-  if (next->first.dimension() != dimension)
-    return 0;
+  if (next->first.dimension() != dimension) return 0;
   return next->first.index() == INT_MAX ? -1 : next->first.index() + 1;
 }
 
@@ -78,25 +72,21 @@ int SkeletonMap::iterate(
   int calls = 0;
   for (const auto& [id, skeleton] : skeletons_) {
     ++calls;
-    if (!visit(id, skeleton))
-      break;
+    if (!visit(id, skeleton)) break;
   }
   return calls;
 }
 
 unsigned SkeletonMap::getMemoryUsage(unsigned long long& first, unsigned long long& second) const {
-  if (skeletons_.empty())
-    return 0;
+  if (skeletons_.empty()) return 0;
   const unsigned long long before = first;
   MemoryCounter counter(first, second);
   for (const auto& entry : skeletons_) {
-    if (!entry.second)
-      continue;
+    if (!entry.second) continue;
     entry.second->iterate([&](const WeakPtr<BaseSpace>&, const StrongPtr<Representation>& rep) {
       if (rep) {
         rep->iterate([&](const StrongPtr<FieldID>&, const StrongPtr<Field>& field) {
-          if (field)
-            field->iterate(counter);
+          if (field) field->iterate(counter);
           return true;
         });
       }
@@ -107,8 +97,7 @@ unsigned SkeletonMap::getMemoryUsage(unsigned long long& first, unsigned long lo
 }
 
 StrongPtr<Skeleton> SkeletonMap::findIsotropicRefinementFactor(int factor, int extra) const {
-  if (extra < 0 || factor < 1)
-    return {};
+  if (extra < 0 || factor < 1) return {};
   for (auto entry = skeletons_.lower_bound(SkeletonID(extra, 0));
        entry != skeletons_.end() && entry->first.dimension() == extra; ++entry) {
     if (entry->second && entry->second->getIsotropicRefinementFactor() == factor) {
@@ -120,8 +109,7 @@ StrongPtr<Skeleton> SkeletonMap::findIsotropicRefinementFactor(int factor, int e
 
 void SkeletonMap::disown(const StrongPtr<Skeleton>& skeleton) {
   for (const auto& entry : skeletons_) {
-    if (entry.second == skeleton)
-      return;
+    if (entry.second == skeleton) return;
   }
   skeleton->removeOwner(*this);
 }

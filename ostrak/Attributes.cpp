@@ -8,7 +8,9 @@ void Attributes::setAttribute(const std::string& name, AttributeValue value) {
   attributes_[name] = std::move(value);
 }
 
-bool Attributes::removeAttribute(const std::string& name) { return attributes_.erase(name) > 0; }
+bool Attributes::removeAttribute(const std::string& name) {
+  return attributes_.erase(name) > 0;
+}
 
 bool Attributes::hasAttribute(const std::string& name) const {
   return attributes_.count(name) > 0;

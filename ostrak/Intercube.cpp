@@ -12,7 +12,9 @@ bool InterfaceBase::apply_const(const StrongPtr<InterfaceIterationParameter>&) c
   return false;
 }
 
-bool InterfaceBase::apply(const StrongPtr<InterfaceIterationParameter>&) { return false; }
+bool InterfaceBase::apply(const StrongPtr<InterfaceIterationParameter>&) {
+  return false;
+}
 
 Intercube::~Intercube() = default;
 

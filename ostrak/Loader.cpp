@@ -22,9 +22,13 @@ std::string LoaderParameters::getFilename() const {
 
 LoaderProgress::~LoaderProgress() = default;
 void LoaderProgress::OpenFile(const std::string&) {}
-bool LoaderProgress::tryLoader(const std::string&) { return true; }
+bool LoaderProgress::tryLoader(const std::string&) {
+  return true;
+}
 void LoaderProgress::progress(unsigned long long, unsigned long long) {}
-bool LoaderProgress::busy() { return true; }
+bool LoaderProgress::busy() {
+  return true;
+}
 void LoaderProgress::message(const std::string&) {}
 
 LoaderBase::ldrpar::~ldrpar() = default;
@@ -60,9 +64,8 @@ bool globMatch(const char* pattern, const char* text) {
     if (*pattern == '*') {
       starPattern = ++pattern;
       starText = text;
-    } else if (*pattern == '?' ||
-               std::tolower(static_cast<unsigned char>(*pattern)) ==
-                   std::tolower(static_cast<unsigned char>(*text))) {
+    } else if (*pattern == '?' || std::tolower(static_cast<unsigned char>(*pattern)) ==
+                                      std::tolower(static_cast<unsigned char>(*text))) {
       ++pattern;
       ++text;
     } else if (starPattern) {

@@ -35,6 +35,10 @@ inline bool singleThreaded() noexcept {
 
 class ReferenceCounter;
 
+/// Handles convert wherever the object pointers do.
+template <class From, class To>
+concept PointerConvertibleTo = std::is_convertible_v<From*, To*>;
+
 /// Shared bookkeeping of one reference-counted object.
 ///
 /// `strong` counts strong handles; it is 0 before the first strong handle and
@@ -204,22 +208,19 @@ class StrongPtr {
   StrongPtr(StrongPtr&& other) noexcept
       : block_(std::exchange(other.block_, nullptr)), ptr_(std::exchange(other.ptr_, nullptr)) {}
 
-  template <class U, class C>
-    requires std::is_convertible_v<U*, T*>
+  template <PointerConvertibleTo<T> U, class C>
   StrongPtr(const StrongPtr<U, C>& other) noexcept
       : block_(other.referenceBlock()), ptr_(other.rawPointer()) {
     if (block_) block_->acquireStrong();
   }
-  template <class U, class C>
-    requires std::is_convertible_v<U*, T*>
+  template <PointerConvertibleTo<T> U, class C>
   StrongPtr(StrongPtr<U, C>&& other) noexcept
       : block_(other.referenceBlock()), ptr_(other.rawPointer()) {
     other.release();
   }
 
   /// Promotion: null when the object is gone or its destruction has begun.
-  template <class U, class C>
-    requires std::is_convertible_v<U*, T*>
+  template <PointerConvertibleTo<T> U, class C>
   explicit StrongPtr(const WeakPtr<U, C>& weak) noexcept {
     ReferenceBlock* block = weak.referenceBlock();
     if (block && weak.rawPointer() && block->object.load(std::memory_order_acquire) &&
@@ -241,8 +242,7 @@ class StrongPtr {
     StrongPtr(std::move(other)).swap(*this);
     return *this;
   }
-  template <class U, class C>
-    requires std::is_convertible_v<U*, T*>
+  template <PointerConvertibleTo<T> U, class C>
   StrongPtr& operator=(const StrongPtr<U, C>& other) noexcept {
     StrongPtr(other).swap(*this);
     return *this;
@@ -303,14 +303,12 @@ class WeakPtr {
   }
   WeakPtr(WeakPtr&& other) noexcept
       : block_(std::exchange(other.block_, nullptr)), ptr_(std::exchange(other.ptr_, nullptr)) {}
-  template <class U, class C>
-    requires std::is_convertible_v<U*, T*>
+  template <PointerConvertibleTo<T> U, class C>
   WeakPtr(const WeakPtr<U, C>& other) noexcept
       : block_(other.referenceBlock()), ptr_(other.rawPointer()) {
     if (block_) block_->acquireWeak();
   }
-  template <class U, class C>
-    requires std::is_convertible_v<U*, T*>
+  template <PointerConvertibleTo<T> U, class C>
   WeakPtr(const StrongPtr<U, C>& strong) noexcept
       : block_(strong.referenceBlock()), ptr_(strong.rawPointer()) {
     if (block_) block_->acquireWeak();
@@ -327,14 +325,12 @@ class WeakPtr {
     WeakPtr(std::move(other)).swap(*this);
     return *this;
   }
-  template <class U, class C>
-    requires std::is_convertible_v<U*, T*>
+  template <PointerConvertibleTo<T> U, class C>
   WeakPtr& operator=(const WeakPtr<U, C>& other) noexcept {
     WeakPtr(other).swap(*this);
     return *this;
   }
-  template <class U, class C>
-    requires std::is_convertible_v<U*, T*>
+  template <PointerConvertibleTo<T> U, class C>
   WeakPtr& operator=(const StrongPtr<U, C>& other) noexcept {
     WeakPtr(other).swap(*this);
     return *this;

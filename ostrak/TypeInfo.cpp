@@ -1,7 +1,7 @@
 #include "ostrak/TypeInfo.hpp"
 
-#include <cstdlib>
 #include <cxxabi.h>
+#include <cstdlib>
 #include <memory>
 
 namespace Ostrak {

@@ -22,8 +22,7 @@ using Quaril::SlicePtr;
 inline BundlePtr bundleWith(const std::vector<double>& times, const std::string& name) {
   BundlePtr bundle;
   bundle.create();
-  for (double t : times)
-    (*(*bundle)[t])[name];
+  for (double t : times) (*(*bundle)[t])[name];
   return bundle;
 }
 
@@ -34,8 +33,7 @@ class RecordingLoader : public Slice::Loader {
       : runs_(runs), gridName_(std::move(gridName)) {}
   bool load(const WeakPtr<Slice>& slice) override {
     ++runs_;
-    if (!gridName_.empty() && slice)
-      (*slice.get())[gridName_];
+    if (!gridName_.empty() && slice) (*slice.get())[gridName_];
     return true;
   }
 
@@ -84,8 +82,7 @@ inline Grid& addCurvilinearGrid(const BundlePtr& bundle, double t, const std::st
 inline StrongPtr<Quaril::Field> addRefinedField(Grid& grid, int factor, const std::string& name) {
   StrongPtr<Quaril::Skeleton> skeleton = grid.findIsotropicRefinementFactor(factor, 0);
   StrongPtr<Quaril::Representation> representation = grid.makeCartesianRepresentation(skeleton);
-  if (!representation)
-    return {};
+  if (!representation) return {};
   auto values =
       Quaril::MemArray<1, double>::create(Quaril::DynamicSize{skeleton->getNumberOfElements()});
   StrongPtr<Quaril::Field> field = Quaril::Field::create<double>();

@@ -29,8 +29,7 @@ void handMadePositions(
   StrongPtr<Quaril::Field> positions = Quaril::Field::create<point>();
   for (const auto& [name, creator] : creators) {
     StrongPtr<Quaril::FragmentID> fragment;
-    if (!name.empty())
-      fragment = StrongPtr<Quaril::FragmentID>(new Quaril::FragmentID(name));
+    if (!name.empty()) fragment = StrongPtr<Quaril::FragmentID>(new Quaril::FragmentID(name));
     positions->setCreator(creator, fragment);
   }
   representation->setField(Grid::PositionsName, positions);

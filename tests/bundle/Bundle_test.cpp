@@ -285,8 +285,7 @@ TEST(Bundle, sliceDyingDuringAWalkIsSkipped) {
   unsigned visits = bundle->iterate(
       "g",
       [&](double t, GridID&, Grid&) {
-        if (t == 1.0)
-          const_cast<Bundle::SliceTable&>(bundle->getSlices()).at(2.0).reset();
+        if (t == 1.0) const_cast<Bundle::SliceTable&>(bundle->getSlices()).at(2.0).reset();
         return true;
       },
       false);

@@ -26,10 +26,8 @@ TEST(GridList, findIsExactAndNeverCreates) {
 TEST(GridList, indexAnswersForEveryNameAmongMany) {
   StrongPtr<GridList> list(new GridList);
   std::vector<StrongPtr<GridID>> ids;
-  for (int i = 0; i < 2000; ++i)
-    ids.push_back((*list)["g" + std::to_string(i)]);
-  for (int i = 0; i < 2000; ++i)
-    EXPECT_EQ(list->find("g" + std::to_string(i)), ids[i]);
+  for (int i = 0; i < 2000; ++i) ids.push_back((*list)["g" + std::to_string(i)]);
+  for (int i = 0; i < 2000; ++i) EXPECT_EQ(list->find("g" + std::to_string(i)), ids[i]);
   EXPECT_EQ(list->getNumberOfGrids(), 2000u);
 }
 

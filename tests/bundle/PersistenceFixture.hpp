@@ -39,8 +39,7 @@ class MemoryLoader : public Ostrak::Loader<Bundle> {
         request->setErrorText("damaged file " + file);
         return false;
       }
-      if (!progress || progress->CreateSlice(time))
-        (*(*target.target)[time])[file];
+      if (!progress || progress->CreateSlice(time)) (*(*target.target)[time])[file];
       time += 1.0;
     }
     return true;
@@ -114,8 +113,7 @@ class MemorySaver : public Ostrak::Interface<MemorySaver> {
 
   bool apply(const StrongPtr<Ostrak::InterfaceIterationParameter>& parameter) override {
     auto parameters = Quaril::Binder::Parameters::of(parameter);
-    if (!parameters || !bundle_)
-      return false;
+    if (!parameters || !bundle_) return false;
     log_->binds.push_back(SaveLog::record(parameter));
     bundle_->setStorage(StrongPtr<Quaril::StorageBinding>(new MemoryBinding(log_)));
     auto request = Ostrak::dynamic_pointer_cast<Ostrak::SaveParameters>(parameter);

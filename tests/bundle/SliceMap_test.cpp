@@ -68,8 +68,7 @@ TEST(SliceMap, iterateCountsOnlyTrueAnswers) {
     bool apply(double, const SliceWeakPtr&) override { return ++calls < limit; }
   };
   SliceMap map;
-  for (double t : {1.0, 2.0, 3.0})
-    map.insert(t, SliceWeakPtr());
+  for (double t : {1.0, 2.0, 3.0}) map.insert(t, SliceWeakPtr());
   StopAfter first(1);
   EXPECT_EQ(map.iterate(first), 0);
   EXPECT_EQ(first.calls, 1);

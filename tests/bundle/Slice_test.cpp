@@ -119,8 +119,7 @@ TEST(Slice, iterateFiltersByNameAndStops) {
   BundlePtr bundle;
   bundle.create();
   SlicePtr slice = (*bundle)[0.0];
-  for (const char* name : {"a", "b", "c"})
-    (*slice)[name];
+  for (const char* name : {"a", "b", "c"}) (*slice)[name];
   slice->makeGridID("no grid");
 
   Collect all;
@@ -157,8 +156,7 @@ TEST(Slice, pendingLoadersRunAtEndOfLifeOnlyWhenTheBundleIsBound) {
     BundlePtr bundle;
     bundle.create();
     int syncs = 0;
-    if (bound)
-      bundle->setStorage(StrongPtr<Quaril::StorageBinding>(new CountingStorage(syncs)));
+    if (bound) bundle->setStorage(StrongPtr<Quaril::StorageBinding>(new CountingStorage(syncs)));
     int runs = 0;
     WeakPtr<Grid> grid;
     {
@@ -206,8 +204,7 @@ TEST(Slice, largeSlicesFindWhatSmallOnesFind) {
   bundle.create();
   SlicePtr slice = (*bundle)[0.0];
   std::vector<Grid*> grids;
-  for (int i = 0; i < 100; ++i)
-    grids.push_back((*slice)["g" + std::to_string(i)]);
+  for (int i = 0; i < 100; ++i) grids.push_back((*slice)["g" + std::to_string(i)]);
   Grid* replaced = slice->newGrid("g50");
   StrongPtr<Grid> inserted(new Grid(bundle->getGridList(), bundle->getCharts()));
   slice->insert("g70", inserted);

@@ -1,6 +1,6 @@
 #include "field/QuarilType.hpp"
-#include "field/MemBase.hpp"
 #include <array>
+#include "field/MemBase.hpp"
 
 #include <gtest/gtest.h>
 
@@ -32,10 +32,8 @@ TEST(QuarilType, descriptorsAreUniquePerTypeAcrossCallsAndThreads) {
   for (auto& slot : seen) {
     threads.emplace_back([&slot] { slot = &QuarilTypeBase::getType<RacedType>(); });
   }
-  for (auto& thread : threads)
-    thread.join();
-  for (const QuarilTypeBase* type : seen)
-    EXPECT_EQ(type, seen.front());
+  for (auto& thread : threads) thread.join();
+  for (const QuarilTypeBase* type : seen) EXPECT_EQ(type, seen.front());
 }
 
 TEST(QuarilType, namesAndComponentsDescribeTheElement) {

@@ -46,8 +46,7 @@ std::vector<point> cube() {
   std::vector<point> points;
   for (int k = 0; k < 2; ++k)
     for (int j = 0; j < 2; ++j)
-      for (int i = 0; i < 2; ++i)
-        points.push_back({1.0 * i, 2.0 * j, 3.0 * k + i * 0.5});
+      for (int i = 0; i < 2; ++i) points.push_back({1.0 * i, 2.0 * j, 3.0 * k + i * 0.5});
   return points;
 }
 
@@ -359,10 +358,8 @@ TYPED_TEST(ElementTypes, vertexAndCellFieldsKeepTheirValuesAndType) {
   auto grid = newGrid();
   ASSERT_TRUE(makeUniformGrid(*grid, {3, 2, 1}, {}, {1, 1, 1}));
   std::vector<T> vertexValues, cellValues;
-  for (int i = 0; i < 6; ++i)
-    vertexValues.push_back(sample<T>(i));
-  for (int i = 0; i < 2; ++i)
-    cellValues.push_back(sample<T>(i + 3));
+  for (int i = 0; i < 6; ++i) vertexValues.push_back(sample<T>(i));
+  for (int i = 0; i < 2; ++i) cellValues.push_back(sample<T>(i + 3));
 
   MakeResult<Field> onVertices = addVertexField(*grid, "v", vertexValues);
   MakeResult<Field> onCells = addCellField(*grid, "c", cellValues);

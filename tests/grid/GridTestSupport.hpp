@@ -17,15 +17,12 @@ inline StrongPtr<Grid> newGrid() {
 /// link is missing or of the wrong kind.
 inline StrongPtr<Grid> climbToGrid(const CreativeArrayBase& creator) {
   auto field = Ostrak::dynamic_pointer_cast<Field>(creator.firstLiveOwner().lock());
-  if (!field)
-    return {};
+  if (!field) return {};
   auto representation =
       Ostrak::dynamic_pointer_cast<Representation>(field->firstLiveOwner().lock());
-  if (!representation)
-    return {};
+  if (!representation) return {};
   auto skeleton = Ostrak::dynamic_pointer_cast<Skeleton>(representation->firstLiveOwner().lock());
-  if (!skeleton)
-    return {};
+  if (!skeleton) return {};
   return Ostrak::dynamic_pointer_cast<Grid>(skeleton->firstLiveOwner().lock());
 }
 
@@ -40,8 +37,7 @@ inline bool ownerChainsComplete(const StrongPtr<Grid>& grid) {
     Walker(const StrongPtr<Grid>& g, bool& c, int& n) : grid(g), complete(c), creators(n) {}
     bool apply(const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) override {
       ++creators;
-      if (!creator || climbToGrid(*creator) != grid)
-        complete = false;
+      if (!creator || climbToGrid(*creator) != grid) complete = false;
       return true;
     }
   } walker(grid, complete, creators);

@@ -17,8 +17,7 @@ TEST(SkeletonID, orderIsByDimensionThenIndexAndNamesAreDistinct) {
 
   std::set<SkeletonID> ids{{2, 0}, {0, 1}, {0, 0}, {1, 3}};
   std::set<std::string> names;
-  for (const SkeletonID& id : ids)
-    names.insert(id.Name());
+  for (const SkeletonID& id : ids) names.insert(id.Name());
   EXPECT_EQ(names.size(), ids.size());
   EXPECT_EQ(ids.begin()->Name(), "Skeleton(0,0)");
   EXPECT_EQ(SkeletonID(3, 12).Name(), "Skeleton(3,12)");
