@@ -47,14 +47,9 @@ StrongPtr<GridID> Slice::makeGridID(const std::string& name) {
   GridList& list = *bundle->getGridList();
   StrongPtr<GridID> id = list.find(name);
   if (!id) id = list[name];
-  // The slice knows the time it is filed under, so registering it costs one
-  // look-up instead of a walk over the bundle's slices.
-  if (!std::isnan(time_)) {
-    auto filed = bundle->getSlices().find(time_);
-    if (filed != bundle->getSlices().end() && filed->second.rawPointer() == this) {
-      id->insert(time_, filed->second);
-    }
-  }
+  // The bundle files a slice under exactly one time, which the slice keeps,
+  // so registering it needs no walk over the bundle's slices.
+  if (!std::isnan(time_)) id->insert(time_, SliceWeakPtr(this));
   entryFor(id);
   return id;
 }
@@ -68,21 +63,47 @@ Slice::GridMap::iterator Slice::entryFor(const StrongPtr<GridID>& id) {
   auto [entry, added] = grids_.try_emplace(id);
   constexpr size_t kIndexedFrom = 32;
   if (index_) {
-    if (added) index_->emplace(id.rawPointer(), entry);
+    if (added) indexEntry(entry, gridList());
   } else if (grids_.size() >= kIndexedFrom) {
-    index_ = std::make_unique<GridIndex>();
-    index_->reserve(grids_.size() * 2);
-    for (auto each = grids_.begin(); each != grids_.end(); ++each) {
-      index_->emplace(each->first.rawPointer(), each);
-    }
+    buildIndex();
   }
   return entry;
 }
 
+void Slice::buildIndex() {
+  const GridList* list = gridList();
+  if (!list) return;
+  index_ = std::make_unique<GridIndex>();
+  index_->reserve(grids_.size() * 2);
+  for (auto entry = grids_.begin(); entry != grids_.end(); ++entry) indexEntry(entry, list);
+}
+
+// Only entries keyed by the bundle's own identity of their name go into the
+// index: those are the ones a look-up by name resolves to.
+void Slice::indexEntry(GridMap::iterator entry, const GridList* list) {
+  const GridID* id = entry->first.get();
+  if (id && list && list->findIdentity(id->getName()) == id) {
+    index_->emplace(id->getName(), entry);
+  } else {
+    ++unindexedEntries_;
+  }
+}
+
 Slice::GridMap::const_iterator Slice::findEntry(const GridID* id) const {
   if (!index_) return grids_.find(id->referenceBlock());
-  auto found = index_->find(id);
-  return found == index_->end() ? grids_.end() : GridMap::const_iterator(found->second);
+  auto found = index_->find(id->getName());
+  if (found != index_->end() && found->second->first.rawPointer() == id) return found->second;
+  return unindexedEntries_ == 0 ? grids_.end() : grids_.find(id->referenceBlock());
+}
+
+Slice::GridMap::const_iterator Slice::findEntry(const std::string& name,
+                                                const GridList& list) const {
+  if (index_) {
+    auto found = index_->find(name);
+    return found == index_->end() ? grids_.end() : GridMap::const_iterator(found->second);
+  }
+  const GridID* id = list.findIdentity(name);
+  return id ? grids_.find(id->referenceBlock()) : grids_.end();
 }
 
 Grid* Slice::createGridIn(GridMap::iterator entry) {
@@ -129,10 +150,9 @@ StrongPtr<Grid> Slice::operator()(const StrongPtr<GridID>& id) const {
 
 StrongPtr<Grid> Slice::operator()(const std::string& name) const {
   accessSlice();
-  GridList* list = gridList();
-  GridID* id = list ? list->findIdentity(name) : nullptr;
-  if (!id) return {};
-  auto found = findEntry(id);
+  const GridList* list = gridList();
+  if (!list) return {};
+  auto found = findEntry(name, *list);
   if (found == grids_.end() || !found->second) return {};
   return found->second;
 }
@@ -230,6 +250,7 @@ void Slice::extremeUnction() {
     if (bundle && bundle->getStorage()) accessSlice();
   }
   index_.reset();
+  unindexedEntries_ = 0;
   grids_.clear();
 }
 

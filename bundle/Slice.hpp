@@ -137,15 +137,20 @@ class Slice : public Ostrak::Ownable<Grid>::Container,
 
   GridMap::iterator entryFor(const Ostrak::StrongPtr<GridID>& id);
   GridMap::const_iterator findEntry(const GridID* id) const;
+  GridMap::const_iterator findEntry(const std::string& name, const GridList& list) const;
+  void buildIndex();
+  void indexEntry(GridMap::iterator entry, const GridList* list);
   Grid* createGridIn(GridMap::iterator entry);
   void replaceGrid(GridMap::iterator entry, const Ostrak::StrongPtr<Grid>& grid);
   GridList* gridList() const;
 
   GridMap grids_;
-  // A hash index over the grid map, built once a slice holds many grids, so
-  // that look-ups stay constant-time at any number of grid names.
-  using GridIndex = std::unordered_map<const GridID*, GridMap::iterator>;
+  // A hash index by name over the grid map, built once a slice holds many
+  // grids, so that look-ups stay constant-time at any number of grid names.
+  // Entries keyed by an identity foreign to the bundle are not in it.
+  using GridIndex = std::unordered_map<std::string, GridMap::iterator>;
   std::unique_ptr<GridIndex> index_;
+  size_t unindexedEntries_ = 0;
   // The owner last examined and its cast to a bundle, to spare the cast on
   // every look-up; the handle keeps the block, so its address is not reused.
   mutable Ostrak::WeakPtr<Ostrak::Ownable<Slice>::Container> ownerSeen_;

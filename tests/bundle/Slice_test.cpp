@@ -219,6 +219,17 @@ TEST(Slice, largeSlicesFindWhatSmallOnesFind) {
   EXPECT_FALSE((*slice)("empty"));
   EXPECT_FALSE((*slice)("g100"));
   EXPECT_EQ(slice->getGrids().size(), 101u);
+
+  // Identities foreign to the bundle are found by identity, never by name.
+  StrongPtr<GridID> foreign(new GridID("g1"));
+  StrongPtr<GridID> stranger(new GridID("stranger"));
+  Grid* foreignGrid = (*slice)[foreign];
+  Grid* strangerGrid = (*slice)[stranger];
+  EXPECT_EQ((*slice)(foreign).get(), foreignGrid);
+  EXPECT_EQ((*slice)(stranger).get(), strangerGrid);
+  EXPECT_EQ((*slice)("g1").get(), grids[1]);
+  EXPECT_FALSE((*slice)("stranger"));
+  EXPECT_EQ((*slice)(slice->findGridID("g2")).get(), grids[2]);
 }
 
 }  // namespace
