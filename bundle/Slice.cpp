@@ -55,6 +55,7 @@ StrongPtr<GridID> Slice::makeGridID(const std::string& name) {
 }
 
 StrongPtr<GridID> Slice::findGridID(const std::string& name) const {
+  accessSlice();
   StrongPtr<GridList> list = getIDList();
   return list ? list->find(name) : StrongPtr<GridID>();
 }

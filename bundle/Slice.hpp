@@ -72,7 +72,8 @@ class Slice : public Ostrak::Ownable<Grid>::Container,
   /// it at the time the slice is filed under; adds an empty grid entry for it
   /// when there is none. Null without a live owning bundle. Loads nothing.
   Ostrak::StrongPtr<GridID> makeGridID(const std::string& name);
-  /// The identity of `name` in the bundle's grid list, or null. Never creates.
+  /// The identity of `name` in the bundle's grid list, or null. Never
+  /// creates; runs pending loaders first.
   Ostrak::StrongPtr<GridID> findGridID(const std::string& name) const;
 
   /// The grid of `name`, created when missing. Null without a live bundle.

@@ -149,6 +149,12 @@ TEST(Slice, loaderThatReentersItsSliceRunsOnce) {
   EXPECT_FALSE(slice->hasPendingLoaders());
   EXPECT_TRUE(slice->accessSlice());
   EXPECT_EQ(runs, 1);
+
+  // Asking for an identity is an access too: the loader may create it.
+  SlicePtr later = (*bundle)[1.0];
+  later->addLoader(StrongPtr<Slice::Loader>(new RecordingLoader(runs, "late")));
+  EXPECT_TRUE(later->findGridID("late"));
+  EXPECT_EQ(runs, 2);
 }
 
 TEST(Slice, pendingLoadersRunAtEndOfLifeOnlyWhenTheBundleIsBound) {
