@@ -29,7 +29,14 @@ Bundle::Bundle()
       charts_(new GlobalCharts),
       gridList_(new GridList) {}
 
-Bundle::~Bundle() = default;
+// A bundle that never had a strong handle (one on the stack, say) ends here
+// without its last rites; its slices still go first, while the members they
+// consult are alive.
+Bundle::~Bundle() {
+  SliceTable released;
+  released.swap(slices_);
+  released.clear();
+}
 
 void Bundle::DeferredConstructor() {
   Ostrak::SaveRegistry<Bundle>::traverseCreators(*this);

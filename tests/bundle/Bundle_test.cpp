@@ -123,6 +123,18 @@ TEST(Bundle, endOfLifeLeavesNoSlicesAndReleasesPendingLoadersUnrun) {
   EXPECT_FALSE(id->prev(t).valid());
 }
 
+TEST(Bundle, bundleWithoutHandlesTearsDownItsSlicesCleanly) {
+  WeakPtr<Slice> slice;
+  {
+    Bundle onStack;
+    SlicePtr held = onStack[1.0];
+    (*held)["g"];
+    slice = held;
+    EXPECT_EQ((*held)("g").get(), (*held)["g"]);
+  }
+  EXPECT_FALSE(slice.valid());
+}
+
 // ---- time navigation ---------------------------------------------------------------------
 
 TEST(Bundle, bracketFindsExactTimesOnly) {
