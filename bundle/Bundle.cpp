@@ -30,12 +30,12 @@ Bundle::Bundle()
       gridList_(new GridList) {}
 
 // A bundle that never had a strong handle (one on the stack, say) ends here
-// without its last rites; its slices still go first, while the members they
-// consult are alive.
+// without its last rites. Members go as their order says, the storage binding
+// before the slices, so pending loaders do not run; the slices are released
+// explicitly while the members they consult still exist.
 Bundle::~Bundle() {
-  SliceTable released;
-  released.swap(slices_);
-  released.clear();
+  storage_.reset();
+  releaseSlices();
 }
 
 void Bundle::DeferredConstructor() {
@@ -80,11 +80,19 @@ void Bundle::extremeUnction() {
     storage_.reset();
   }
   heldSlice_.reset();
-  // Released from a local table: dying slices may still look at the bundle.
+  releaseSlices();
+  gridIndex_.clear();
+}
+
+// Released from a local table, since dying slices may still look at the
+// bundle; slices that live on elsewhere are no longer filed here.
+void Bundle::releaseSlices() {
   SliceTable released;
   released.swap(slices_);
+  for (auto& [time, slice] : released) {
+    if (slice) slice->unfile();
+  }
   released.clear();
-  gridIndex_.clear();
 }
 
 // ---- contents ------------------------------------------------------------------

@@ -289,6 +289,7 @@ class Bundle : public Ostrak::Ownable<Slice>::Container,
   template <class Visit>
   unsigned walkOccurrences(SliceTable::const_iterator from, SliceTable::const_iterator to,
                            const std::string& name, bool skipUnloaded, Visit&& visit) const;
+  void releaseSlices();
   Ostrak::StrongPtr<Grid> lookUp(Slice& slice, const std::string& name,
                                  Ostrak::StrongPtr<GridID>& id) const;
   GridInfo refinementIn(double time, const SlicePtr& slice, const std::string& name, int level,
@@ -335,8 +336,8 @@ class BundlePtr : public Ostrak::StrongPtr<Bundle, Ostrak::Ownable<Slice>::Conta
   bool save(const std::string& filename,
             const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress = {},
             const Ostrak::StrongPtr<StorageTransformations>& transformations = {}) const;
-  /// Saves the grids named in `gridNames` (the whole bundle when the list is
-  /// null) through a GridSaveParameters request. Returns 1 when a saver
+  /// Saves the grids named in `gridNames` through a GridSaveParameters
+  /// request, or the whole bundle through a plain one when the list is null. Returns 1 when a saver
   /// answered true, 0 when none did, -1 (nothing done) for an empty or dead
   /// handle.
   int saveGrids(const std::string& filename, const Ostrak::StrongPtr<Ostrak::StringList>& gridNames,

@@ -42,8 +42,14 @@ FieldSelector::FieldSelector(const FieldSelector& other, const std::string& fiel
   selectField(fieldname, types);
 }
 
+// The source is time, slice and grid; a skeleton that came with the record
+// is not kept alive by the selector.
 FieldSelector::FieldSelector(const GridSelector& grid, const Info<Grid>& source)
-    : GridSelector(grid), source_(source) {}
+    : GridSelector(grid) {
+  source_.time = source.time;
+  source_.slice = source.slice;
+  source_.grid = source.grid;
+}
 
 FieldSelector::FieldSelector(FieldSelector&& other) noexcept
     : GridSelector(std::move(other)),

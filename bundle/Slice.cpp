@@ -115,16 +115,11 @@ Grid* Slice::createGridIn(GridMap::iterator entry) {
   return entry->second.get();
 }
 
+// Owner lists are never pruned: a replaced grid still names this slice, and
+// its primary owner stays the first slice that took it.
 void Slice::replaceGrid(GridMap::iterator entry, const StrongPtr<Grid>& grid) {
-  StrongPtr<Grid> old = std::move(entry->second);
   entry->second = grid;
   grid->addOwner(*this);
-  if (!old || old == grid) return;
-  // A grid this slice no longer holds under any name stops naming it as owner.
-  for (const auto& other : grids_) {
-    if (other.second == old) return;
-  }
-  old->removeOwner(*this);
 }
 
 Grid* Slice::operator[](const std::string& name) {
@@ -166,6 +161,7 @@ Grid* Slice::newGrid(const std::string& name) {
 }
 
 Grid* Slice::newGrid(const std::string& name, const std::string& parentName) {
+  accessSlice();  // a pending loader may create the parent
   StrongPtr<GridList> list = getIDList();
   StrongPtr<GridID> parent = list ? list->find(parentName) : StrongPtr<GridID>();
   Grid* grid = newGrid(name);

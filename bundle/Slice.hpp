@@ -85,8 +85,7 @@ class Slice : public Ostrak::Ownable<Grid>::Container,
   Ostrak::StrongPtr<Grid> operator()(const std::string& name) const;
   /// The grid under `id`, or null. Never creates.
   Ostrak::StrongPtr<Grid> operator()(const Ostrak::StrongPtr<GridID>& id) const;
-  /// A fresh grid under `name`, replacing any grid there (a replaced grid
-  /// that the slice holds under no other name no longer names it as owner).
+  /// A fresh grid under `name`, replacing (and releasing) any grid there.
   Grid* newGrid(const std::string& name);
   /// As `newGrid(name)`, and makes the identity of `name` a child of the
   /// identity of `parentName` when that exists (never created).
@@ -135,6 +134,9 @@ class Slice : public Ostrak::Ownable<Grid>::Container,
 
  private:
   friend class Bundle;
+
+  /// Called by the bundle when it stops filing this slice.
+  void unfile() noexcept { time_ = std::nan(""); }
 
   GridMap::iterator entryFor(const Ostrak::StrongPtr<GridID>& id);
   GridMap::const_iterator findEntry(const GridID* id) const;

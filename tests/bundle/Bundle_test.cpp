@@ -125,14 +125,20 @@ TEST(Bundle, endOfLifeLeavesNoSlicesAndReleasesPendingLoadersUnrun) {
 
 TEST(Bundle, bundleWithoutHandlesTearsDownItsSlicesCleanly) {
   WeakPtr<Slice> slice;
+  int syncs = 0;
+  int runs = 0;
   {
     Bundle onStack;
+    onStack.setStorage(StrongPtr<Quaril::StorageBinding>(new CountingStorage(syncs)));
+    onStack[2.0]->addLoader(StrongPtr<Slice::Loader>(new RecordingLoader(runs)));
     SlicePtr held = onStack[1.0];
     (*held)["g"];
     slice = held;
     EXPECT_EQ((*held)("g").get(), (*held)["g"]);
   }
   EXPECT_FALSE(slice.valid());
+  EXPECT_EQ(runs, 0) << "the binding goes before the slices";
+  EXPECT_EQ(syncs, 0) << "no last rites without a strong handle";
 }
 
 // ---- time navigation ---------------------------------------------------------------------

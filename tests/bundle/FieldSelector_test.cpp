@@ -134,6 +134,20 @@ TEST(FieldSelector, otherLevelsAreSoughtBackInTimeIgnoringTheChartName) {
   EXPECT_FALSE(FieldSelector(bundle, 1, "uniform", "density").getField("density", 1));
 }
 
+TEST(FieldSelector, sourceFromARecordKeepsNoSkeletonAlive) {
+  BundlePtr bundle = selectorEvolution();
+  Quaril::GridSelector grid(bundle, "uniform");
+  Quaril::Info<Grid> found = grid.getRefinementLevel(3.0, 1, 0);
+  ASSERT_TRUE(found.skeleton);
+  const int32_t holders = found.skeleton.strongCount();
+  FieldSelector selector(grid, found);
+  EXPECT_EQ(found.skeleton.strongCount(), holders);
+  EXPECT_FALSE(FieldSelector(selector).getSource().skeleton);
+  EXPECT_EQ(selector.getSource().grid, found.grid);
+  EXPECT_EQ(selector.getSourceTime(), found.time);
+  EXPECT_TRUE(!selector);
+}
+
 TEST(FieldSelector, equalityIgnoresSourceGridAndTreatsNaNTimeAsAnyTime) {
   BundlePtr bundle = selectorEvolution();
   EXPECT_TRUE(FieldSelector() == FieldSelector());

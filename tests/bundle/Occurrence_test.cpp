@@ -64,12 +64,18 @@ TEST(Occurrence, chainBrokenAtEachLevelGivesNoBundle) {
     EXPECT_FALSE(getPrimaryBundle(*chain.slice));
     EXPECT_FALSE(getPrimaryBundle(*chain.creator));
   }
-  {  // the grid left its slice
+  {  // the slice is gone, the grid lives on
+    Chain chain;
+    StrongPtr<Grid> grid = chain.grid;
+    Chain fresh;
+    chain = fresh;
+    EXPECT_FALSE(getPrimaryOwner(*grid));
+    EXPECT_FALSE(getPrimaryBundle(*grid));
+  }
+  {  // a replaced grid keeps naming the slice that let it go
     Chain chain;
     chain.slice->newGrid("g");
-    chain.slice.reset();
-    EXPECT_FALSE(getPrimaryOwner(*chain.grid)) << "the replaced grid's only owner let it go";
-    EXPECT_FALSE(getPrimaryBundle(*chain.creator));
+    EXPECT_EQ(getPrimaryOwner(*chain.grid), chain.slice);
   }
   {  // a representation that no skeleton owns
     Chain chain;

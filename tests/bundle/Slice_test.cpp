@@ -91,6 +91,13 @@ TEST(Slice, newGridLinksParentOnlyWhenTheParentExists) {
   (*slice)["parent"];
   slice->newGrid("second", "parent");
   EXPECT_TRUE(slice->findGridID("parent")->isParentOf(slice->findGridID("second")));
+
+  // The parent may come with the slice's pending loader.
+  int runs = 0;
+  SlicePtr later = (*bundle)[1.0];
+  later->addLoader(StrongPtr<Slice::Loader>(new RecordingLoader(runs, "loaded parent")));
+  later->newGrid("loaded child", "loaded parent");
+  EXPECT_TRUE(later->findGridID("loaded parent")->isParentOf(later->findGridID("loaded child")));
 }
 
 TEST(Slice, uniqueGridCountsEntriesWithEmptyGrids) {
@@ -184,6 +191,16 @@ TEST(Slice, memoryUsageOfEmptySliceLeavesCountersAlone) {
   EXPECT_EQ(slice->getMemoryUsage(first, second), 0u);
   EXPECT_EQ(first, 7u);
   EXPECT_EQ(second, 9u);
+}
+
+TEST(Slice, sliceNoLongerFiledRecordsNoTime) {
+  BundlePtr bundle;
+  bundle.create();
+  SlicePtr slice = (*bundle)[1.0];
+  bundle->extremeUnction();
+  ASSERT_NE((*slice)["g"], nullptr);
+  EXPECT_TRUE(slice->findGridID("g")->getSliceMap().empty());
+  EXPECT_FALSE(bundle->findPreviousGrid(1.0, "g"));
 }
 
 TEST(Slice, sliceWithoutBundleAnswersByNameWithNothing) {
