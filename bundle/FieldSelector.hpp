@@ -49,7 +49,8 @@ class FieldSelector : public GridSelector {
   /// Takes everything of `other` along, the selection included.
   FieldSelector(FieldSelector&& other) noexcept;
   /// As the copy constructor: takes bundle, grid name, source and skeleton of
-  /// `other` and ends without a selection.
+  /// `other` and ends without a selection. Assigning a selector to itself
+  /// changes nothing.
   FieldSelector& operator=(const FieldSelector& other);
   /// Takes everything of `other` along, the selection included.
   FieldSelector& operator=(FieldSelector&& other) noexcept;
