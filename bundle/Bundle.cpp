@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <limits>
 
 #include "bundle/Binder.hpp"
 #include "bundle/GridSelector.hpp"
@@ -205,6 +206,8 @@ StrongPtr<Grid> Bundle::lookUp(Slice& slice, const std::string& name, StrongPtr<
 
 namespace {
 
+constexpr double kNoEnd = std::numeric_limits<double>::infinity();
+
 bool skipped(const SlicePtr& slice, bool skipUnloaded) {
   return !slice || (skipUnloaded && slice->hasPendingLoaders());
 }
@@ -305,7 +308,7 @@ Bundle::GridInfo Bundle::findMostRecentGrid(double t, const StrongPtr<GridID>& i
 }
 
 unsigned Bundle::NumberOfGrids(const std::string& name, bool skipUnloaded) const {
-  return walkOccurrences(slices_.begin(), slices_.end(), name, skipUnloaded,
+  return walkOccurrences(slices_.begin(), kNoEnd, name, skipUnloaded,
                          [](double, GridID&, Grid&) { return true; });
 }
 
@@ -313,7 +316,7 @@ unsigned Bundle::NumberOfGrids(double t0, double t1, const std::string& name,
                                bool skipUnloaded) const {
   if (std::isnan(t0) || std::isnan(t1)) return 0;
   auto [low, high] = std::minmax(t0, t1);
-  return walkOccurrences(slices_.lower_bound(low), slices_.upper_bound(high), name, skipUnloaded,
+  return walkOccurrences(slices_.lower_bound(low), high, name, skipUnloaded,
                          [](double, GridID&, Grid&) { return true; });
 }
 
@@ -324,15 +327,17 @@ unsigned Bundle::getNrSlicesOfGridInTimeRange(double t0, double t1, const std::s
 
 // ---- evolution ---------------------------------------------------------------------
 
-// Visits the occurrences of `name` in [from, to) in ascending time until
-// `visit` answers false; returns the number of visits. Each slice is held by
-// a temporary strong handle while it is visited.
+// Visits the occurrences of `name` from `from` to the last slice at or
+// before `until`, in ascending time, until `visit` answers false; returns the
+// number of visits. Each slice is held by a temporary strong handle while it
+// is visited.
 template <class Visit>
-unsigned Bundle::walkOccurrences(SliceTable::const_iterator from, SliceTable::const_iterator to,
+unsigned Bundle::walkOccurrences(SliceTable::const_iterator from, double until,
                                  const std::string& name, bool skipUnloaded, Visit&& visit) const {
   unsigned visits = 0;
   StrongPtr<GridID> id;
-  for (auto entry = from; entry != to; ++entry) {
+  // The end is tested on each step: loaders run by the walk may add slices.
+  for (auto entry = from; entry != slices_.end() && !(until < entry->first); ++entry) {
     SlicePtr slice = entry->second;
     if (skipped(slice, skipUnloaded)) continue;
     StrongPtr<Grid> grid = lookUp(*slice, name, id);
@@ -346,14 +351,14 @@ unsigned Bundle::walkOccurrences(SliceTable::const_iterator from, SliceTable::co
 unsigned Bundle::iterate(const std::string& name, EvolutionIterator<Grid>& it,
                          bool skipUnloaded) const {
   return walkOccurrences(
-      slices_.begin(), slices_.end(), name, skipUnloaded,
+      slices_.begin(), kNoEnd, name, skipUnloaded,
       [&](double time, GridID& id, Grid& grid) { return it.apply(time, id, grid); });
 }
 
 unsigned Bundle::iterate(const std::string& name,
                          const std::function<bool(double, GridID&, Grid&)>& f,
                          bool skipUnloaded) const {
-  return walkOccurrences(slices_.begin(), slices_.end(), name, skipUnloaded, f);
+  return walkOccurrences(slices_.begin(), kNoEnd, name, skipUnloaded, f);
 }
 
 unsigned Bundle::iterate(const StrongPtr<GridID>& id,
@@ -374,7 +379,7 @@ unsigned Bundle::iterate(const StrongPtr<GridID>& id,
 unsigned Bundle::iterateForward(double& t, const std::string& name, EvolutionIterator<Grid>& it,
                                 bool skipUnloaded) const {
   if (std::isnan(t)) return 0;
-  return walkOccurrences(slices_.lower_bound(t), slices_.end(), name, skipUnloaded,
+  return walkOccurrences(slices_.lower_bound(t), kNoEnd, name, skipUnloaded,
                          [&](double time, GridID& id, Grid& grid) {
                            t = time;
                            return it.apply(time, id, grid);

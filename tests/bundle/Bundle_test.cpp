@@ -284,6 +284,21 @@ TEST(Bundle, countsIncludeBothEndsInEitherOrder) {
   EXPECT_EQ(bundle->NumberOfGrids(std::nan(""), 1.0, "g", false), 0u);
 }
 
+TEST(Bundle, rangedCountStopsAtItsEndEvenWhenLoadersAddSlices) {
+  BundlePtr bundle = bundleWith({1.0, 2.0, 3.0, 4.0, 6.0}, "g");
+  struct AddsSlice : Slice::Loader {
+    explicit AddsSlice(Bundle& bundle) : bundle(bundle) {}
+    bool load(const WeakPtr<Slice>&) override {
+      (*bundle[4.5])["g"];
+      return true;
+    }
+    Bundle& bundle;
+  };
+  (*bundle)[3.0]->addLoader(StrongPtr<Slice::Loader>(new AddsSlice(*bundle)));
+  EXPECT_EQ(bundle->NumberOfGrids(1.0, 4.0, "g", false), 4u);
+  EXPECT_EQ(bundle->NumberOfGrids(4.0, 5.0, "g", false), 2u);
+}
+
 TEST(Bundle, emptyBundleFindsNothing) {
   BundlePtr bundle;
   bundle.create();
