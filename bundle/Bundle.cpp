@@ -258,20 +258,31 @@ Bundle::GridInfo Bundle::findNext(double t, const std::string& name) const {
 
 namespace {
 
-// Backward from the last slice at or before `t`; empty when no slice lies
-// strictly after `t` or none lies at or before it.
-template <class Lookup>
-Info<Grid> searchBackward(const Bundle::SliceTable& slices, double t, Lookup&& lookup) {
-  if (std::isnan(t)) return {};
+// Visits slices backward from the last one at or before `t`, each held by a
+// strong handle, until `visit(time, slice)` answers false. Nothing is visited
+// when no slice lies strictly after `t` or none lies at or before it.
+template <class Visit>
+void walkBackward(const Bundle::SliceTable& slices, double t, Visit&& visit) {
+  if (std::isnan(t)) return;
   auto after = slices.upper_bound(t);
-  if (after == slices.end() || after == slices.begin()) return {};
+  if (after == slices.end() || after == slices.begin()) return;
   for (auto entry = std::prev(after);; --entry) {
     SlicePtr slice = entry->second;
-    if (slice) {
-      if (StrongPtr<Grid> grid = lookup(*slice)) return found(entry->first, slice, grid);
-    }
-    if (entry == slices.begin()) return {};
+    if (!visit(entry->first, slice) || entry == slices.begin()) return;
   }
+}
+
+// The first grid that `lookup` finds walking backward from `t`.
+template <class Lookup>
+Info<Grid> searchBackward(const Bundle::SliceTable& slices, double t, Lookup&& lookup) {
+  Info<Grid> result;
+  walkBackward(slices, t, [&](double time, const SlicePtr& slice) {
+    StrongPtr<Grid> grid = slice ? lookup(*slice) : StrongPtr<Grid>();
+    if (!grid) return true;
+    result = found(time, slice, std::move(grid));
+    return false;
+  });
+  return result;
 }
 
 }  // namespace
@@ -388,22 +399,16 @@ unsigned Bundle::iterateForward(double& t, const std::string& name, EvolutionIte
 
 unsigned Bundle::iterateBackward(double& t, const std::string& name, EvolutionIterator<Grid>& it,
                                  bool skipUnloaded) const {
-  if (std::isnan(t)) return 0;
-  auto after = slices_.upper_bound(t);
-  if (after == slices_.end() || after == slices_.begin()) return 0;
   unsigned visits = 0;
   StrongPtr<GridID> id;
-  for (auto entry = std::prev(after);; --entry) {
-    SlicePtr slice = entry->second;
-    if (!skipped(slice, skipUnloaded)) {
-      if (StrongPtr<Grid> grid = lookUp(*slice, name, id)) {
-        t = entry->first;
-        ++visits;
-        if (!it.apply(entry->first, *id, *grid)) break;
-      }
-    }
-    if (entry == slices_.begin()) break;
-  }
+  walkBackward(slices_, t, [&](double time, const SlicePtr& slice) {
+    if (skipped(slice, skipUnloaded)) return true;
+    StrongPtr<Grid> grid = lookUp(*slice, name, id);
+    if (!grid) return true;
+    t = time;
+    ++visits;
+    return it.apply(time, *id, *grid);
+  });
   return visits;
 }
 

@@ -42,11 +42,9 @@ StrongPtr<GridList> Slice::getIDList() const {
 }
 
 StrongPtr<GridID> Slice::makeGridID(const std::string& name) {
-  Bundle* bundle = getOwningBundle();
-  if (!bundle || !bundle->getGridList()) return {};
-  GridList& list = *bundle->getGridList();
-  StrongPtr<GridID> id = list.find(name);
-  if (!id) id = list[name];
+  GridList* list = gridList();
+  if (!list) return {};
+  StrongPtr<GridID> id = (*list)[name];  // finds the live identity or creates it
   // The bundle files a slice under exactly one time, which the slice keeps,
   // so registering it needs no walk over the bundle's slices.
   if (!std::isnan(time_)) id->insert(time_, SliceWeakPtr(this));
@@ -56,7 +54,7 @@ StrongPtr<GridID> Slice::makeGridID(const std::string& name) {
 
 StrongPtr<GridID> Slice::findGridID(const std::string& name) const {
   accessSlice();
-  StrongPtr<GridList> list = getIDList();
+  const GridList* list = gridList();
   return list ? list->find(name) : StrongPtr<GridID>();
 }
 
@@ -162,7 +160,7 @@ Grid* Slice::newGrid(const std::string& name) {
 
 Grid* Slice::newGrid(const std::string& name, const std::string& parentName) {
   accessSlice();  // a pending loader may create the parent
-  StrongPtr<GridList> list = getIDList();
+  const GridList* list = gridList();
   StrongPtr<GridID> parent = list ? list->find(parentName) : StrongPtr<GridID>();
   Grid* grid = newGrid(name);
   if (grid && parent) parent->insertChild(findGridID(name));
