@@ -1,0 +1,65 @@
+#pragma once
+// Bundles in HDF5 files of our own layout (docs/hdf5-layout.md).
+//
+// After registerFormat(), the bundle library's load, merge, save, saveGrids,
+// bindTo and bindToNew work on files named *.h5, *.hdf5 or *.qb.h5:
+//
+//   Quaril::H5::registerFormat();
+//   Quaril::BundlePtr data;
+//   data.load("run.h5");                // reads the index; slices load on first access
+//   data.save("copy.h5");               // written beside, flushed, renamed over
+//
+// The functions below do the same and also say why something failed.
+
+#include <cstdint>
+#include <list>
+#include <string>
+
+#include "bundle/Bundle.hpp"
+#include "bundle/StorageTransformations.hpp"
+#include "ostrak/Loader.hpp"
+#include "ostrak/StringList.hpp"
+
+namespace Quaril::H5 {
+
+/// The file patterns the format reads and writes.
+inline constexpr const char* FilePatterns[] = {"*.h5", "*.hdf5", "*.qb.h5"};
+
+/// Bits of FilterSettings::filter as this format reads them. The deflate
+/// level is FilterSettings::level (1 to 9; other values take 6); data smaller
+/// than FilterSettings::minimumBytes are written unfiltered. Without a filter,
+/// StorageTransformations::setCompressionLevel(n > 0) deflates and shuffles
+/// everything at level n.
+inline constexpr uint32_t FilterDeflate = 1;
+inline constexpr uint32_t FilterShuffle = 2;
+
+/// Registers the loader and the saver creator of the format with the object
+/// core's registries. Calling it again does nothing. Bundles made before the
+/// first call have no saver of this format attached.
+void registerFormat();
+
+/// The outcome of an operation: success, or the reason of the failure.
+struct Outcome {
+  bool ok = false;
+  std::string error;
+  explicit operator bool() const noexcept { return ok; }
+};
+
+/// Loads `filenames` into `bundle` (made when empty) through the registered
+/// loaders; the error names the file and the problem.
+Outcome load(BundlePtr& bundle, const std::list<std::string>& filenames,
+             const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress = {});
+
+/// Saves `bundle` (only the grids in `gridNames` when given) as a file of
+/// this format, whatever the file is called. On failure an existing file is
+/// left as it was and no temporary file remains.
+Outcome save(const Bundle& bundle, const std::string& filename,
+             const Ostrak::StrongPtr<StorageTransformations>& transformations = {},
+             const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress = {},
+             const Ostrak::StrongPtr<Ostrak::StringList>& gridNames = {});
+
+/// Reads everything of `filename` (index, every grid, every data set, each
+/// dropped after reading) and reports the first problem. Loads into no bundle.
+Outcome check(const std::string& filename);
+
+}  // namespace Quaril::H5

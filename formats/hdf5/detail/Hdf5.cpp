@@ -1,0 +1,421 @@
+#include "formats/hdf5/detail/Hdf5.hpp"
+
+#include <array>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <type_traits>
+
+namespace Quaril::H5::detail {
+
+namespace {
+
+std::recursive_mutex& callMutex() {
+  static std::recursive_mutex mutex;
+  return mutex;
+}
+
+/// The outermost and innermost descriptions on HDF5's error stack, then
+/// clears it.
+std::string takeErrorStack() {
+  std::vector<std::string> messages;
+  H5Ewalk2(
+      H5E_DEFAULT, H5E_WALK_UPWARD,
+      [](unsigned, const H5E_error2_t* error, void* data) -> herr_t {
+        auto* list = static_cast<std::vector<std::string>*>(data);
+        if (error->desc && *error->desc) list->push_back(error->desc);
+        return 0;
+      },
+      &messages);
+  H5Eclear2(H5E_DEFAULT);
+  if (messages.empty()) return "";
+  if (messages.size() == 1 || messages.front() == messages.back()) return messages.front();
+  return messages.back() + " (" + messages.front() + ")";
+}
+
+template <class T>
+constexpr bool isFloat = std::is_floating_point_v<T>;
+
+hsize_t elementCount(const std::vector<hsize_t>& dims) {
+  hsize_t count = 1;
+  for (hsize_t extent : dims) {
+    if (extent != 0 && count > std::numeric_limits<hsize_t>::max() / extent) {
+      throw Failure("extents overflow");
+    }
+    count *= extent;
+  }
+  return count;
+}
+
+}  // namespace
+
+Session::Session() : lock_(callMutex()) {
+  H5Eget_auto2(H5E_DEFAULT, &savedPrinter_, &savedData_);
+  H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+}
+
+Session::~Session() {
+  H5Eset_auto2(H5E_DEFAULT, savedPrinter_, savedData_);
+}
+
+template <class Result>
+Result check(Result result, const std::string& what) {
+  if (result < 0) {
+    std::string reason = takeErrorStack();
+    throw Failure(reason.empty() ? what : what + ": " + reason);
+  }
+  return result;
+}
+template herr_t check<herr_t>(herr_t, const std::string&);
+template hid_t check<hid_t>(hid_t, const std::string&);
+template hssize_t check<hssize_t>(hssize_t, const std::string&);
+
+// ---- files -------------------------------------------------------------------
+
+namespace {
+PropertyList fileAccess() {
+  PropertyList access(H5Pcreate(H5P_FILE_ACCESS), "file access settings");
+  // The 1.8 object format at least: compact groups and attributes, which
+  // keep files of many small time steps small and quick to write.
+  check(H5Pset_libver_bounds(access.id(), H5F_LIBVER_V18, H5F_LIBVER_LATEST), "file format bounds");
+  return access;
+}
+}  // namespace
+
+File createFile(const std::string& path) {
+  PropertyList access = fileAccess();
+  return File(H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, access.id()),
+              "cannot create " + path);
+}
+
+File openFileForWriting(const std::string& path) {
+  PropertyList access = fileAccess();
+  return File(H5Fopen(path.c_str(), H5F_ACC_RDWR, access.id()), "cannot open " + path);
+}
+
+File openFile(const std::string& path) {
+  return File(H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), "cannot open " + path);
+}
+
+bool looksLikeHdf5(const std::string& path) {
+  static const std::array<char, 8> signature{'\211', 'H', 'D', 'F', '\r', '\n', '\032', '\n'};
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  in.seekg(0, std::ios::end);
+  const std::streamoff size = in.tellg();
+  // The signature sits at 0 or, after a user block, at 512, 1024, 2048, ...
+  for (std::streamoff offset = 0; offset + 8 <= size; offset = offset ? offset * 2 : 512) {
+    std::array<char, 8> head{};
+    in.seekg(offset);
+    if (!in.read(head.data(), head.size())) return false;
+    if (head == signature) return true;
+  }
+  return false;
+}
+
+// ---- groups and links ----------------------------------------------------------
+
+Group createGroup(hid_t parent, const std::string& name) {
+  return Group(H5Gcreate2(parent, name.c_str(), H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT),
+               "cannot create group \"" + name + "\"");
+}
+
+Group openGroup(hid_t parent, const std::string& name) {
+  require(linkExists(parent, name), "group \"" + name + "\" is missing");
+  require(isGroup(parent, name), "\"" + name + "\" is not a group");
+  return Group(H5Gopen2(parent, name.c_str(), H5P_DEFAULT), "cannot open group \"" + name + "\"");
+}
+
+Group openOrCreateGroup(hid_t parent, const std::string& name) {
+  return linkExists(parent, name) ? openGroup(parent, name) : createGroup(parent, name);
+}
+
+void removeLink(hid_t parent, const std::string& name) {
+  if (linkExists(parent, name)) {
+    check(H5Ldelete(parent, name.c_str(), H5P_DEFAULT), "cannot remove \"" + name + "\"");
+  }
+}
+
+std::vector<std::string> linkNames(hid_t group) {
+  std::vector<std::string> names;
+  check(H5Literate(
+            group, H5_INDEX_NAME, H5_ITER_INC, nullptr,
+            [](hid_t, const char* name, const H5L_info_t*, void* data) -> herr_t {
+              static_cast<std::vector<std::string>*>(data)->push_back(name);
+              return 0;
+            },
+            &names),
+        "cannot list a group");
+  return names;
+}
+
+bool linkExists(hid_t parent, const std::string& name) {
+  return check(H5Lexists(parent, name.c_str(), H5P_DEFAULT), "cannot look up \"" + name + "\"") > 0;
+}
+
+uint64_t countLinks(hid_t group) {
+  H5G_info_t info{};
+  check(H5Gget_info(group, &info), "cannot read a group");
+  return info.nlinks;
+}
+
+bool isGroup(hid_t parent, const std::string& name) {
+  H5O_info_t info{};
+  check(H5Oget_info_by_name2(parent, name.c_str(), &info, H5O_INFO_BASIC, H5P_DEFAULT),
+        "cannot read \"" + name + "\"");
+  return info.type == H5O_TYPE_GROUP;
+}
+
+void linkExternal(hid_t parent, const std::string& name, const std::string& file,
+                  const std::string& path) {
+  check(H5Lcreate_external(file.c_str(), path.c_str(), parent, name.c_str(), H5P_DEFAULT,
+                           H5P_DEFAULT),
+        "cannot link \"" + name + "\" to " + file);
+}
+
+// ---- datatypes -----------------------------------------------------------------
+
+Datatype copyType(hid_t predefined) {
+  return Datatype(H5Tcopy(predefined), "cannot copy a type");
+}
+
+Datatype stringType() {
+  Datatype type = copyType(H5T_C_S1);
+  check(H5Tset_size(type.id(), H5T_VARIABLE), "cannot make a string type");
+  check(H5Tset_cset(type.id(), H5T_CSET_UTF8), "cannot make a string type");
+  return type;
+}
+
+// ---- datasets ------------------------------------------------------------------
+
+Dataset writeDataset(hid_t parent, const std::string& name, hid_t fileType, hid_t memoryType,
+                     const std::vector<hsize_t>& dims, const void* data, const Storage& storage) {
+  Dataspace space(H5Screate_simple(static_cast<int>(dims.size()), dims.data(), nullptr),
+                  "cannot describe the extents of \"" + name + "\"");
+  PropertyList create(H5Pcreate(H5P_DATASET_CREATE), "dataset settings");
+  if (!storage.chunk.empty()) {
+    check(H5Pset_chunk(create.id(), static_cast<int>(storage.chunk.size()), storage.chunk.data()),
+          "cannot chunk \"" + name + "\"");
+    if (storage.shuffle) check(H5Pset_shuffle(create.id()), "cannot shuffle \"" + name + "\"");
+    if (storage.deflate >= 0) {
+      check(H5Pset_deflate(create.id(), static_cast<unsigned>(storage.deflate)),
+            "cannot compress \"" + name + "\"");
+    }
+  }
+  // Nothing to fill: every dataset is written whole right away.
+  check(H5Pset_fill_time(create.id(), H5D_FILL_TIME_NEVER), "dataset settings");
+  Dataset dataset(
+      H5Dcreate2(parent, name.c_str(), fileType, space.id(), H5P_DEFAULT, create.id(), H5P_DEFAULT),
+      "cannot create dataset \"" + name + "\"");
+  if (data && elementCount(dims) > 0) {
+    check(H5Dwrite(dataset.id(), memoryType, H5S_ALL, H5S_ALL, H5P_DEFAULT, data),
+          "cannot write \"" + name + "\"");
+  }
+  return dataset;
+}
+
+Dataset openDataset(hid_t parent, const std::string& name) {
+  require(linkExists(parent, name), "dataset \"" + name + "\" is missing");
+  require(!isGroup(parent, name), "\"" + name + "\" is not a dataset");
+  return Dataset(H5Dopen2(parent, name.c_str(), H5P_DEFAULT),
+                 "cannot open dataset \"" + name + "\"");
+}
+
+std::vector<hsize_t> datasetExtents(hid_t dataset) {
+  Dataspace space(H5Dget_space(dataset), "cannot read the extents of a dataset");
+  H5S_class_t kind = H5Sget_simple_extent_type(space.id());
+  if (kind == H5S_SCALAR) return {};
+  require(kind == H5S_SIMPLE, "a dataset has no extents");
+  int rank = check(H5Sget_simple_extent_ndims(space.id()), "cannot read the rank of a dataset");
+  std::vector<hsize_t> dims(static_cast<size_t>(rank));
+  check(H5Sget_simple_extent_dims(space.id(), dims.data(), nullptr),
+        "cannot read the extents of a dataset");
+  return dims;
+}
+
+Datatype datasetType(hid_t dataset) {
+  return Datatype(H5Dget_type(dataset), "cannot read the type of a dataset");
+}
+
+void readDataset(hid_t dataset, hid_t memoryType, void* data, const std::string& what) {
+  check(H5Dread(dataset, memoryType, H5S_ALL, H5S_ALL, H5P_DEFAULT, data), "cannot read " + what);
+}
+
+template <class T>
+std::vector<T> readVector(hid_t parent, const std::string& name, size_t expectedColumns) {
+  Dataset dataset = openDataset(parent, name);
+  std::vector<hsize_t> dims = datasetExtents(dataset.id());
+  const size_t rank = expectedColumns ? 2 : 1;
+  require(dims.size() == rank, "\"" + name + "\" has rank " + std::to_string(dims.size()) +
+                                   ", expected " + std::to_string(rank));
+  require(!expectedColumns || dims[1] == expectedColumns,
+          "\"" + name + "\" has " + std::to_string(dims[1]) + " columns, expected " +
+              std::to_string(expectedColumns));
+  Datatype type = datasetType(dataset.id());
+  const H5T_class_t typeClass = H5Tget_class(type.id());
+  require(typeClass == (isFloat<T> ? H5T_FLOAT : H5T_INTEGER),
+          "\"" + name + "\" holds " + (typeClass == H5T_FLOAT ? "floating-point" : "other") +
+              " values, expected " + (isFloat<T> ? "floating-point" : "integer") + " values");
+  const hsize_t count = elementCount(dims);
+  require(count <= static_cast<hsize_t>(H5Dget_storage_size(dataset.id())),
+          "\"" + name + "\" claims more values than it stores");
+  std::vector<T> values(static_cast<size_t>(count));
+  if (count > 0) readDataset(dataset.id(), nativeType<T>(), values.data(), "\"" + name + "\"");
+  return values;
+}
+
+template <class T>
+void writeVector(hid_t parent, const std::string& name, const std::vector<T>& values,
+                 size_t columns) {
+  std::vector<hsize_t> dims{columns ? values.size() / columns : values.size()};
+  if (columns) dims.push_back(columns);
+  writeDataset(parent, name, nativeType<T>(), nativeType<T>(), dims, values.data());
+}
+
+template std::vector<double> readVector<double>(hid_t, const std::string&, size_t);
+template std::vector<int64_t> readVector<int64_t>(hid_t, const std::string&, size_t);
+template std::vector<uint64_t> readVector<uint64_t>(hid_t, const std::string&, size_t);
+template std::vector<uint8_t> readVector<uint8_t>(hid_t, const std::string&, size_t);
+template void writeVector<double>(hid_t, const std::string&, const std::vector<double>&, size_t);
+template void writeVector<int64_t>(hid_t, const std::string&, const std::vector<int64_t>&, size_t);
+template void writeVector<uint64_t>(hid_t, const std::string&, const std::vector<uint64_t>&,
+                                    size_t);
+template void writeVector<uint8_t>(hid_t, const std::string&, const std::vector<uint8_t>&, size_t);
+
+// ---- attributes ----------------------------------------------------------------
+
+bool attributeExists(hid_t object, const std::string& name) {
+  return check(H5Aexists(object, name.c_str()), "cannot look up attribute \"" + name + "\"") > 0;
+}
+
+void writeAttribute(hid_t object, const std::string& name, hid_t type, const void* data,
+                    size_t count, bool scalar) {
+  const hsize_t dims[1] = {count};
+  Dataspace space(scalar ? H5Screate(H5S_SCALAR) : H5Screate_simple(1, dims, nullptr),
+                  "cannot describe attribute \"" + name + "\"");
+  Attribute attribute(H5Acreate2(object, name.c_str(), type, space.id(), H5P_DEFAULT, H5P_DEFAULT),
+                      "cannot create attribute \"" + name + "\"");
+  if (count > 0 || scalar) {
+    check(H5Awrite(attribute.id(), type, data), "cannot write attribute \"" + name + "\"");
+  }
+}
+
+void writeString(hid_t object, const std::string& name, const std::string& text) {
+  require(text.find('\0') == std::string::npos,
+          "attribute \"" + name + "\": a text with a zero byte cannot be stored");
+  const char* pointer = text.c_str();
+  writeAttribute(object, name, stringType().id(), &pointer, 1, true);
+}
+
+void writeStrings(hid_t object, const std::string& name, const std::vector<std::string>& texts) {
+  std::vector<const char*> pointers;
+  for (const std::string& text : texts) {
+    require(text.find('\0') == std::string::npos,
+            "attribute \"" + name + "\": a text with a zero byte cannot be stored");
+    pointers.push_back(text.c_str());
+  }
+  writeAttribute(object, name, stringType().id(), pointers.data(), pointers.size(), false);
+}
+
+namespace {
+Attribute openAttribute(hid_t object, const std::string& name) {
+  require(attributeExists(object, name), "attribute \"" + name + "\" is missing");
+  return Attribute(H5Aopen(object, name.c_str(), H5P_DEFAULT),
+                   "cannot open attribute \"" + name + "\"");
+}
+}  // namespace
+
+AttributeShape attributeShape(hid_t object, const std::string& name) {
+  Attribute attribute = openAttribute(object, name);
+  Datatype type(H5Aget_type(attribute.id()), "cannot read the type of \"" + name + "\"");
+  Dataspace space(H5Aget_space(attribute.id()), "cannot read the extents of \"" + name + "\"");
+  AttributeShape shape;
+  shape.typeClass = H5Tget_class(type.id());
+  shape.typeSize = H5Tget_size(type.id());
+  shape.isVariableString =
+      shape.typeClass == H5T_STRING && check(H5Tis_variable_str(type.id()), "string type") > 0;
+  const H5S_class_t kind = H5Sget_simple_extent_type(space.id());
+  require(kind == H5S_SCALAR || kind == H5S_SIMPLE, "attribute \"" + name + "\" has no value");
+  shape.scalar = kind == H5S_SCALAR;
+  if (shape.scalar) {
+    shape.count = 1;
+  } else {
+    require(H5Sget_simple_extent_ndims(space.id()) == 1,
+            "attribute \"" + name + "\" is not one-dimensional");
+    hsize_t dims[1] = {0};
+    check(H5Sget_simple_extent_dims(space.id(), dims, nullptr), "extents of \"" + name + "\"");
+    shape.count = dims[0];
+  }
+  return shape;
+}
+
+std::vector<std::string> attributeNames(hid_t object) {
+  std::vector<std::string> names;
+  check(H5Aiterate2(
+            object, H5_INDEX_NAME, H5_ITER_INC, nullptr,
+            [](hid_t, const char* name, const H5A_info_t*, void* data) -> herr_t {
+              static_cast<std::vector<std::string>*>(data)->push_back(name);
+              return 0;
+            },
+            &names),
+        "cannot list attributes");
+  return names;
+}
+
+std::vector<std::string> readStrings(hid_t object, const std::string& name) {
+  AttributeShape shape = attributeShape(object, name);
+  require(shape.typeClass == H5T_STRING, "attribute \"" + name + "\" is not a text");
+  Attribute attribute = openAttribute(object, name);
+  std::vector<std::string> texts;
+  if (shape.count == 0) return texts;
+  if (shape.isVariableString) {
+    std::vector<char*> pointers(static_cast<size_t>(shape.count), nullptr);
+    Datatype type = stringType();
+    check(H5Aread(attribute.id(), type.id(), pointers.data()), "cannot read \"" + name + "\"");
+    for (char* pointer : pointers) texts.emplace_back(pointer ? pointer : "");
+    Dataspace space(H5Aget_space(attribute.id()), "extents of \"" + name + "\"");
+    H5Dvlen_reclaim(type.id(), space.id(), H5P_DEFAULT, pointers.data());
+  } else {
+    // Fixed-length texts, as other writers make them.
+    require(shape.typeSize > 0 && shape.typeSize < (1u << 20),
+            "attribute \"" + name + "\" has a bad text size");
+    std::vector<char> bytes(static_cast<size_t>(shape.count) * shape.typeSize);
+    Datatype type(H5Aget_type(attribute.id()), "type of \"" + name + "\"");
+    check(H5Aread(attribute.id(), type.id(), bytes.data()), "cannot read \"" + name + "\"");
+    for (size_t i = 0; i < shape.count; ++i) {
+      const char* begin = bytes.data() + i * shape.typeSize;
+      texts.emplace_back(begin, strnlen(begin, shape.typeSize));
+    }
+  }
+  return texts;
+}
+
+std::string readString(hid_t object, const std::string& name) {
+  std::vector<std::string> texts = readStrings(object, name);
+  require(texts.size() == 1, "attribute \"" + name + "\" is not a single text");
+  return texts.front();
+}
+
+template <class T>
+std::vector<T> readNumbers(hid_t object, const std::string& name, size_t count) {
+  AttributeShape shape = attributeShape(object, name);
+  require(shape.typeClass == H5T_INTEGER || shape.typeClass == H5T_FLOAT,
+          "attribute \"" + name + "\" is not a number");
+  require(count == 0 || shape.count == count, "attribute \"" + name + "\" holds " +
+                                                  std::to_string(shape.count) +
+                                                  " values, expected " + std::to_string(count));
+  require(shape.count < (1u << 24), "attribute \"" + name + "\" is too long");
+  std::vector<T> values(static_cast<size_t>(shape.count));
+  if (!values.empty()) {
+    Attribute attribute = openAttribute(object, name);
+    check(H5Aread(attribute.id(), nativeType<T>(), values.data()), "cannot read \"" + name + "\"");
+  }
+  return values;
+}
+
+template std::vector<double> readNumbers<double>(hid_t, const std::string&, size_t);
+template std::vector<int64_t> readNumbers<int64_t>(hid_t, const std::string&, size_t);
+template std::vector<uint64_t> readNumbers<uint64_t>(hid_t, const std::string&, size_t);
+template std::vector<int32_t> readNumbers<int32_t>(hid_t, const std::string&, size_t);
+
+}  // namespace Quaril::H5::detail

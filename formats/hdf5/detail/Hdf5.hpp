@@ -1,0 +1,219 @@
+#pragma once
+// The one place where the format calls the HDF5 C library: owners of HDF5
+// handles that close on every path, and one wrapper per call family that
+// turns a failure into a Failure carrying HDF5's own reason. HDF5 never
+// prints its error stack: every entry point of the format opens a Session,
+// which switches the printing off for its thread and serialises the calls.
+
+#include <hdf5.h>
+
+#include <cstdint>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace Quaril::H5::detail {
+
+/// A failed HDF5 call or an inconsistency found in a file. Never leaves the
+/// format: the entry points turn it into an error text.
+class Failure : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Throws a Failure with `text` when `condition` is false.
+inline void require(bool condition, const std::string& text) {
+  if (!condition) throw Failure(text);
+}
+
+/// Serialises the format's HDF5 calls and keeps HDF5's error printing off
+/// for the current thread while it lives. Re-entrant.
+class Session {
+ public:
+  Session();
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+ private:
+  std::unique_lock<std::recursive_mutex> lock_;
+  H5E_auto2_t savedPrinter_ = nullptr;
+  void* savedData_ = nullptr;
+};
+
+/// Throws a Failure naming `what` and HDF5's reason when `result` is
+/// negative; returns `result` otherwise.
+template <class Result>
+Result check(Result result, const std::string& what);
+
+/// The native HDF5 type of `T` (not owned).
+template <class T>
+hid_t nativeType() {
+  if constexpr (std::is_same_v<T, double>) return H5T_NATIVE_DOUBLE;
+  if constexpr (std::is_same_v<T, int64_t>) return H5T_NATIVE_INT64;
+  if constexpr (std::is_same_v<T, uint64_t>) return H5T_NATIVE_UINT64;
+  if constexpr (std::is_same_v<T, int32_t>) return H5T_NATIVE_INT32;
+  if constexpr (std::is_same_v<T, uint8_t>) return H5T_NATIVE_UINT8;
+  static_assert(std::is_same_v<T, double> || std::is_same_v<T, int64_t> ||
+                    std::is_same_v<T, uint64_t> || std::is_same_v<T, int32_t> ||
+                    std::is_same_v<T, uint8_t>,
+                "no native type for T");
+}
+
+/// Owner of one HDF5 handle of a kind whose closing function is `Close`.
+template <herr_t (*Close)(hid_t)>
+class Owned {
+ public:
+  Owned() noexcept = default;
+  /// Takes `id`; a negative id is a failed call, reported as `what`.
+  Owned(hid_t id, const std::string& what) : id_(check(id, what)) {}
+  ~Owned() { reset(); }
+  Owned(Owned&& other) noexcept : id_(other.id_) { other.id_ = H5I_INVALID_HID; }
+  Owned& operator=(Owned&& other) noexcept {
+    if (this != &other) {
+      reset();
+      id_ = other.id_;
+      other.id_ = H5I_INVALID_HID;
+    }
+    return *this;
+  }
+  Owned(const Owned&) = delete;
+  Owned& operator=(const Owned&) = delete;
+
+  hid_t id() const noexcept { return id_; }
+  explicit operator bool() const noexcept { return id_ >= 0; }
+  /// Closes now, reporting a failure (closing a file flushes it).
+  void close(const std::string& what) {
+    hid_t id = id_;
+    id_ = H5I_INVALID_HID;
+    if (id >= 0) check(Close(id), what);
+  }
+
+ private:
+  void reset() noexcept {
+    if (id_ >= 0) Close(id_);
+    id_ = H5I_INVALID_HID;
+  }
+  hid_t id_ = H5I_INVALID_HID;
+};
+
+using File = Owned<H5Fclose>;
+using Group = Owned<H5Gclose>;
+using Dataset = Owned<H5Dclose>;
+using Dataspace = Owned<H5Sclose>;
+using Datatype = Owned<H5Tclose>;
+using Attribute = Owned<H5Aclose>;
+using PropertyList = Owned<H5Pclose>;
+
+// ---- files -------------------------------------------------------------------
+
+/// Creates (truncating) the file `path` with the format's file settings.
+File createFile(const std::string& path);
+/// Opens `path` for writing.
+File openFileForWriting(const std::string& path);
+/// Opens `path` read-only.
+File openFile(const std::string& path);
+/// Whether `path` starts with the HDF5 signature (checked without HDF5).
+bool looksLikeHdf5(const std::string& path);
+
+// ---- groups and links ----------------------------------------------------------
+
+Group createGroup(hid_t parent, const std::string& name);
+Group openGroup(hid_t parent, const std::string& name);
+/// The group `name` in `parent`, created when missing.
+Group openOrCreateGroup(hid_t parent, const std::string& name);
+bool linkExists(hid_t parent, const std::string& name);
+/// Removes the link `name` from `parent` when there is one.
+void removeLink(hid_t parent, const std::string& name);
+/// The names of the links in `group`, in name order.
+std::vector<std::string> linkNames(hid_t group);
+/// Number of links in the group.
+uint64_t countLinks(hid_t group);
+/// Whether the object `name` in `parent` is a group (false: a dataset).
+bool isGroup(hid_t parent, const std::string& name);
+/// Makes `name` in `parent` an external link to `path` in the file `file`.
+void linkExternal(hid_t parent, const std::string& name, const std::string& file,
+                  const std::string& path);
+
+// ---- datatypes -----------------------------------------------------------------
+
+/// A copy of a predefined type, owned.
+Datatype copyType(hid_t predefined);
+/// The variable-length string type of the format's names and texts.
+Datatype stringType();
+
+// ---- datasets ------------------------------------------------------------------
+
+/// Dataset creation settings: chunk extents (empty: contiguous), deflate
+/// level (negative: none) and shuffle.
+struct Storage {
+  std::vector<hsize_t> chunk;
+  int deflate = -1;
+  bool shuffle = false;
+};
+
+/// Creates `name` of `fileType` and extents `dims` in `parent` and writes
+/// `data` (in `memoryType`; null writes nothing).
+Dataset writeDataset(hid_t parent, const std::string& name, hid_t fileType, hid_t memoryType,
+                     const std::vector<hsize_t>& dims, const void* data,
+                     const Storage& storage = {});
+Dataset openDataset(hid_t parent, const std::string& name);
+/// The extents of a dataset.
+std::vector<hsize_t> datasetExtents(hid_t dataset);
+/// The stored type of a dataset, owned.
+Datatype datasetType(hid_t dataset);
+/// Reads the whole dataset into `data` as `memoryType`.
+void readDataset(hid_t dataset, hid_t memoryType, void* data, const std::string& what);
+
+/// A one-dimensional dataset of `T` read whole; its rank, class and size are
+/// checked first (`expectedColumns` > 0 asks for a two-dimensional one).
+template <class T>
+std::vector<T> readVector(hid_t parent, const std::string& name, size_t expectedColumns = 0);
+template <class T>
+void writeVector(hid_t parent, const std::string& name, const std::vector<T>& values,
+                 size_t columns = 0);
+
+// ---- attributes ----------------------------------------------------------------
+
+bool attributeExists(hid_t object, const std::string& name);
+/// Writes a scalar (`count` 0) or one-dimensional attribute of `count`
+/// values.
+void writeAttribute(hid_t object, const std::string& name, hid_t type, const void* data,
+                    size_t count, bool scalar);
+void writeString(hid_t object, const std::string& name, const std::string& text);
+void writeStrings(hid_t object, const std::string& name, const std::vector<std::string>& texts);
+template <class T>
+void writeNumbers(hid_t object, const std::string& name, const std::vector<T>& values) {
+  writeAttribute(object, name, nativeType<T>(), values.data(), values.size(), false);
+}
+template <class T>
+void writeNumber(hid_t object, const std::string& name, T value) {
+  writeAttribute(object, name, nativeType<T>(), &value, 1, true);
+}
+
+/// What an attribute holds, as far as the format reads attributes.
+struct AttributeShape {
+  H5T_class_t typeClass = H5T_NO_CLASS;
+  size_t typeSize = 0;
+  bool isVariableString = false;
+  bool scalar = true;
+  uint64_t count = 0;  ///< number of values
+};
+AttributeShape attributeShape(hid_t object, const std::string& name);
+/// Names of all attributes of `object`, in creation order when tracked.
+std::vector<std::string> attributeNames(hid_t object);
+
+std::string readString(hid_t object, const std::string& name);
+std::vector<std::string> readStrings(hid_t object, const std::string& name);
+/// A numeric attribute of exactly `count` values (0: any number), converted
+/// to `T`; a scalar counts as one value.
+template <class T>
+std::vector<T> readNumbers(hid_t object, const std::string& name, size_t count = 0);
+template <class T>
+T readNumber(hid_t object, const std::string& name) {
+  return readNumbers<T>(object, name, 1)[0];
+}
+
+}  // namespace Quaril::H5::detail

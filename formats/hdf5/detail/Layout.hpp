@@ -1,0 +1,89 @@
+#pragma once
+// The file layout, shared by the reader and the writer so that the two cannot
+// drift apart: names of groups, datasets and attributes, and the mapping of
+// element types to HDF5 types. docs/hdf5-layout.md describes the same.
+
+#include <hdf5.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "field/DynamicSize.hpp"
+#include "field/QuarilType.hpp"
+
+namespace Quaril::H5::detail::layout {
+
+// Root: what the file is.
+inline constexpr const char* FormatAttribute = "format";
+inline constexpr const char* FormatName = "quaril-bundle";
+inline constexpr const char* VersionAttribute = "version";  // int32[2]: major, minor
+inline constexpr int32_t VersionMajor = 1;
+inline constexpr int32_t VersionMinor = 0;
+
+// The index, read whole on opening.
+inline constexpr const char* IndexGroup = "index";
+inline constexpr const char* Times = "times";           // float64[S], ascending, distinct
+inline constexpr const char* GridNames = "grid_names";  // uint8[B], the names one after another
+inline constexpr const char* GridNameEnds = "grid_name_ends";  // uint64[G], end of each name
+inline constexpr const char* GridParents = "grid_parents";     // int64[G], parent row or -1
+inline constexpr const char* Entries = "entries";              // int64[E, 2]: time row, grid row
+inline constexpr const char* EntryBytes = "entry_bytes";       // uint64[E], data bytes of the entry
+
+// Contents.
+inline constexpr const char* GridsGroup = "grids";             // /grids/<entry row>
+inline constexpr const char* SlicesGroup = "slices";           // /slices/<time row>: its attributes
+inline constexpr const char* BundleAttributes = "attributes";  // the bundle's attributes
+
+// Inside a grid group: skeleton groups, in them representation groups, in
+// them field groups, in them one object per fragment. Their link names are
+// free (the writer uses numbers); what they are is in their attributes.
+inline constexpr const char* Dimension = "dimension";    // int32
+inline constexpr const char* SkeletonIndex = "index";    // int32
+inline constexpr const char* Elements = "elements";      // uint64
+inline constexpr const char* Refinement = "refinement";  // int32
+inline constexpr const char* Base = "base";              // "chart" or "skeleton"
+inline constexpr const char* BaseChart = "chart";
+inline constexpr const char* BaseSkeleton = "skeleton";
+inline constexpr const char* Chart = "chart";                     // chart name
+inline constexpr const char* ChartDimension = "chart_dimension";  // int32
+inline constexpr const char* ChartCartesian = "chart_cartesian";  // int32, 0 or 1
+inline constexpr const char* RelativeSkeleton = "skeleton";       // int32[2]: dimension, index
+inline constexpr const char* FieldName = "name";
+inline constexpr const char* ElementType = "type";   // element type name
+inline constexpr const char* Fragment = "fragment";  // fragment name, when fragmented
+inline constexpr const char* Origin = "origin";      // float64[3] (uniform)
+inline constexpr const char* Spacing = "spacing";    // float64[3] (uniform)
+inline constexpr const char* Extents = "extents";    // uint64[3] (uniform)
+inline constexpr const char* Minimum = "minimum";    // float64, optional
+inline constexpr const char* Maximum = "maximum";    // float64, optional
+
+/// The path of the grid group of entry `row`.
+inline std::string gridPath(uint64_t row) {
+  return std::string(GridsGroup) + "/" + std::to_string(row);
+}
+/// The path of the attribute group of time row `row`.
+inline std::string slicePath(uint64_t row) {
+  return std::string(SlicesGroup) + "/" + std::to_string(row);
+}
+
+/// How elements of one type are stored: as `components` values of the
+/// native HDF5 type `component` each (a trailing dimension when more than one).
+struct StoredType {
+  hid_t component = H5I_INVALID_HID;
+  int components = 1;
+};
+
+/// The stored form of `type`; `component` is invalid for a type that cannot
+/// be stored (not arithmetic, or made of components that are not).
+StoredType storedType(const QuarilTypeBase& type);
+
+/// HDF5 extents of an array of `size` (first index fastest) of `type`: the
+/// extents reversed, and the components last when there are several.
+std::vector<hsize_t> fileExtents(const DynamicSize& size, const StoredType& type);
+
+/// The array size of a dataset of `extents` storing `type`; rank 0 when the
+/// extents do not fit the type (wrong component count, rank not 1 to 4).
+DynamicSize arraySize(const std::vector<hsize_t>& extents, const StoredType& type);
+
+}  // namespace Quaril::H5::detail::layout

@@ -1,0 +1,529 @@
+#include "formats/hdf5/detail/Writer.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <variant>
+
+#include "formats/hdf5/Format.hpp"
+#include "formats/hdf5/detail/Hdf5.hpp"
+#include "formats/hdf5/detail/Layout.hpp"
+#include "formats/hdf5/detail/Values.hpp"
+
+namespace Quaril::H5::detail {
+
+namespace {
+
+namespace fs = std::filesystem;
+using Ostrak::StrongPtr;
+using Ostrak::WeakPtr;
+
+/// One grid of one slice to be written.
+struct Entry {
+  double time;
+  uint64_t timeRow;
+  StrongPtr<GridID> id;
+  StrongPtr<Grid> grid;
+  uint64_t nameRow = 0;
+};
+
+/// Where a fragment sits, as the hooks are told.
+struct Place {
+  double time;
+  const std::string& gridName;
+  WeakPtr<Grid> grid;
+  SkeletonID skeleton;
+  std::string representation;
+};
+
+void writeAttributes(hid_t object, const Ostrak::Attributes& attributes) {
+  for (const auto& [name, value] : attributes.attributes()) {
+    require(!name.empty() && name.find('\0') == std::string::npos && name != ".",
+            "an attribute named \"" + name + "\" cannot be stored");
+    std::visit(
+        [&, &name = name](const auto& item) {
+          using T = std::decay_t<decltype(item)>;
+          if constexpr (std::is_same_v<T, std::string>) {
+            writeString(object, name, item);
+          } else if constexpr (std::is_same_v<T, std::vector<std::string>>) {
+            writeStrings(object, name, item);
+          } else if constexpr (std::is_same_v<T, int64_t> || std::is_same_v<T, double>) {
+            writeNumber<T>(object, name, item);
+          } else {
+            writeNumbers<typename T::value_type>(object, name, item);
+          }
+        },
+        value);
+  }
+}
+
+class BundleWriter {
+ public:
+  BundleWriter(const Bundle& bundle, const std::string& path, const WriteRequest& request)
+      : bundle_(bundle),
+        directory_(fs::path(path).parent_path()),
+        target_(path),
+        request_(request),
+        policy_(request.transformations
+                    ? request.transformations
+                    : StrongPtr<StorageTransformations>(new StorageTransformations)) {
+    const auto& version = policy_->getLayoutVersion();
+    require((version[0] == 0 && version[1] == 0) || version[0] == layout::VersionMajor,
+            "layout version " + std::to_string(version[0]) + "." + std::to_string(version[1]) +
+                " cannot be written; this writer makes version " +
+                std::to_string(layout::VersionMajor) + "." + std::to_string(layout::VersionMinor));
+  }
+
+  void write(hid_t file) {
+    collect();
+    writeNumbers<int32_t>(file, layout::VersionAttribute,
+                          {layout::VersionMajor, layout::VersionMinor});
+    writeString(file, layout::FormatAttribute, layout::FormatName);
+    Group grids = createGroup(file, layout::GridsGroup);
+    std::vector<uint64_t> entryBytes;
+    for (size_t row = 0; row < entries_.size(); ++row) {
+      entryBytes.push_back(writeGrid(grids.id(), row));
+      if (request_.progress) request_.progress->progress(row + 1, entries_.size());
+    }
+    if (policy_->getSaveAttributes()) writeSliceAndBundleAttributes(file);
+    writeIndex(file, entryBytes);
+    for (auto& [name, external] : externalFiles_) external.close("cannot close " + name);
+  }
+
+ private:
+  // ---- what is written --------------------------------------------------------
+
+  void collect() {
+    std::set<std::string> names;
+    for (const auto& [time, slice] : bundle_.getSlices()) {
+      if (!slice || !policy_->isSaveableTime(time)) continue;
+      slice->accessSlice();
+      const size_t before = entries_.size();
+      for (const auto& [id, grid] : slice->getGrids()) {
+        if (!id || !grid) continue;
+        if (request_.gridNames && !request_.gridNames->contains(id->getName())) continue;
+        entries_.push_back({time, times_.size(), id, grid});
+        for (const GridID* named = id.get(); named; named = named->getParent().get()) {
+          if (!names.insert(named->getName()).second) break;
+        }
+      }
+      if (request_.gridNames && entries_.size() == before) continue;
+      times_.push_back(time);
+      slices_.push_back(slice.get());
+      policy_->writtenTimes().push_back(time);
+    }
+    for (const std::string& name : names) nameRows_.emplace(name, nameRows_.size());
+    for (Entry& entry : entries_) entry.nameRow = nameRows_.at(entry.id->getName());
+    // One slice's entries in name order, so that equal bundles give equal files.
+    std::stable_sort(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
+      return a.timeRow != b.timeRow ? a.timeRow < b.timeRow : a.nameRow < b.nameRow;
+    });
+  }
+
+  void writeIndex(hid_t file, const std::vector<uint64_t>& entryBytes) {
+    Group index = createGroup(file, layout::IndexGroup);
+    writeVector<double>(index.id(), layout::Times, times_);
+    std::vector<uint8_t> bytes;
+    std::vector<uint64_t> ends;
+    std::vector<int64_t> parents;
+    std::map<const GridID*, std::string> parentNames;
+    for (const Entry& entry : entries_) {
+      for (const GridID* named = entry.id.get(); named; named = named->getParent().get()) {
+        const GridID* parent = named->getParent().get();
+        if (parent) parentNames[named] = parent->getName();
+      }
+    }
+    std::map<std::string, int64_t> parentRows;
+    for (const auto& [child, parent] : parentNames) {
+      parentRows[child->getName()] = static_cast<int64_t>(nameRows_.at(parent));
+    }
+    std::vector<std::string> ordered(nameRows_.size());
+    for (const auto& [name, row] : nameRows_) ordered[row] = name;
+    for (const std::string& name : ordered) {
+      bytes.insert(bytes.end(), name.begin(), name.end());
+      ends.push_back(bytes.size());
+      auto parent = parentRows.find(name);
+      parents.push_back(parent == parentRows.end() ? -1 : parent->second);
+    }
+    writeVector<uint8_t>(index.id(), layout::GridNames, bytes);
+    writeVector<uint64_t>(index.id(), layout::GridNameEnds, ends);
+    writeVector<int64_t>(index.id(), layout::GridParents, parents);
+    std::vector<int64_t> rows;
+    for (const Entry& entry : entries_) {
+      rows.push_back(static_cast<int64_t>(entry.timeRow));
+      rows.push_back(static_cast<int64_t>(entry.nameRow));
+    }
+    writeVector<int64_t>(index.id(), layout::Entries, rows, 2);
+    writeVector<uint64_t>(index.id(), layout::EntryBytes, entryBytes);
+  }
+
+  void writeSliceAndBundleAttributes(hid_t file) {
+    if (bundle_.numberOfAttributes() > 0) {
+      Group group = createGroup(file, layout::BundleAttributes);
+      writeAttributes(group.id(), bundle_);
+    }
+    Group slices;
+    for (size_t row = 0; row < slices_.size(); ++row) {
+      if (slices_[row]->numberOfAttributes() == 0) continue;
+      if (!slices) slices = createGroup(file, layout::SlicesGroup);
+      Group group = createGroup(slices.id(), std::to_string(row));
+      writeAttributes(group.id(), *slices_[row]);
+    }
+  }
+
+  // ---- one grid ---------------------------------------------------------------
+
+  /// Writes entry `row`; returns the bytes of data written.
+  uint64_t writeGrid(hid_t grids, size_t row) {
+    const Entry& entry = entries_[row];
+    Group group = createGroup(grids, std::to_string(row));
+    policy_->writtenGrids().insert(entry.id);
+    const Grid& grid = *entry.grid;
+    uint64_t bytes = 0;
+    grid.iterate([&](const SkeletonID& id, const StrongPtr<Skeleton>& skeleton) {
+      Group skeletonGroup = createGroup(
+          group.id(), std::to_string(id.dimension()) + "_" + std::to_string(id.index()));
+      writeNumber<int32_t>(skeletonGroup.id(), layout::Dimension, id.dimension());
+      writeNumber<int32_t>(skeletonGroup.id(), layout::SkeletonIndex, id.index());
+      writeNumber<uint64_t>(skeletonGroup.id(), layout::Elements, skeleton->getNumberOfElements());
+      writeNumber<int32_t>(skeletonGroup.id(), layout::Refinement,
+                           skeleton->getIsotropicRefinementFactor());
+      int number = 0;
+      skeleton->iterate([&](const WeakPtr<BaseSpace>& base, const StrongPtr<Representation>& rep) {
+        Group repGroup = createGroup(skeletonGroup.id(), std::to_string(number++));
+        Place place{entry.time, entry.id->getName(), WeakPtr<Grid>(entry.grid), id,
+                    describeBase(repGroup.id(), grid, base.get())};
+        bytes += writeRepresentation(repGroup.id(), row, *rep, place);
+        return true;
+      });
+      return true;
+    });
+    return bytes;
+  }
+
+  /// Writes what `base` is onto the representation group; returns its name.
+  std::string describeBase(hid_t group, const Grid& grid, const BaseSpace* base) {
+    if (auto* chart = dynamic_cast<const ChartID*>(base)) {
+      writeString(group, layout::Base, layout::BaseChart);
+      writeString(group, layout::Chart, chart->Name());
+      writeNumber<int32_t>(group, layout::ChartDimension, chart->getDimension());
+      writeNumber<int32_t>(group, layout::ChartCartesian, chart->isCartesian() ? 1 : 0);
+      return chart->Name();
+    }
+    SkeletonID found(-1, -1);
+    grid.iterate([&](const SkeletonID& id, const StrongPtr<Skeleton>& skeleton) {
+      if (skeleton.get() == base) found = id;
+      return !found.isValid();
+    });
+    require(found.isValid(),
+            "a representation relative to neither a chart nor a skeleton of its grid");
+    writeString(group, layout::Base, layout::BaseSkeleton);
+    writeNumbers<int32_t>(group, layout::RelativeSkeleton, {found.dimension(), found.index()});
+    return found.Name();
+  }
+
+  uint64_t writeRepresentation(hid_t group, size_t row, const Representation& rep,
+                               const Place& place) {
+    uint64_t bytes = 0;
+    int number = 0;
+    rep.iterate([&](const StrongPtr<FieldID>& id, const StrongPtr<Field>& field) {
+      if (!policy_->isSaveableField(*id, *field, place.grid, place.gridName, place.time,
+                                    place.representation, place.skeleton)) {
+        return true;
+      }
+      Group fieldGroup = createGroup(group, std::to_string(number++));
+      writeString(fieldGroup.id(), layout::FieldName, id->Name());
+      writeString(fieldGroup.id(), layout::ElementType, field->getElementDescriptor().name());
+      policy_->writtenFields().insert(id);
+      int fragmentNumber = 0;
+      FragmentVisitor visit(
+          [&](const StrongPtr<FragmentID>& fragment, const StrongPtr<CreativeArrayBase>& creator) {
+            bytes += writeFragment(fieldGroup.id(), std::to_string(fragmentNumber), row, *id,
+                                   *field, fragment, creator, place);
+            ++fragmentNumber;
+            return true;
+          });
+      field->iterate(visit);
+      return true;
+    });
+    return bytes;
+  }
+
+  // ---- one fragment -------------------------------------------------------------
+
+  class FragmentVisitor : public FragmentIterator {
+   public:
+    using Visit =
+        std::function<bool(const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>&)>;
+    explicit FragmentVisitor(Visit visit) : visit_(std::move(visit)) {}
+    bool apply(const StrongPtr<FragmentID>& fragment,
+               const StrongPtr<CreativeArrayBase>& creator) override {
+      return visit_(fragment, creator);
+    }
+
+   private:
+    Visit visit_;
+  };
+
+  uint64_t writeFragment(hid_t fieldGroup, const std::string& name, size_t row, const FieldID& id,
+                         const Field& field, const StrongPtr<FragmentID>& fragment,
+                         const StrongPtr<CreativeArrayBase>& creator, const Place& place) {
+    if (!creator) return 0;
+    const std::string& fieldName = id.Name();
+    if (policy_->SkipStorage(place.time, place.gridName, place.grid, place.skeleton,
+                             place.representation, field, fieldName, *creator, fragment) ||
+        !policy_->isSaveableFragment(fragment, creator, id, field, place.grid, place.gridName,
+                                     place.time, place.representation, place.skeleton)) {
+      return 0;
+    }
+    policy_->setFieldPacking(place.time, place.gridName, place.grid, place.skeleton,
+                             place.representation, field, fieldName, *creator, fragment);
+    const bool wasResident = creator->isResident();
+    StrongPtr<MemBase, Cacheable> data = creator->getData();
+    const std::string what = "field \"" + fieldName + "\"" +
+                             (fragment ? " fragment \"" + fragment->Name() + "\"" : "") +
+                             " of grid \"" + place.gridName + "\"";
+    require(data.valid(), what + ": its data cannot be produced (" + creator->lastError() + ")");
+    uint64_t bytes = 0;
+    if (auto* uniform = dynamic_cast<const UniformCartesianArray*>(data.get())) {
+      Group group = createGroup(fieldGroup, name);
+      writeUniform(group.id(), *uniform);
+      if (fragment) writeString(group.id(), layout::Fragment, fragment->Name());
+    } else {
+      bytes = writeArray(fieldGroup, name, row, fieldName, field, *creator, fragment, data, place,
+                         what);
+    }
+    if (!wasResident) creator->dropCache();
+    policy_->setBytesWritten(policy_->getBytesWritten() + bytes);
+    policy_->isSaved(creator, fragment, id, field, place.grid, place.gridName, place.time,
+                     place.representation, place.skeleton);
+    return bytes;
+  }
+
+  static void writeUniform(hid_t group, const UniformCartesianArray& uniform) {
+    const auto origin = uniform.origin();
+    const auto spacing = uniform.spacing();
+    const auto extents = uniform.extents();
+    writeNumbers<double>(group, layout::Origin, {origin.x, origin.y, origin.z});
+    writeNumbers<double>(group, layout::Spacing, {spacing.x, spacing.y, spacing.z});
+    writeNumbers<uint64_t>(group, layout::Extents, {extents[0], extents[1], extents[2]});
+  }
+
+  uint64_t writeArray(hid_t fieldGroup, const std::string& name, size_t row,
+                      const std::string& fieldName, const Field& field, CreativeArrayBase& creator,
+                      const StrongPtr<FragmentID>& fragment,
+                      const StrongPtr<MemBase, Cacheable>& data, const Place& place,
+                      const std::string& what) {
+    const layout::StoredType stored = layout::storedType(data->getTypeDescriptor());
+    require(stored.component >= 0,
+            what + ": elements of type " + data->getTypeDescriptor().name() + " cannot be stored");
+    require(data->rawData() != nullptr, what + ": its data are not stored in memory");
+    const DynamicSize& size = data->getSize();
+    require(size.rank() >= 1 && size.rank() <= 4,
+            what + ": arrays of rank " + std::to_string(size.rank()) + " cannot be stored");
+    const std::vector<hsize_t> extents = layout::fileExtents(size, stored);
+    const bool single = H5Tequal(stored.component, H5T_NATIVE_DOUBLE) > 0 &&
+                        policy_->WriteAsSinglePrecision(fieldName, {});
+    Datatype fileType = copyType(single ? H5T_NATIVE_FLOAT : stored.component);
+    const uint64_t bytes = data->nElements() * data->getTypeDescriptor().size();
+    const Storage storage =
+        storageFor(place, field, fieldName, creator, fragment, data, extents, bytes);
+
+    hid_t parent = fieldGroup;
+    std::string datasetName = name;
+    Group externalGroup;
+    auto [externalFile, externalPath] = policy_->getExternalLocation(
+        place.time, place.gridName, place.skeleton, place.representation, fieldName);
+    std::string reference =
+        externalFile.empty() ? "" : policy_->getExternalFileReference(target_, externalFile);
+    if (!reference.empty()) {
+      std::string inside =
+          policy_->getExternalLocationPrefix(place.time, place.gridName, place.skeleton,
+                                             place.representation, fieldName) +
+          externalPath;
+      if (inside.empty() || inside == "/") {
+        inside = "grid" + std::to_string(row) + "/" + std::to_string(place.skeleton.dimension()) +
+                 "_" + std::to_string(place.skeleton.index()) + "/" + fieldName + "/" + name;
+      }
+      require(externalPlaces_.insert(externalFile + "\n" + inside).second,
+              what + ": another array of this save went to " + externalFile + " \"" + inside +
+                  "\" already");
+      externalGroup = externalParent(externalFile, inside, datasetName);
+      parent = externalGroup.id();
+      linkExternal(fieldGroup, name, reference, inside);
+    }
+    Dataset dataset = writeDataset(parent, datasetName, fileType.id(), stored.component, extents,
+                                   data->rawData(), storage);
+    if (fragment) writeString(dataset.id(), layout::Fragment, fragment->Name());
+    if (stored.components == 1 && policy_->ComputeRangeAttributeOnWriting(fieldName, creator)) {
+      if (auto range = valueRange(*data)) {
+        writeNumber<double>(dataset.id(), layout::Minimum, range->first);
+        writeNumber<double>(dataset.id(), layout::Maximum, range->second);
+      }
+    }
+    return bytes;
+  }
+
+  /// Chunking and filters of one data set, as the policy asks.
+  Storage storageFor(const Place& place, const Field& field, const std::string& fieldName,
+                     CreativeArrayBase& creator, const StrongPtr<FragmentID>& fragment,
+                     const StrongPtr<MemBase, Cacheable>& data, const std::vector<hsize_t>& extents,
+                     uint64_t bytes) {
+    Storage storage;
+    if (bytes == 0) return storage;
+    const FilterSettings filter =
+        policy_->getFilterSettings(place.time, place.gridName, place.grid, place.skeleton,
+                                   place.representation, field, fieldName, creator, fragment, data);
+    const bool small =
+        filter.minimumBytes >= 0 && bytes < static_cast<uint64_t>(filter.minimumBytes);
+    if (!small && (filter.filter & FilterDeflate)) {
+      storage.deflate = filter.level <= 9 ? static_cast<int>(filter.level) : 6;
+    }
+    if (!small && (filter.filter & FilterShuffle)) storage.shuffle = true;
+    if (filter.filter == 0 && policy_->getCompressionLevel() > 0) {
+      storage.deflate = std::min(policy_->getCompressionLevel(), 9);
+      storage.shuffle = true;
+    }
+    const DynamicSize& size = data->getSize();
+    const DynamicSize chunk =
+        policy_->computeChunkSize(size, static_cast<uint32_t>(data->getTypeDescriptor().size()));
+    const bool filtered = storage.deflate >= 0 || storage.shuffle;
+    if (!filtered && (chunk == size || chunk.rank() != size.rank())) return storage;
+    storage.chunk.assign(extents.size(), 1);
+    for (int d = 0; d < size.rank(); ++d) {
+      const uint64_t wanted = chunk.rank() == size.rank() ? chunk[d] : size[d];
+      storage.chunk[static_cast<size_t>(size.rank() - 1 - d)] =
+          std::clamp<uint64_t>(wanted, 1, std::max<uint64_t>(size[d], 1));
+    }
+    if (extents.size() > static_cast<size_t>(size.rank())) storage.chunk.back() = extents.back();
+    limitChunk(storage.chunk, data->getTypeDescriptor().size());
+    return storage;
+  }
+
+  /// Halves the largest chunk extent until a chunk fits HDF5's limit and
+  /// the policy's byte limit.
+  void limitChunk(std::vector<hsize_t>& chunk, size_t elementBytes) const {
+    const uint64_t limit = policy_->getChunkByteLimit() > 0
+                               ? static_cast<uint64_t>(policy_->getChunkByteLimit())
+                               : (uint64_t{1} << 31);
+    auto chunkBytes = [&] {
+      uint64_t total = elementBytes;
+      for (hsize_t extent : chunk) total *= extent;
+      return total;
+    };
+    while (chunkBytes() > limit) {
+      auto largest = std::max_element(chunk.begin(), chunk.end());
+      if (*largest <= 1) break;
+      *largest = (*largest + 1) / 2;
+    }
+  }
+
+  /// The group in the external file `file` that is to hold `inside`, whose
+  /// last part becomes `datasetName`; an old dataset there is replaced.
+  Group externalParent(const std::string& file, const std::string& inside,
+                       std::string& datasetName) {
+    fs::path location = fs::path(file).is_absolute() ? fs::path(file) : directory_ / file;
+    auto found = externalFiles_.find(location.string());
+    if (found == externalFiles_.end()) {
+      File opened = fs::exists(location) ? openFileForWriting(location.string())
+                                         : createFile(location.string());
+      found = externalFiles_.emplace(location.string(), std::move(opened)).first;
+    }
+    Group group(H5Gopen2(found->second.id(), "/", H5P_DEFAULT), "cannot open " + file);
+    std::string rest = inside;
+    size_t slash;
+    while ((slash = rest.find('/')) != std::string::npos) {
+      std::string part = rest.substr(0, slash);
+      rest = rest.substr(slash + 1);
+      if (!part.empty()) group = openOrCreateGroup(group.id(), part);
+    }
+    require(!rest.empty(), "the external location \"" + inside + "\" names no data set");
+    removeLink(group.id(), rest);
+    datasetName = rest;
+    return group;
+  }
+
+  const Bundle& bundle_;
+  fs::path directory_;
+  std::string target_;
+  const WriteRequest& request_;
+  StrongPtr<StorageTransformations> policy_;
+  std::vector<Entry> entries_;
+  std::vector<double> times_;
+  std::vector<const Slice*> slices_;
+  std::map<std::string, uint64_t> nameRows_;
+  std::map<std::string, File> externalFiles_;
+  std::set<std::string> externalPlaces_;
+};
+
+// ---- the file beside the target ---------------------------------------------------
+
+std::string systemError(const std::string& what) {
+  return what + ": " + std::strerror(errno);
+}
+
+/// Makes a new, empty file beside `path` and returns its name.
+std::string makeTemporary(const std::string& path) {
+  fs::path target(path);
+  fs::path directory = target.parent_path().empty() ? fs::path(".") : target.parent_path();
+  std::string pattern = (directory / ("." + target.filename().string() + ".tmp-XXXXXX")).string();
+  std::vector<char> name(pattern.begin(), pattern.end());
+  name.push_back('\0');
+  int fd = mkstemp(name.data());
+  require(fd >= 0, systemError("cannot write in " + directory.string()));
+  // The new file gets the target's permissions, or the usual ones for a new file.
+  struct stat existing {};
+  mode_t mode;
+  if (stat(path.c_str(), &existing) == 0) {
+    mode = existing.st_mode & 07777;
+  } else {
+    mode_t mask = umask(0);
+    umask(mask);
+    mode = 0666 & ~mask;
+  }
+  fchmod(fd, mode);
+  close(fd);
+  return name.data();
+}
+
+void syncToDisk(const std::string& path, bool directory) {
+  int fd = open(path.c_str(), directory ? O_RDONLY | O_DIRECTORY : O_RDONLY);
+  require(fd >= 0, systemError("cannot open " + path + " to flush it"));
+  int result = fsync(fd);
+  int error = errno;
+  close(fd);
+  errno = error;
+  require(result == 0, systemError("cannot flush " + path));
+}
+
+}  // namespace
+
+void writeBundle(const Bundle& bundle, const std::string& path, const WriteRequest& request) {
+  Session session;
+  require(!path.empty(), "no file name");
+  BundleWriter writer(bundle, path, request);
+  const std::string temporary = makeTemporary(path);
+  try {
+    File file = createFile(temporary);
+    writer.write(file.id());
+    file.close("cannot finish " + path);
+    syncToDisk(temporary, false);
+    require(std::rename(temporary.c_str(), path.c_str()) == 0,
+            systemError("cannot replace " + path));
+  } catch (...) {
+    std::remove(temporary.c_str());
+    throw;
+  }
+  fs::path directory = fs::path(path).parent_path();
+  syncToDisk(directory.empty() ? "." : directory.string(), true);
+}
+
+}  // namespace Quaril::H5::detail
