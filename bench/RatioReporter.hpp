@@ -17,7 +17,9 @@ class RatioReporter : public benchmark::ConsoleReporter {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
       if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      times_[run.benchmark_name()] = run.GetAdjustedCPUTime();
+      // Benchmarks of input and output measure the wall clock ("/real_time").
+      const bool wall = run.benchmark_name().find("/real_time") != std::string::npos;
+      times_[run.benchmark_name()] = wall ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime();
     }
   }
 

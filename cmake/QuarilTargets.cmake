@@ -47,3 +47,24 @@ function(quaril_add_test_folder folder)
   quaril_set_warnings(${target})
   gtest_discover_tests(${target} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 LABELS ${folder})
 endfunction()
+
+# quaril_find_python(<variable> MODULES <modules...>)
+# Sets <variable> to a Python interpreter that imports every module: the
+# system interpreter first (Debian's packages belong to it), then the first
+# python3 on the PATH. Empty when none does.
+function(quaril_find_python variable)
+  cmake_parse_arguments(ARG "" "" "MODULES" ${ARGN})
+  list(JOIN ARG_MODULES ", " imports)
+  find_program(path_python NAMES python3)
+  foreach(candidate /usr/bin/python3 ${path_python})
+    if(EXISTS ${candidate})
+      execute_process(COMMAND ${candidate} -c "import ${imports}" RESULT_VARIABLE failed
+                      OUTPUT_QUIET ERROR_QUIET)
+      if(NOT failed)
+        set(${variable} ${candidate} PARENT_SCOPE)
+        return()
+      endif()
+    endif()
+  endforeach()
+  set(${variable} "" PARENT_SCOPE)
+endfunction()

@@ -10,6 +10,11 @@ packages=(
   libgtest-dev
   libgmock-dev
   libbenchmark-dev
+  libhdf5-dev
+  nlohmann-json3-dev
+  python3-h5py
+  python3-numpy
+  python3-pytest
 )
 
 missing=()

@@ -120,10 +120,28 @@ Group createGroup(hid_t parent, const std::string& name) {
                "cannot create group \"" + name + "\"");
 }
 
+namespace {
+/// Opens the object `name` of `parent`, which must be of `expected` kind.
+hid_t openObject(hid_t parent, const std::string& name, H5I_type_t expected,
+                 const std::string& kind) {
+  hid_t id = H5Oopen(parent, name.c_str(), H5P_DEFAULT);
+  if (id < 0) {
+    std::string reason = takeErrorStack();
+    const htri_t exists = H5Lexists(parent, name.c_str(), H5P_DEFAULT);
+    H5Eclear2(H5E_DEFAULT);
+    require(exists > 0, kind + " \"" + name + "\" is missing");
+    throw Failure("cannot open " + kind + " \"" + name + "\": " + reason);
+  }
+  if (H5Iget_type(id) != expected) {
+    H5Oclose(id);
+    throw Failure("\"" + name + "\" is not a " + kind);
+  }
+  return id;
+}
+}  // namespace
+
 Group openGroup(hid_t parent, const std::string& name) {
-  require(linkExists(parent, name), "group \"" + name + "\" is missing");
-  require(isGroup(parent, name), "\"" + name + "\" is not a group");
-  return Group(H5Gopen2(parent, name.c_str(), H5P_DEFAULT), "cannot open group \"" + name + "\"");
+  return Group(openObject(parent, name, H5I_GROUP, "group"), "open a group");
 }
 
 Group openOrCreateGroup(hid_t parent, const std::string& name) {
@@ -215,10 +233,7 @@ Dataset writeDataset(hid_t parent, const std::string& name, hid_t fileType, hid_
 }
 
 Dataset openDataset(hid_t parent, const std::string& name) {
-  require(linkExists(parent, name), "dataset \"" + name + "\" is missing");
-  require(!isGroup(parent, name), "\"" + name + "\" is not a dataset");
-  return Dataset(H5Dopen2(parent, name.c_str(), H5P_DEFAULT),
-                 "cannot open dataset \"" + name + "\"");
+  return Dataset(openObject(parent, name, H5I_DATASET, "dataset"), "open a dataset");
 }
 
 std::vector<hsize_t> datasetExtents(hid_t dataset) {
@@ -319,21 +334,26 @@ void writeStrings(hid_t object, const std::string& name, const std::vector<std::
 
 namespace {
 Attribute openAttribute(hid_t object, const std::string& name) {
-  require(attributeExists(object, name), "attribute \"" + name + "\" is missing");
-  return Attribute(H5Aopen(object, name.c_str(), H5P_DEFAULT),
-                   "cannot open attribute \"" + name + "\"");
+  hid_t id = H5Aopen(object, name.c_str(), H5P_DEFAULT);
+  if (id < 0) {
+    std::string reason = takeErrorStack();
+    const htri_t exists = H5Aexists(object, name.c_str());
+    H5Eclear2(H5E_DEFAULT);
+    require(exists > 0, "attribute \"" + name + "\" is missing");
+    throw Failure("cannot open attribute \"" + name + "\": " + reason);
+  }
+  return Attribute(id, "open an attribute");
 }
-}  // namespace
 
-AttributeShape attributeShape(hid_t object, const std::string& name) {
-  Attribute attribute = openAttribute(object, name);
-  Datatype type(H5Aget_type(attribute.id()), "cannot read the type of \"" + name + "\"");
-  Dataspace space(H5Aget_space(attribute.id()), "cannot read the extents of \"" + name + "\"");
+AttributeShape shapeOf(hid_t attribute, const std::string& name) {
+  Datatype type(H5Aget_type(attribute), "cannot read the type of \"" + name + "\"");
+  Dataspace space(H5Aget_space(attribute), "cannot read the extents of \"" + name + "\"");
   AttributeShape shape;
   shape.typeClass = H5Tget_class(type.id());
   shape.typeSize = H5Tget_size(type.id());
   shape.isVariableString =
       shape.typeClass == H5T_STRING && check(H5Tis_variable_str(type.id()), "string type") > 0;
+  shape.characterSet = shape.typeClass == H5T_STRING ? H5Tget_cset(type.id()) : H5T_CSET_ASCII;
   const H5S_class_t kind = H5Sget_simple_extent_type(space.id());
   require(kind == H5S_SCALAR || kind == H5S_SIMPLE, "attribute \"" + name + "\" has no value");
   shape.scalar = kind == H5S_SCALAR;
@@ -347,6 +367,11 @@ AttributeShape attributeShape(hid_t object, const std::string& name) {
     shape.count = dims[0];
   }
   return shape;
+}
+}  // namespace
+
+AttributeShape attributeShape(hid_t object, const std::string& name) {
+  return shapeOf(openAttribute(object, name).id(), name);
 }
 
 std::vector<std::string> attributeNames(hid_t object) {
@@ -363,14 +388,17 @@ std::vector<std::string> attributeNames(hid_t object) {
 }
 
 std::vector<std::string> readStrings(hid_t object, const std::string& name) {
-  AttributeShape shape = attributeShape(object, name);
-  require(shape.typeClass == H5T_STRING, "attribute \"" + name + "\" is not a text");
   Attribute attribute = openAttribute(object, name);
+  const AttributeShape shape = shapeOf(attribute.id(), name);
+  require(shape.typeClass == H5T_STRING, "attribute \"" + name + "\" is not a text");
+  require(shape.count < (1u << 24), "attribute \"" + name + "\" is too long");
   std::vector<std::string> texts;
   if (shape.count == 0) return texts;
   if (shape.isVariableString) {
     std::vector<char*> pointers(static_cast<size_t>(shape.count), nullptr);
+    // HDF5 converts no text between character sets: read in the stored one.
     Datatype type = stringType();
+    check(H5Tset_cset(type.id(), shape.characterSet), "type of \"" + name + "\"");
     check(H5Aread(attribute.id(), type.id(), pointers.data()), "cannot read \"" + name + "\"");
     for (char* pointer : pointers) texts.emplace_back(pointer ? pointer : "");
     Dataspace space(H5Aget_space(attribute.id()), "extents of \"" + name + "\"");
@@ -398,7 +426,8 @@ std::string readString(hid_t object, const std::string& name) {
 
 template <class T>
 std::vector<T> readNumbers(hid_t object, const std::string& name, size_t count) {
-  AttributeShape shape = attributeShape(object, name);
+  Attribute attribute = openAttribute(object, name);
+  const AttributeShape shape = shapeOf(attribute.id(), name);
   require(shape.typeClass == H5T_INTEGER || shape.typeClass == H5T_FLOAT,
           "attribute \"" + name + "\" is not a number");
   require(count == 0 || shape.count == count, "attribute \"" + name + "\" holds " +
@@ -407,7 +436,6 @@ std::vector<T> readNumbers(hid_t object, const std::string& name, size_t count) 
   require(shape.count < (1u << 24), "attribute \"" + name + "\" is too long");
   std::vector<T> values(static_cast<size_t>(shape.count));
   if (!values.empty()) {
-    Attribute attribute = openAttribute(object, name);
     check(H5Aread(attribute.id(), nativeType<T>(), values.data()), "cannot read \"" + name + "\"");
   }
   return values;

@@ -198,6 +198,7 @@ struct AttributeShape {
   H5T_class_t typeClass = H5T_NO_CLASS;
   size_t typeSize = 0;
   bool isVariableString = false;
+  H5T_cset_t characterSet = H5T_CSET_ASCII;
   bool scalar = true;
   uint64_t count = 0;  ///< number of values
 };

@@ -35,28 +35,38 @@ inline constexpr const char* GridsGroup = "grids";             // /grids/<entry 
 inline constexpr const char* SlicesGroup = "slices";           // /slices/<time row>: its attributes
 inline constexpr const char* BundleAttributes = "attributes";  // the bundle's attributes
 
-// Inside a grid group: skeleton groups, in them representation groups, in
-// them field groups, in them one object per fragment. Their link names are
-// free (the writer uses numbers); what they are is in their attributes.
-inline constexpr const char* Dimension = "dimension";    // int32
-inline constexpr const char* SkeletonIndex = "index";    // int32
-inline constexpr const char* Elements = "elements";      // uint64
-inline constexpr const char* Refinement = "refinement";  // int32
-inline constexpr const char* Base = "base";              // "chart" or "skeleton"
-inline constexpr const char* BaseChart = "chart";
-inline constexpr const char* BaseSkeleton = "skeleton";
-inline constexpr const char* Chart = "chart";                     // chart name
-inline constexpr const char* ChartDimension = "chart_dimension";  // int32
-inline constexpr const char* ChartCartesian = "chart_cartesian";  // int32, 0 or 1
-inline constexpr const char* RelativeSkeleton = "skeleton";       // int32[2]: dimension, index
+// A grid group holds one data set per stored array (named by number) and
+// the attribute "structure": a JSON text describing the grid,
+//   {"skeletons": [{"dimension", "index", "elements", "refinement",
+//     "representations": [{"chart", "chart_dimension", "chart_cartesian" |
+//                           "skeleton": [dimension, index],
+//       "fields": [{"name", "type",
+//         "fragments": [{"fragment"?, "dataset", "extents"} |
+//                       {"fragment"?, "uniform": {"origin", "spacing", "extents"}}]}]}]}]}
+inline constexpr const char* Structure = "structure";
+inline constexpr const char* Skeletons = "skeletons";
+inline constexpr const char* Dimension = "dimension";
+inline constexpr const char* SkeletonIndex = "index";
+inline constexpr const char* Elements = "elements";
+inline constexpr const char* Refinement = "refinement";
+inline constexpr const char* Representations = "representations";
+inline constexpr const char* Chart = "chart";
+inline constexpr const char* ChartDimension = "chart_dimension";
+inline constexpr const char* ChartCartesian = "chart_cartesian";
+inline constexpr const char* RelativeSkeleton = "skeleton";
+inline constexpr const char* Fields = "fields";
 inline constexpr const char* FieldName = "name";
-inline constexpr const char* ElementType = "type";   // element type name
-inline constexpr const char* Fragment = "fragment";  // fragment name, when fragmented
-inline constexpr const char* Origin = "origin";      // float64[3] (uniform)
-inline constexpr const char* Spacing = "spacing";    // float64[3] (uniform)
-inline constexpr const char* Extents = "extents";    // uint64[3] (uniform)
-inline constexpr const char* Minimum = "minimum";    // float64, optional
-inline constexpr const char* Maximum = "maximum";    // float64, optional
+inline constexpr const char* ElementType = "type";
+inline constexpr const char* Fragments = "fragments";
+inline constexpr const char* Fragment = "fragment";
+inline constexpr const char* Dataset = "dataset";
+inline constexpr const char* Extents = "extents";  // first extent first
+inline constexpr const char* Uniform = "uniform";
+inline constexpr const char* Origin = "origin";
+inline constexpr const char* Spacing = "spacing";
+// Optional attributes of a data set.
+inline constexpr const char* Minimum = "minimum";  // float64
+inline constexpr const char* Maximum = "maximum";  // float64
 
 /// The path of the grid group of entry `row`.
 inline std::string gridPath(uint64_t row) {

@@ -4,6 +4,8 @@
 #include <map>
 #include <set>
 
+#include <nlohmann/json.hpp>
+
 #include "field/CreativeArrayBase.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
 #include "ostrak/Diagnostics.hpp"
@@ -12,10 +14,11 @@ namespace Quaril::H5::detail {
 
 namespace {
 
+using Json = nlohmann::json;
 using Ostrak::StrongPtr;
 using Ostrak::WeakPtr;
 
-std::string quoted(const std::string& text) {
+std::string inQuotes(const std::string& text) {
   return "\"" + text + "\"";
 }
 
@@ -26,7 +29,7 @@ void checkFormat(hid_t file) {
           "an HDF5 file, but not a bundle file (no \"format\" attribute on its root)");
   const std::string format = readString(file, layout::FormatAttribute);
   require(format == layout::FormatName,
-          "an HDF5 file, but not a bundle file (format " + quoted(format) + ")");
+          "an HDF5 file, but not a bundle file (format " + inQuotes(format) + ")");
   const std::vector<int32_t> version = readNumbers<int32_t>(file, layout::VersionAttribute, 2);
   require(version[0] <= layout::VersionMajor,
           "written in layout version " + std::to_string(version[0]) + "." +
@@ -56,7 +59,7 @@ std::vector<std::string> readNames(hid_t index) {
     names.emplace_back(bytes.begin() + static_cast<std::ptrdiff_t>(begin),
                        bytes.begin() + static_cast<std::ptrdiff_t>(end));
     require(seen.insert(names.back()).second,
-            "index: the grid name " + quoted(names.back()) + " appears twice");
+            "index: the grid name " + inQuotes(names.back()) + " appears twice");
     begin = end;
   }
   return names;
@@ -134,7 +137,7 @@ Index readIndex(hid_t file) {
         used = 0;
       }
       require(used == name.size() && row < result.times.size(),
-              "slices: " + quoted(name) + " names no time of the index");
+              "slices: " + inQuotes(name) + " names no time of the index");
       result.sliceAttributes[row] = true;
     }
   }
@@ -167,7 +170,7 @@ void readAttributes(hid_t object, Ostrak::Attributes& into) {
         into.setAttribute(name, std::move(values));
       }
     } else {
-      throw Failure("attribute " + quoted(name) + " is neither a number nor a text");
+      throw Failure("attribute " + inQuotes(name) + " is neither a number nor a text");
     }
   }
 }
@@ -190,7 +193,35 @@ void checkStoredSize(hid_t dataset, uint64_t bytes, const std::string& what) {
   }
 }
 
-/// Reads one grid group into a grid, making data creators that read lazily.
+/// A number of the structure within [low, high].
+template <class T>
+T numberIn(const Json& object, const char* key, T low, T high) {
+  const Json& value = object.at(key);
+  require(value.is_number_integer(), std::string("\"") + key + "\" is not an integer");
+  const T number = value.get<T>();
+  require(number >= low && number <= high, std::string("\"") + key + "\" is out of range");
+  return number;
+}
+
+/// The array extents of the structure, first extent first.
+DynamicSize extentsOf(const Json& object, const std::string& what) {
+  const Json& list = object.at(layout::Extents);
+  require(list.is_array() && !list.empty() && list.size() <= 4,
+          what + ": extents must list 1 to 4 numbers");
+  std::vector<uint64_t> extents;
+  for (const Json& extent : list) {
+    require(
+        extent.is_number_unsigned() || (extent.is_number_integer() && extent.get<int64_t>() >= 0),
+        what + ": an extent is not a count");
+    extents.push_back(extent.get<uint64_t>());
+  }
+  DynamicSize size(std::move(extents));
+  require(size.elements() != UINT64_MAX, what + ": its extents overflow");
+  return size;
+}
+
+/// Builds one grid from its group's structure, with data creators that read
+/// each array on the first request.
 class GridReader {
  public:
   GridReader(std::shared_ptr<Source> source, uint64_t entry, Grid& grid,
@@ -205,135 +236,110 @@ class GridReader {
 
   void read() {
     Group group = openGroup(source_->file(), path_);
-    std::vector<std::pair<std::string, StrongPtr<Skeleton>>> skeletons;
-    for (const std::string& name : linkNames(group.id())) {
-      skeletons.emplace_back(name, readSkeleton(group.id(), name));
-    }
-    for (const auto& [name, skeleton] : skeletons) {
-      Group skeletonGroup = openGroup(group.id(), name);
-      for (const std::string& repName : linkNames(skeletonGroup.id())) {
-        readRepresentation(skeletonGroup.id(), path_ + "/" + name + "/" + repName, repName,
-                           *skeleton);
+    Json structure;
+    try {
+      structure = Json::parse(readString(group.id(), layout::Structure));
+      const Json& skeletons = structure.at(layout::Skeletons);
+      std::vector<StrongPtr<Skeleton>> made;
+      for (const Json& skeleton : skeletons) made.push_back(makeSkeleton(skeleton));
+      for (size_t i = 0; i < made.size(); ++i) {
+        for (const Json& rep : skeletons[i].at(layout::Representations)) {
+          readRepresentation(rep, *made[i]);
+        }
       }
+    } catch (const Json::exception& error) {
+      throw Failure(std::string("its structure: ") + error.what());
     }
   }
+
+  /// Every array of the grid, for checking them all.
+  const std::vector<StrongPtr<CreativeArrayBase>>& creators() const noexcept { return creators_; }
 
  private:
-  StrongPtr<Skeleton> readSkeleton(hid_t group, const std::string& name) {
-    Group skeletonGroup = openGroup(group, name);
-    const int32_t dimension = readNumber<int32_t>(skeletonGroup.id(), layout::Dimension);
-    const int32_t index = readNumber<int32_t>(skeletonGroup.id(), layout::SkeletonIndex);
-    const uint64_t elements = readNumber<uint64_t>(skeletonGroup.id(), layout::Elements);
-    const int32_t refinement = readNumber<int32_t>(skeletonGroup.id(), layout::Refinement);
-    const std::string what = "skeleton " + quoted(name);
-    require(dimension >= 0 && dimension <= 64 && index >= 0, what + ": bad dimension or index");
-    require(refinement >= 1, what + ": bad refinement factor");
-    StrongPtr<Skeleton> skeleton =
+  StrongPtr<Skeleton> makeSkeleton(const Json& skeleton) {
+    const int dimension = numberIn<int>(skeleton, layout::Dimension, 0, 64);
+    const int index = numberIn<int>(skeleton, layout::SkeletonIndex, 0, INT32_MAX);
+    const uint64_t elements = numberIn<uint64_t>(skeleton, layout::Elements, 0, UINT64_MAX);
+    const int refinement = numberIn<int>(skeleton, layout::Refinement, 1, 1 << 30);
+    StrongPtr<Skeleton> made =
         grid_.makeSkeleton(SkeletonID(dimension, index), elements, refinement);
-    require(skeleton.valid(), what + ": " + SkeletonID(dimension, index).Name() + " appears twice");
-    return skeleton;
+    require(made.valid(), SkeletonID(dimension, index).Name() + " appears twice");
+    return made;
   }
 
-  WeakPtr<BaseSpace> readBase(hid_t group, const std::string& what) {
-    const std::string base = readString(group, layout::Base);
-    if (base == layout::BaseChart) {
-      const std::string name = readString(group, layout::Chart);
-      const int32_t dimension = readNumber<int32_t>(group, layout::ChartDimension);
-      const int32_t cartesian = readNumber<int32_t>(group, layout::ChartCartesian);
-      require(grid_.getCharts().valid(), what + ": the grid has no charts");
-      StrongPtr<ChartID> chart = grid_.getCharts()->makeChart(name, dimension, cartesian != 0);
-      require(chart.valid(),
-              what + ": chart " + quoted(name) + " does not fit the bundle's charts");
+  WeakPtr<BaseSpace> readBase(const Json& rep) {
+    if (rep.contains(layout::Chart)) {
+      const std::string name = rep.at(layout::Chart).get<std::string>();
+      const int dimension = numberIn<int>(rep, layout::ChartDimension, 1, 64);
+      const bool cartesian = rep.at(layout::ChartCartesian).get<bool>();
+      require(grid_.getCharts().valid(), "the grid has no charts");
+      StrongPtr<ChartID> chart = grid_.getCharts()->makeChart(name, dimension, cartesian);
+      require(chart.valid(), "chart " + inQuotes(name) + " does not fit the bundle's charts");
       return WeakPtr<BaseSpace>(chart);
     }
-    require(base == layout::BaseSkeleton, what + ": unknown base " + quoted(base));
-    const std::vector<int32_t> id = readNumbers<int32_t>(group, layout::RelativeSkeleton, 2);
-    StrongPtr<Skeleton> skeleton = grid_.getSkeleton(SkeletonID(id[0], id[1]));
-    require(skeleton.valid(), what + ": relative to a skeleton the grid does not have");
+    const Json& id = rep.at(layout::RelativeSkeleton);
+    require(id.is_array() && id.size() == 2, "\"skeleton\" must be [dimension, index]");
+    StrongPtr<Skeleton> skeleton =
+        grid_.getSkeleton(SkeletonID(id[0].get<int>(), id[1].get<int>()));
+    require(skeleton.valid(), "a representation relative to a skeleton the grid does not have");
     return WeakPtr<BaseSpace>(skeleton);
   }
 
-  void readRepresentation(hid_t skeletonGroup, const std::string& path, const std::string& name,
-                          Skeleton& skeleton) {
-    Group group = openGroup(skeletonGroup, name);
-    const WeakPtr<BaseSpace> base = readBase(group.id(), "representation " + quoted(path));
-    require(!skeleton.getRepresentation(base).valid(),
-            "representation " + quoted(path) + " appears twice");
+  void readRepresentation(const Json& rep, Skeleton& skeleton) {
+    const WeakPtr<BaseSpace> base = readBase(rep);
+    require(!skeleton.getRepresentation(base).valid(), "a representation appears twice");
     StrongPtr<Representation> representation = skeleton.makeRepresentation(base);
-    for (const std::string& fieldName : linkNames(group.id())) {
-      readField(group.id(), path + "/" + fieldName, fieldName, *representation);
-    }
+    for (const Json& field : rep.at(layout::Fields)) readField(field, *representation);
   }
 
-  void readField(hid_t repGroup, const std::string& path, const std::string& link,
-                 Representation& representation) {
-    Group group = openGroup(repGroup, link);
-    const std::string name = readString(group.id(), layout::FieldName);
-    const std::string typeName = readString(group.id(), layout::ElementType);
-    const std::string what = "field " + quoted(name);
-    require(!name.empty(), "field " + quoted(path) + " has no name");
+  void readField(const Json& described, Representation& representation) {
+    const std::string name = described.at(layout::FieldName).get<std::string>();
+    const std::string typeName = described.at(layout::ElementType).get<std::string>();
+    const std::string what = "field " + inQuotes(name);
+    require(!name.empty(), "a field has no name");
     require(!representation.findField(name).valid(), what + " appears twice");
     const QuarilTypeBase* type = QuarilTypeBase::findType(typeName);
-    require(type != nullptr, what + ": unknown element type " + quoted(typeName));
+    require(type != nullptr, what + ": unknown element type " + inQuotes(typeName));
     const layout::StoredType stored = layout::storedType(*type);
     require(stored.component >= 0,
-            what + ": elements of type " + quoted(typeName) + " cannot be read");
+            what + ": elements of type " + inQuotes(typeName) + " cannot be read");
     if (vetoes_ && !vetoes_->CreateField(id_, grid_, time_, name)) return;
     StrongPtr<Field> field(new Field(*type));
     std::set<const FragmentID*> seen;
-    for (const std::string& link : linkNames(group.id())) {
-      const std::string fragmentWhat = what + " fragment " + quoted(link);
-      auto [fragment, creator] =
-          readFragment(group.id(), path + "/" + link, link, *type, stored, fragmentWhat);
-      require(seen.insert(fragment.get()).second, fragmentWhat + ": the fragment appears twice");
+    for (const Json& fragmentJson : described.at(layout::Fragments)) {
+      StrongPtr<FragmentID> fragment = fragmentNamed(fragmentJson);
+      const std::string fragmentWhat =
+          what + (fragment ? " fragment " + inQuotes(fragment->Name()) : "");
+      require(seen.insert(fragment.get()).second, fragmentWhat + " appears twice");
+      StrongPtr<CreativeArrayBase> creator =
+          fragmentJson.contains(layout::Uniform)
+              ? uniformCreator(fragmentJson.at(layout::Uniform), *type, fragmentWhat)
+              : arrayCreator(fragmentJson, *type, stored, fragmentWhat);
+      creators_.push_back(creator);
       field->setCreator(creator, fragment);
     }
     representation.setField(name, field);
   }
 
-  std::pair<StrongPtr<FragmentID>, StrongPtr<CreativeArrayBase>> readFragment(
-      hid_t fieldGroup, const std::string& path, const std::string& link,
-      const QuarilTypeBase& type, const layout::StoredType& stored, const std::string& what) {
-    StrongPtr<CreativeArrayBase> creator;
-    StrongPtr<FragmentID> fragment;
-    if (isGroup(fieldGroup, link)) {
-      Group group = openGroup(fieldGroup, link);
-      fragment = fragmentNamed(group.id());
-      creator = uniformCreator(group.id(), type, what);
-    } else {
-      Dataset dataset = openDataset(fieldGroup, link);
-      fragment = fragmentNamed(dataset.id());
-      const DynamicSize size = layout::arraySize(datasetExtents(dataset.id()), stored);
-      require(size.rank() > 0, what + ": its extents do not fit elements of type " + type.name());
-      const uint64_t count = size.elements();
-      require(count != UINT64_MAX && count <= UINT64_MAX / type.size(),
-              what + ": its extents overflow");
-      checkStoredSize(dataset.id(), count * type.size(), what);
-      creator = StrongPtr<CreativeArrayBase>(
-          new DeferredCreator(type, size, arrayProducer(source_, path, type, size, stored, what)));
-    }
-    return {fragment, creator};
-  }
-
-  /// The fragment named by the object's attribute, one identity per name in
-  /// the grid; null for an unfragmented field.
-  StrongPtr<FragmentID> fragmentNamed(hid_t object) {
-    if (!attributeExists(object, layout::Fragment)) return {};
-    const std::string name = readString(object, layout::Fragment);
+  /// The fragment named in the description, one identity per name in the
+  /// grid; null for an unfragmented field.
+  StrongPtr<FragmentID> fragmentNamed(const Json& described) {
+    if (!described.contains(layout::Fragment)) return {};
+    const std::string name = described.at(layout::Fragment).get<std::string>();
     StrongPtr<FragmentID>& fragment = fragments_[name];
     if (!fragment) fragment = StrongPtr<FragmentID>(new FragmentID(name));
     return fragment;
   }
 
-  static StrongPtr<CreativeArrayBase> uniformCreator(hid_t group, const QuarilTypeBase& type,
+  static StrongPtr<CreativeArrayBase> uniformCreator(const Json& uniform,
+                                                     const QuarilTypeBase& type,
                                                      const std::string& what) {
     require(type.is<Pelorn::PhysicalSpace::point>(), what + ": uniform positions must be points");
-    const std::vector<double> origin = readNumbers<double>(group, layout::Origin, 3);
-    const std::vector<double> spacing = readNumbers<double>(group, layout::Spacing, 3);
-    const std::vector<uint64_t> extents = readNumbers<uint64_t>(group, layout::Extents, 3);
-    const DynamicSize size{extents[0], extents[1], extents[2]};
-    require(size.elements() != UINT64_MAX, what + ": its extents overflow");
-    const std::array<uint64_t, 3> counts{extents[0], extents[1], extents[2]};
+    const auto origin = uniform.at(layout::Origin).get<std::array<double, 3>>();
+    const auto spacing = uniform.at(layout::Spacing).get<std::array<double, 3>>();
+    const DynamicSize size = extentsOf(uniform, what);
+    require(size.rank() == 3, what + ": uniform extents must be three numbers");
+    const std::array<uint64_t, 3> counts{size[0], size[1], size[2]};
     const Pelorn::PhysicalSpace::point first{origin[0], origin[1], origin[2]};
     const Pelorn::PhysicalSpace::tvector step{spacing[0], spacing[1], spacing[2]};
     return StrongPtr<CreativeArrayBase>(
@@ -342,21 +348,39 @@ class GridReader {
         }));
   }
 
+  StrongPtr<CreativeArrayBase> arrayCreator(const Json& described, const QuarilTypeBase& type,
+                                            const layout::StoredType& stored,
+                                            const std::string& what) {
+    const std::string dataset = described.at(layout::Dataset).get<std::string>();
+    require(!dataset.empty() && dataset.find('/') == std::string::npos,
+            what + ": bad data set name " + inQuotes(dataset));
+    DynamicSize size = extentsOf(described, what);
+    require(size.elements() <= UINT64_MAX / type.size(), what + ": its extents overflow");
+    return StrongPtr<CreativeArrayBase>(new DeferredCreator(
+        type, size, arrayProducer(source_, path_ + "/" + dataset, type, size, stored, what)));
+  }
+
   static DeferredCreator::Producer arrayProducer(std::shared_ptr<Source> source, std::string path,
                                                  const QuarilTypeBase& type, DynamicSize size,
                                                  layout::StoredType stored, std::string what) {
     return [source = std::move(source), path = std::move(path), &type, size = std::move(size),
             stored, what = std::move(what)]() -> StrongPtr<MemBase, Cacheable> {
       Session session;
-      Dataset dataset = openDataset(source->file(), path);
-      require(datasetExtents(dataset.id()) == layout::fileExtents(size, stored),
-              source->path() + ": " + what + ": its extents changed");
-      StrongPtr<MemBase, Cacheable> array = makeMemArray(type, size);
-      require(array.valid(), what + ": no array of type " + type.name());
-      if (array->nElements() > 0) {
-        readDataset(dataset.id(), stored.component, array->rawData(), source->path() + ": " + what);
+      const std::string where = source->path() + ": " + what;
+      try {
+        Dataset dataset = openDataset(source->file(), path);
+        require(datasetExtents(dataset.id()) == layout::fileExtents(size, stored),
+                "its data set does not have the extents " + size.str());
+        checkStoredSize(dataset.id(), size.elements() * type.size(), "its data set");
+        StrongPtr<MemBase, Cacheable> array = makeMemArray(type, size);
+        require(array.valid(), "no array of type " + type.name());
+        if (array->nElements() > 0) {
+          readDataset(dataset.id(), stored.component, array->rawData(), "its data set");
+        }
+        return array;
+      } catch (const Failure& failure) {
+        throw Failure(where + ": " + failure.what());
       }
-      return array;
     };
   }
 
@@ -367,6 +391,7 @@ class GridReader {
   double time_;
   StrongPtr<BundleLoaderProgress> vetoes_;
   std::map<std::string, StrongPtr<FragmentID>> fragments_;
+  std::vector<StrongPtr<CreativeArrayBase>> creators_;
 };
 
 /// Reports a problem found after the load returned: to the load's progress
@@ -417,7 +442,7 @@ class SliceLoader : public Slice::Loader {
         GridReader(source_, entry, *grid, id, time, progress_).read();
         slice->insert(name, grid);
       } catch (const Failure& failure) {
-        report(progress_, source_->path() + ": grid " + quoted(name) + " at time " +
+        report(progress_, source_->path() + ": grid " + inQuotes(name) + " at time " +
                               std::to_string(time) + ": " + failure.what());
         complete = false;
       }
@@ -489,34 +514,20 @@ void checkSource(const std::shared_ptr<Source>& source) {
   StrongPtr<GridList> list(new GridList);
   for (uint64_t entry = 0; entry < index.entries.size(); ++entry) {
     const std::string& name = index.names[index.entries[entry].second];
+    const std::string what = "grid " + inQuotes(name) + " at time " +
+                             std::to_string(index.times[index.entries[entry].first]) + ": ";
     StrongPtr<Grid> grid(new Grid(WeakPtr<GridContainer>(list), charts));
+    GridReader reader(source, entry, *grid, (*list)[name], 0, {});
     try {
-      GridReader(source, entry, *grid, (*list)[name], index.times[index.entries[entry].first], {})
-          .read();
+      reader.read();
     } catch (const Failure& failure) {
-      throw Failure("grid " + quoted(name) + ": " + failure.what());
+      throw Failure(what + failure.what());
     }
-    grid->iterate([&](const SkeletonID&, const StrongPtr<Skeleton>& skeleton) {
-      skeleton->iterate([&](const WeakPtr<BaseSpace>&, const StrongPtr<Representation>& rep) {
-        rep->iterate([&](const StrongPtr<FieldID>& id, const StrongPtr<Field>& field) {
-          struct Visit : FragmentIterator {
-            std::string error;
-            bool apply(const StrongPtr<FragmentID>&,
-                       const StrongPtr<CreativeArrayBase>& c) override {
-              if (!c->getData()) error = c->lastError();
-              c->dropCache();
-              return error.empty();
-            }
-          } visit;
-          field->iterate(visit);
-          require(visit.error.empty(),
-                  "grid " + quoted(name) + " field " + quoted(id->Name()) + ": " + visit.error);
-          return true;
-        });
-        return true;
-      });
-      return true;
-    });
+    for (const auto& creator : reader.creators()) {
+      const bool produced = creator->getData().valid();
+      require(produced, what + creator->lastError());
+      creator->dropCache();
+    }
   }
 }
 

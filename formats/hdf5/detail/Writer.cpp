@@ -6,12 +6,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <map>
 #include <set>
 #include <variant>
+
+#include <nlohmann/json.hpp>
 
 #include "formats/hdf5/Format.hpp"
 #include "formats/hdf5/detail/Hdf5.hpp"
@@ -23,6 +26,7 @@ namespace Quaril::H5::detail {
 namespace {
 
 namespace fs = std::filesystem;
+using Json = nlohmann::json;
 using Ostrak::StrongPtr;
 using Ostrak::WeakPtr;
 
@@ -181,42 +185,61 @@ class BundleWriter {
 
   // ---- one grid ---------------------------------------------------------------
 
-  /// Writes entry `row`; returns the bytes of data written.
+  /// Writes entry `row`: its group, one data set per stored array and the
+  /// structure that says what they are. Returns the bytes of data written.
   uint64_t writeGrid(hid_t grids, size_t row) {
     const Entry& entry = entries_[row];
     Group group = createGroup(grids, std::to_string(row));
     policy_->writtenGrids().insert(entry.id);
     const Grid& grid = *entry.grid;
-    uint64_t bytes = 0;
+    GridWriting writing{group.id(), row, 0, 0};
+    Json skeletons = Json::array();
     grid.iterate([&](const SkeletonID& id, const StrongPtr<Skeleton>& skeleton) {
-      Group skeletonGroup = createGroup(
-          group.id(), std::to_string(id.dimension()) + "_" + std::to_string(id.index()));
-      writeNumber<int32_t>(skeletonGroup.id(), layout::Dimension, id.dimension());
-      writeNumber<int32_t>(skeletonGroup.id(), layout::SkeletonIndex, id.index());
-      writeNumber<uint64_t>(skeletonGroup.id(), layout::Elements, skeleton->getNumberOfElements());
-      writeNumber<int32_t>(skeletonGroup.id(), layout::Refinement,
-                           skeleton->getIsotropicRefinementFactor());
-      int number = 0;
+      Json representations = Json::array();
       skeleton->iterate([&](const WeakPtr<BaseSpace>& base, const StrongPtr<Representation>& rep) {
-        Group repGroup = createGroup(skeletonGroup.id(), std::to_string(number++));
+        Json described = describeBase(grid, base.get());
         Place place{entry.time, entry.id->getName(), WeakPtr<Grid>(entry.grid), id,
-                    describeBase(repGroup.id(), grid, base.get())};
-        bytes += writeRepresentation(repGroup.id(), row, *rep, place);
+                    described.contains(layout::Chart)
+                        ? described[layout::Chart].get<std::string>()
+                        : SkeletonID(described[layout::RelativeSkeleton][0].get<int>(),
+                                     described[layout::RelativeSkeleton][1].get<int>())
+                              .Name()};
+        described[layout::Fields] = writeFields(writing, *rep, place);
+        representations.push_back(std::move(described));
         return true;
       });
+      skeletons.push_back({{layout::Dimension, id.dimension()},
+                           {layout::SkeletonIndex, id.index()},
+                           {layout::Elements, skeleton->getNumberOfElements()},
+                           {layout::Refinement, skeleton->getIsotropicRefinementFactor()},
+                           {layout::Representations, std::move(representations)}});
       return true;
     });
-    return bytes;
+    std::string structure;
+    try {
+      structure = Json{{layout::Skeletons, std::move(skeletons)}}.dump();
+    } catch (const Json::exception& error) {
+      throw Failure("grid \"" + entry.id->getName() + "\": its names must be UTF-8 texts (" +
+                    error.what() + ")");
+    }
+    writeString(group.id(), layout::Structure, structure);
+    return writing.bytes;
   }
 
-  /// Writes what `base` is onto the representation group; returns its name.
-  std::string describeBase(hid_t group, const Grid& grid, const BaseSpace* base) {
+  /// What is being written into one grid group.
+  struct GridWriting {
+    hid_t group;
+    size_t row;
+    int datasets;
+    uint64_t bytes;
+  };
+
+  /// What `base` is: a chart, or a skeleton of the same grid.
+  static Json describeBase(const Grid& grid, const BaseSpace* base) {
     if (auto* chart = dynamic_cast<const ChartID*>(base)) {
-      writeString(group, layout::Base, layout::BaseChart);
-      writeString(group, layout::Chart, chart->Name());
-      writeNumber<int32_t>(group, layout::ChartDimension, chart->getDimension());
-      writeNumber<int32_t>(group, layout::ChartCartesian, chart->isCartesian() ? 1 : 0);
-      return chart->Name();
+      return {{layout::Chart, chart->Name()},
+              {layout::ChartDimension, chart->getDimension()},
+              {layout::ChartCartesian, chart->isCartesian()}};
     }
     SkeletonID found(-1, -1);
     grid.iterate([&](const SkeletonID& id, const StrongPtr<Skeleton>& skeleton) {
@@ -225,36 +248,31 @@ class BundleWriter {
     });
     require(found.isValid(),
             "a representation relative to neither a chart nor a skeleton of its grid");
-    writeString(group, layout::Base, layout::BaseSkeleton);
-    writeNumbers<int32_t>(group, layout::RelativeSkeleton, {found.dimension(), found.index()});
-    return found.Name();
+    return {{layout::RelativeSkeleton, {found.dimension(), found.index()}}};
   }
 
-  uint64_t writeRepresentation(hid_t group, size_t row, const Representation& rep,
-                               const Place& place) {
-    uint64_t bytes = 0;
-    int number = 0;
+  Json writeFields(GridWriting& writing, const Representation& rep, const Place& place) {
+    Json fields = Json::array();
     rep.iterate([&](const StrongPtr<FieldID>& id, const StrongPtr<Field>& field) {
       if (!policy_->isSaveableField(*id, *field, place.grid, place.gridName, place.time,
                                     place.representation, place.skeleton)) {
         return true;
       }
-      Group fieldGroup = createGroup(group, std::to_string(number++));
-      writeString(fieldGroup.id(), layout::FieldName, id->Name());
-      writeString(fieldGroup.id(), layout::ElementType, field->getElementDescriptor().name());
       policy_->writtenFields().insert(id);
-      int fragmentNumber = 0;
+      Json fragments = Json::array();
       FragmentVisitor visit(
           [&](const StrongPtr<FragmentID>& fragment, const StrongPtr<CreativeArrayBase>& creator) {
-            bytes += writeFragment(fieldGroup.id(), std::to_string(fragmentNumber), row, *id,
-                                   *field, fragment, creator, place);
-            ++fragmentNumber;
+            Json written = writeFragment(writing, *id, *field, fragment, creator, place);
+            if (!written.is_null()) fragments.push_back(std::move(written));
             return true;
           });
       field->iterate(visit);
+      fields.push_back({{layout::FieldName, id->Name()},
+                        {layout::ElementType, field->getElementDescriptor().name()},
+                        {layout::Fragments, std::move(fragments)}});
       return true;
     });
-    return bytes;
+    return fields;
   }
 
   // ---- one fragment -------------------------------------------------------------
@@ -273,16 +291,18 @@ class BundleWriter {
     Visit visit_;
   };
 
-  uint64_t writeFragment(hid_t fieldGroup, const std::string& name, size_t row, const FieldID& id,
-                         const Field& field, const StrongPtr<FragmentID>& fragment,
-                         const StrongPtr<CreativeArrayBase>& creator, const Place& place) {
-    if (!creator) return 0;
+  /// Writes one fragment and returns its description; null when the policy
+  /// leaves it out.
+  Json writeFragment(GridWriting& writing, const FieldID& id, const Field& field,
+                     const StrongPtr<FragmentID>& fragment,
+                     const StrongPtr<CreativeArrayBase>& creator, const Place& place) {
+    if (!creator) return {};
     const std::string& fieldName = id.Name();
     if (policy_->SkipStorage(place.time, place.gridName, place.grid, place.skeleton,
                              place.representation, field, fieldName, *creator, fragment) ||
         !policy_->isSaveableFragment(fragment, creator, id, field, place.grid, place.gridName,
                                      place.time, place.representation, place.skeleton)) {
-      return 0;
+      return {};
     }
     policy_->setFieldPacking(place.time, place.gridName, place.grid, place.skeleton,
                              place.representation, field, fieldName, *creator, fragment);
@@ -292,32 +312,37 @@ class BundleWriter {
                              (fragment ? " fragment \"" + fragment->Name() + "\"" : "") +
                              " of grid \"" + place.gridName + "\"";
     require(data.valid(), what + ": its data cannot be produced (" + creator->lastError() + ")");
+    Json described = Json::object();
+    if (fragment) described[layout::Fragment] = fragment->Name();
     uint64_t bytes = 0;
     if (auto* uniform = dynamic_cast<const UniformCartesianArray*>(data.get())) {
-      Group group = createGroup(fieldGroup, name);
-      writeUniform(group.id(), *uniform);
-      if (fragment) writeString(group.id(), layout::Fragment, fragment->Name());
+      described[layout::Uniform] = describeUniform(*uniform, what);
     } else {
-      bytes = writeArray(fieldGroup, name, row, fieldName, field, *creator, fragment, data, place,
-                         what);
+      const std::string name = std::to_string(writing.datasets++);
+      bytes = writeArray(writing, name, fieldName, field, *creator, fragment, data, place, what);
+      described[layout::Dataset] = name;
+      described[layout::Extents] = data->getSize().extents();
     }
     if (!wasResident) creator->dropCache();
+    writing.bytes += bytes;
     policy_->setBytesWritten(policy_->getBytesWritten() + bytes);
     policy_->isSaved(creator, fragment, id, field, place.grid, place.gridName, place.time,
                      place.representation, place.skeleton);
-    return bytes;
+    return described;
   }
 
-  static void writeUniform(hid_t group, const UniformCartesianArray& uniform) {
+  static Json describeUniform(const UniformCartesianArray& uniform, const std::string& what) {
     const auto origin = uniform.origin();
     const auto spacing = uniform.spacing();
-    const auto extents = uniform.extents();
-    writeNumbers<double>(group, layout::Origin, {origin.x, origin.y, origin.z});
-    writeNumbers<double>(group, layout::Spacing, {spacing.x, spacing.y, spacing.z});
-    writeNumbers<uint64_t>(group, layout::Extents, {extents[0], extents[1], extents[2]});
+    for (double value : {origin.x, origin.y, origin.z, spacing.x, spacing.y, spacing.z}) {
+      require(std::isfinite(value), what + ": uniform positions need a finite origin and spacing");
+    }
+    return {{layout::Origin, {origin.x, origin.y, origin.z}},
+            {layout::Spacing, {spacing.x, spacing.y, spacing.z}},
+            {layout::Extents, uniform.extents()}};
   }
 
-  uint64_t writeArray(hid_t fieldGroup, const std::string& name, size_t row,
+  uint64_t writeArray(const GridWriting& writing, const std::string& name,
                       const std::string& fieldName, const Field& field, CreativeArrayBase& creator,
                       const StrongPtr<FragmentID>& fragment,
                       const StrongPtr<MemBase, Cacheable>& data, const Place& place,
@@ -337,7 +362,7 @@ class BundleWriter {
     const Storage storage =
         storageFor(place, field, fieldName, creator, fragment, data, extents, bytes);
 
-    hid_t parent = fieldGroup;
+    hid_t parent = writing.group;
     std::string datasetName = name;
     Group externalGroup;
     auto [externalFile, externalPath] = policy_->getExternalLocation(
@@ -350,19 +375,17 @@ class BundleWriter {
                                              place.representation, fieldName) +
           externalPath;
       if (inside.empty() || inside == "/") {
-        inside = "grid" + std::to_string(row) + "/" + std::to_string(place.skeleton.dimension()) +
-                 "_" + std::to_string(place.skeleton.index()) + "/" + fieldName + "/" + name;
+        inside = "grid" + std::to_string(writing.row) + "/" + name;
       }
       require(externalPlaces_.insert(externalFile + "\n" + inside).second,
               what + ": another array of this save went to " + externalFile + " \"" + inside +
                   "\" already");
       externalGroup = externalParent(externalFile, inside, datasetName);
       parent = externalGroup.id();
-      linkExternal(fieldGroup, name, reference, inside);
+      linkExternal(writing.group, name, reference, inside);
     }
     Dataset dataset = writeDataset(parent, datasetName, fileType.id(), stored.component, extents,
                                    data->rawData(), storage);
-    if (fragment) writeString(dataset.id(), layout::Fragment, fragment->Name());
     if (stored.components == 1 && policy_->ComputeRangeAttributeOnWriting(fieldName, creator)) {
       if (auto range = valueRange(*data)) {
         writeNumber<double>(dataset.id(), layout::Minimum, range->first);
@@ -474,7 +497,10 @@ std::string systemError(const std::string& what) {
 std::string makeTemporary(const std::string& path) {
   fs::path target(path);
   fs::path directory = target.parent_path().empty() ? fs::path(".") : target.parent_path();
-  std::string pattern = (directory / ("." + target.filename().string() + ".tmp-XXXXXX")).string();
+  // Appended piece by piece: GCC 12 warns falsely about "." + name at -O3.
+  std::string hidden(".");
+  hidden.append(target.filename().string()).append(".tmp-XXXXXX");
+  std::string pattern = (directory / hidden).string();
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
   int fd = mkstemp(name.data());

@@ -1,0 +1,236 @@
+// The HDF5 format against the HDF5 C API in the same run:
+//  - Save / Save_Baseline: 100 time steps of a 64^3 float field, written to a
+//    new file and flushed to disk (the baseline writes the same arrays as 100
+//    data sets of one file, flushed the same way);
+//  - FullLoad / FullLoad_Baseline: opening that file and reading every array
+//    into memory that is kept until all are read;
+//  - Open / Open_Baseline: opening files of 10^4 steps of 10 grids and of
+//    10^5 steps of one grid, against a walk over all of the file's objects;
+//  - OpenMemory: heap bytes per time step right after opening.
+
+#include <fcntl.h>
+#include <hdf5.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "RatioReporter.hpp"
+#include "bundle/Bundle.hpp"
+#include "formats/hdf5/Format.hpp"
+#include "grid/GridConstructors.hpp"
+
+namespace {
+
+using namespace Quaril;
+constexpr int Steps = 100;
+constexpr uint64_t Edge = 64;
+
+std::string scratch(const std::string& name) {
+  static const std::filesystem::path folder = [] {
+    std::string pattern = (std::filesystem::temp_directory_path() / "quaril-bench-XXXXXX").string();
+    return std::filesystem::path(mkdtemp(pattern.data()));
+  }();
+  return (folder / name).string();
+}
+
+std::vector<float> field(int step) {
+  std::vector<float> values(Edge * Edge * Edge);
+  for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<float>(step) + i * 1e-6f;
+  return values;
+}
+
+const BundlePtr& seriesBundle() {
+  static const BundlePtr bundle = [] {
+    BundlePtr made;
+    made.create();
+    for (int step = 0; step < Steps; ++step) {
+      Grid& grid = *(*(*made)[step * 0.1])["fluid"];
+      makeUniformGrid(grid, {Edge, Edge, Edge}, {0, 0, 0}, {1, 1, 1});
+      addVertexField(grid, "density", field(step));
+    }
+    return made;
+  }();
+  return bundle;
+}
+
+void flushToDisk(const std::string& path) {
+  int fd = open(path.c_str(), O_RDONLY);
+  fsync(fd);
+  close(fd);
+}
+
+void Save(benchmark::State& state) {
+  const BundlePtr& bundle = seriesBundle();
+  for (auto _ : state) {
+    state.PauseTiming();
+    std::filesystem::remove(scratch("series.h5"));
+    state.ResumeTiming();
+    if (!H5::save(*bundle, scratch("series.h5"))) state.SkipWithError("save failed");
+  }
+  state.SetBytesProcessed(state.iterations() * Steps * Edge * Edge * Edge * 4);
+}
+BENCHMARK(Save)->Unit(benchmark::kMillisecond)->Iterations(10)->UseRealTime();
+
+/// The baseline's file: the same arrays as 100 data sets, flushed to disk.
+void writeBaseline(const std::string& path, const std::vector<std::vector<float>>& arrays) {
+  hid_t file = H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT);
+  const hsize_t dims[3] = {Edge, Edge, Edge};
+  hid_t space = H5Screate_simple(3, dims, nullptr);
+  for (int step = 0; step < Steps; ++step) {
+    hid_t dataset = H5Dcreate2(file, std::to_string(step).c_str(), H5T_NATIVE_FLOAT, space,
+                               H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT);
+    H5Dwrite(dataset, H5T_NATIVE_FLOAT, H5S_ALL, H5S_ALL, H5P_DEFAULT, arrays[step].data());
+    H5Dclose(dataset);
+  }
+  H5Sclose(space);
+  H5Fclose(file);
+  flushToDisk(path);
+}
+
+std::vector<std::vector<float>> baselineArrays() {
+  std::vector<std::vector<float>> arrays;
+  for (int step = 0; step < Steps; ++step) arrays.push_back(field(step));
+  return arrays;
+}
+
+void Save_Baseline(benchmark::State& state) {
+  const std::vector<std::vector<float>> arrays = baselineArrays();
+  for (auto _ : state) {
+    state.PauseTiming();
+    std::filesystem::remove(scratch("baseline.h5"));
+    state.ResumeTiming();
+    writeBaseline(scratch("baseline.h5"), arrays);
+  }
+  state.SetBytesProcessed(state.iterations() * Steps * Edge * Edge * Edge * 4);
+}
+BENCHMARK(Save_Baseline)->Unit(benchmark::kMillisecond)->Iterations(10)->UseRealTime();
+
+void FullLoad(benchmark::State& state) {
+  if (!H5::save(*seriesBundle(), scratch("series.h5"))) state.SkipWithError("save failed");
+  double sum = 0;
+  for (auto _ : state) {
+    BundlePtr bundle;
+    H5::load(bundle, {scratch("series.h5")});
+    for (const auto& [time, slice] : bundle->getSlices()) {
+      auto data = (*slice)("fluid")->getCartesianRepresentation()->findField("density")->getData();
+      sum += static_cast<const float*>(data->rawData())[1];
+    }
+  }
+  benchmark::DoNotOptimize(sum);
+  state.SetBytesProcessed(state.iterations() * Steps * Edge * Edge * Edge * 4);
+}
+BENCHMARK(FullLoad)->Unit(benchmark::kMillisecond)->Iterations(10)->UseRealTime();
+
+void FullLoad_Baseline(benchmark::State& state) {
+  writeBaseline(scratch("baseline.h5"), baselineArrays());
+  double sum = 0;
+  for (auto _ : state) {
+    // Every array is kept, as a loaded bundle keeps them.
+    std::vector<std::vector<float>> arrays(Steps);
+    hid_t file = H5Fopen(scratch("baseline.h5").c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+    for (int step = 0; step < Steps; ++step) {
+      hid_t dataset = H5Dopen2(file, std::to_string(step).c_str(), H5P_DEFAULT);
+      std::vector<float>& values = arrays[static_cast<size_t>(step)];
+      values.resize(Edge * Edge * Edge);
+      H5Dread(dataset, H5T_NATIVE_FLOAT, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
+      sum += values[1];
+      H5Dclose(dataset);
+    }
+    H5Fclose(file);
+  }
+  benchmark::DoNotOptimize(sum);
+  if (sum == 0) state.SkipWithError("nothing read");
+  state.SetBytesProcessed(state.iterations() * Steps * Edge * Edge * Edge * 4);
+}
+BENCHMARK(FullLoad_Baseline)->Unit(benchmark::kMillisecond)->Iterations(10)->UseRealTime();
+
+/// A file of `steps` time steps of `grids` one-point clouds each, made once.
+std::string manyStepsFile(int64_t steps, int64_t grids) {
+  const std::string path =
+      scratch("steps-" + std::to_string(steps) + "x" + std::to_string(grids) + ".h5");
+  if (std::filesystem::exists(path)) return path;
+  BundlePtr bundle;
+  bundle.create();
+  for (int64_t step = 0; step < steps; ++step) {
+    SlicePtr slice = (*bundle)[static_cast<double>(step)];
+    for (int64_t g = 0; g < grids; ++g) {
+      makePointCloud(*(*slice)["grid" + std::to_string(g)], {{static_cast<double>(step), 0, 0}});
+    }
+  }
+  H5::save(*bundle, path);
+  return path;
+}
+
+void Open(benchmark::State& state) {
+  const std::string path = manyStepsFile(state.range(0), state.range(1));
+  for (auto _ : state) {
+    BundlePtr bundle;
+    if (!H5::load(bundle, {path})) state.SkipWithError("load failed");
+    state.PauseTiming();
+    bundle.reset();
+    state.ResumeTiming();
+  }
+}
+BENCHMARK(Open)
+    ->Args({10000, 10})
+    ->Args({100000, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3)
+    ->UseRealTime();
+
+void Open_Baseline(benchmark::State& state) {
+  const std::string path = manyStepsFile(state.range(0), state.range(1));
+  for (auto _ : state) {
+    hid_t file = H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+    uint64_t objects = 0;
+    H5Ovisit2(
+        file, H5_INDEX_NAME, H5_ITER_NATIVE,
+        [](hid_t, const char*, const H5O_info_t*, void* count) -> herr_t {
+          ++*static_cast<uint64_t*>(count);
+          return 0;
+        },
+        &objects, H5O_INFO_BASIC);
+    H5Fclose(file);
+    state.counters["objects"] = static_cast<double>(objects);
+  }
+}
+BENCHMARK(Open_Baseline)
+    ->Args({10000, 10})
+    ->Args({100000, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3)
+    ->UseRealTime();
+
+void OpenMemory(benchmark::State& state) {
+  const std::string path = manyStepsFile(state.range(0), 1);
+  for (auto _ : state) {
+    const size_t before = mallinfo2().uordblks;
+    BundlePtr bundle;
+    H5::load(bundle, {path});
+    state.counters["bytes_per_step"] =
+        static_cast<double>(mallinfo2().uordblks - before) / static_cast<double>(state.range(0));
+    state.PauseTiming();
+    bundle.reset();
+    state.ResumeTiming();
+  }
+}
+BENCHMARK(OpenMemory)->Arg(100000)->Unit(benchmark::kMillisecond)->Iterations(1);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Both sides keep freed memory for reuse: on virtual machines a fresh page
+  // costs microseconds, and otherwise whichever side glibc happens to give
+  // fresh pages is measured mostly on page faults.
+  mallopt(M_MMAP_THRESHOLD, 256 << 20);
+  mallopt(M_TRIM_THRESHOLD, 1 << 30);
+  H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+  H5::registerFormat();
+  int result = QuarilBench::runWithRatios(argc, argv);
+  std::error_code ignored;
+  std::filesystem::remove_all(std::filesystem::path(scratch("x")).parent_path(), ignored);
+  return result;
+}
