@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -129,13 +130,13 @@ void FullLoad_Baseline(benchmark::State& state) {
   double sum = 0;
   for (auto _ : state) {
     // Every array is kept, as a loaded bundle keeps them.
-    std::vector<std::vector<float>> arrays(Steps);
+    std::vector<std::unique_ptr<float[]>> arrays(Steps);
     hid_t file = H5Fopen(scratch("baseline.h5").c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
     for (int step = 0; step < Steps; ++step) {
       hid_t dataset = H5Dopen2(file, std::to_string(step).c_str(), H5P_DEFAULT);
-      std::vector<float>& values = arrays[static_cast<size_t>(step)];
-      values.resize(Edge * Edge * Edge);
-      H5Dread(dataset, H5T_NATIVE_FLOAT, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
+      std::unique_ptr<float[]>& values = arrays[static_cast<size_t>(step)];
+      values.reset(new float[Edge * Edge * Edge]);
+      H5Dread(dataset, H5T_NATIVE_FLOAT, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.get());
       sum += values[1];
       H5Dclose(dataset);
     }

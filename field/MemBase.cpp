@@ -7,26 +7,32 @@ namespace {
 // used must not make grids look changed.
 std::atomic<uint64_t> useClock{0};
 
+template <int N, class T>
+StrongPtr<MemBase, Cacheable> makeOf(const DynamicSize& size, bool zeroed) {
+  return zeroed ? MemArray<N, T>::create(size) : MemArray<N, T>::create(size, Uninitialised{});
+}
+
 template <class T>
-StrongPtr<MemBase, Cacheable> makeOfRank(const DynamicSize& size) {
+StrongPtr<MemBase, Cacheable> makeOfRank(const DynamicSize& size, bool zeroed) {
   switch (size.rank()) {
     case 1:
-      return MemArray<1, T>::create(size);
+      return makeOf<1, T>(size, zeroed);
     case 2:
-      return MemArray<2, T>::create(size);
+      return makeOf<2, T>(size, zeroed);
     case 3:
-      return MemArray<3, T>::create(size);
+      return makeOf<3, T>(size, zeroed);
     case 4:
-      return MemArray<4, T>::create(size);
+      return makeOf<4, T>(size, zeroed);
     default:
       return {};
   }
 }
 
 template <class... Types>
-StrongPtr<MemBase, Cacheable> makeOfType(const QuarilTypeBase& type, const DynamicSize& size) {
+StrongPtr<MemBase, Cacheable> makeOfType(const QuarilTypeBase& type, const DynamicSize& size,
+                                         bool zeroed) {
   StrongPtr<MemBase, Cacheable> array;
-  ((type.is<Types>() ? (array = makeOfRank<Types>(size), true) : false) || ...);
+  ((type.is<Types>() ? (array = makeOfRank<Types>(size, zeroed), true) : false) || ...);
   return array;
 }
 
@@ -63,13 +69,14 @@ uint64_t UniformCartesianArray::getMemoryUsage() const noexcept {
   return sizeof(origin_) + sizeof(spacing_);
 }
 
-StrongPtr<MemBase, Cacheable> makeMemArray(const QuarilTypeBase& type, const DynamicSize& size) {
+StrongPtr<MemBase, Cacheable> makeMemArray(const QuarilTypeBase& type, const DynamicSize& size,
+                                           bool zeroed) {
   using Pelorn::PhysicalSpace::point;
   using Pelorn::PhysicalSpace::tvector;
   return makeOfType<bool, char, wchar_t, char8_t, char16_t, char32_t, signed char, unsigned char,
                     short, unsigned short, int, unsigned, long, unsigned long, long long,
                     unsigned long long, float, double, long double, point, tvector,
-                    std::array<uint32_t, 3>>(type, size);
+                    std::array<uint32_t, 3>>(type, size, zeroed);
 }
 
 }  // namespace Quaril

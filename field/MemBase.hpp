@@ -89,8 +89,12 @@ class TypedArray : public MemBase {
   T* elements_ = nullptr;
 };
 
+/// Asks an array to leave its elements uninitialised, for a reader that
+/// overwrites all of them at once (types with constructors still run them).
+struct Uninitialised {};
+
 /// An `N`-dimensional array that owns its elements; they start
-/// value-initialised (zero for arithmetic types).
+/// value-initialised (zero for arithmetic types) unless made Uninitialised.
 template <int N, class T>
 class MemArray : public TypedArray<T> {
   static_assert(N >= 1, "a MemArray has at least one dimension");
@@ -101,7 +105,11 @@ class MemArray : public TypedArray<T> {
   /// Allocates the elements. Throws std::bad_alloc when they do not fit in
   /// memory (also for a byte count beyond the address space).
   explicit MemArray(const Extents& extents)
-      : TypedArray<T>(DynamicSize(extents)), storage_(allocate(this->nElements())) {
+      : TypedArray<T>(DynamicSize(extents)), storage_(allocate(this->nElements(), true)) {
+    this->setElements(storage_.get());
+  }
+  MemArray(const Extents& extents, Uninitialised)
+      : TypedArray<T>(DynamicSize(extents)), storage_(allocate(this->nElements(), false)) {
     this->setElements(storage_.get());
   }
 
@@ -109,9 +117,11 @@ class MemArray : public TypedArray<T> {
   /// std::bad_alloc as the constructor does.
   static StrongPtr<MemArray> create(const DynamicSize& size) {
     if (size.rank() != N) return {};
-    Extents extents{};
-    for (int d = 0; d < N; ++d) extents[static_cast<std::size_t>(d)] = size[d];
-    return StrongPtr<MemArray>(new MemArray(extents));
+    return StrongPtr<MemArray>(new MemArray(extentsOf(size)));
+  }
+  static StrongPtr<MemArray> create(const DynamicSize& size, Uninitialised) {
+    if (size.rank() != N) return {};
+    return StrongPtr<MemArray>(new MemArray(extentsOf(size), Uninitialised{}));
   }
 
   /// The extent of dimension `dimension` (0 outside 0..N-1).
@@ -130,9 +140,15 @@ class MemArray : public TypedArray<T> {
   }
 
  private:
-  static std::unique_ptr<T[]> allocate(uint64_t count) {
+  static std::unique_ptr<T[]> allocate(uint64_t count, bool zeroed) {
     if (count > SIZE_MAX / sizeof(T)) throw std::bad_alloc();
-    return std::unique_ptr<T[]>(new T[static_cast<std::size_t>(count)]());
+    const auto n = static_cast<std::size_t>(count);
+    return std::unique_ptr<T[]>(zeroed ? new T[n]() : new T[n]);
+  }
+  static Extents extentsOf(const DynamicSize& size) {
+    Extents extents{};
+    for (int d = 0; d < N; ++d) extents[static_cast<std::size_t>(d)] = size[d];
+    return extents;
   }
   uint64_t linear(const Extents& index) const noexcept {
     uint64_t offset = 0;
@@ -184,8 +200,10 @@ class UniformCartesianArray : public MemBase {
 /// A new MemArray of rank 1 to 4 and element type `type`, for a reader that
 /// learns the type and size from a file: the built-in types (every arithmetic
 /// type, point, tvector) are supported. Null for another type or rank.
-/// Throws std::bad_alloc when the elements do not fit
-/// in memory.
-StrongPtr<MemBase, Cacheable> makeMemArray(const QuarilTypeBase& type, const DynamicSize& size);
+/// Elements start zero, or uninitialised when `zeroed` is false (the reader
+/// then overwrites them all). Throws std::bad_alloc when the elements do not
+/// fit in memory.
+StrongPtr<MemBase, Cacheable> makeMemArray(const QuarilTypeBase& type, const DynamicSize& size,
+                                           bool zeroed = true);
 
 }  // namespace Quaril

@@ -372,7 +372,7 @@ class GridReader {
         require(datasetExtents(dataset.id()) == layout::fileExtents(size, stored),
                 "its data set does not have the extents " + size.str());
         checkStoredSize(dataset.id(), size.elements() * type.size(), "its data set");
-        StrongPtr<MemBase, Cacheable> array = makeMemArray(type, size);
+        StrongPtr<MemBase, Cacheable> array = makeMemArray(type, size, false);
         require(array.valid(), "no array of type " + type.name());
         if (array->nElements() > 0) {
           readDataset(dataset.id(), stored.component, array->rawData(), "its data set");
