@@ -1,24 +1,28 @@
 #pragma once
-// Shared helpers of the bundle tests.
+// Shared fixtures of the bundle tests, also meant for format tests: a sample
+// bundle with every mesh kind over several times, recording slice loaders,
+// and in-memory loaders, savers and storage bindings.
 
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "bundle/Binder.hpp"
 #include "bundle/Bundle.hpp"
 #include "bundle/GridSelector.hpp"
+#include "bundle/LoaderControl.hpp"
+#include "bundle/StorageTransformations.hpp"
+#include "grid/GridConstructors.hpp"
+#include "ostrak/Diagnostics.hpp"
+#include "ostrak/Loader.hpp"
+#include "ostrak/SaveRegistry.hpp"
 
-namespace QuarilTest {
+namespace Quaril::Testing {
 
-using Ostrak::StrongPtr;
-using Ostrak::WeakPtr;
-using Quaril::Bundle;
-using Quaril::BundlePtr;
-using Quaril::Grid;
-using Quaril::GridID;
-using Quaril::Slice;
-using Quaril::SlicePtr;
+using Pelorn::PhysicalSpace::point;
+using Pelorn::PhysicalSpace::tvector;
 
-/// A bundle with the grid `name` at each of `times`.
+/// A bundle with the grid `name`, without skeletons, at each of `times`.
 inline BundlePtr bundleWith(const std::vector<double>& times, const std::string& name) {
   BundlePtr bundle;
   bundle.create();
@@ -26,105 +30,194 @@ inline BundlePtr bundleWith(const std::vector<double>& times, const std::string&
   return bundle;
 }
 
-/// A loader that records its runs and may create a grid in its slice.
-class RecordingLoader : public Slice::Loader {
- public:
-  explicit RecordingLoader(int& runs, std::string gridName = "")
-      : runs_(runs), gridName_(std::move(gridName)) {}
-  bool load(const WeakPtr<Slice>& slice) override {
-    ++runs_;
-    if (!gridName_.empty() && slice) (*slice.get())[gridName_];
-    return true;
-  }
-
- private:
-  int& runs_;
-  std::string gridName_;
-};
-
-/// A storage binding that counts synchronisations.
-class CountingStorage : public Quaril::StorageBinding {
- public:
-  explicit CountingStorage(int& calls) : calls_(calls) {}
-  int32_t synchronize(const Bundle&, const StrongPtr<Quaril::MemBase, Quaril::Cacheable>&,
-                      Ostrak::Intercube&) override {
-    return ++calls_;
-  }
-
- private:
-  int& calls_;
-};
-
-}  // namespace QuarilTest
-
-// ---- real meshes over several time steps, for the selector tests ----------------
-
-#include "grid/GridConstructors.hpp"
-
-namespace QuarilTest {
-
-/// A uniform 3x3x3 grid `name` in the slice at `t` (made when missing).
-inline Grid& addUniformGrid(const BundlePtr& bundle, double t, const std::string& name) {
-  Grid& grid = *(*(*bundle)[t])[name];
-  Quaril::makeUniformGrid(grid, {3, 3, 3}, {0, 0, 0}, {1, 1, 1});
-  return grid;
+/// The grid `name` in the slice at `t`, both made when missing.
+inline Grid& gridIn(const BundlePtr& bundle, double t, const std::string& name) {
+  return *(*(*bundle)[t])[name];
 }
 
-/// A curvilinear 2x2x1 grid `name` in the slice at `t`.
-inline Grid& addCurvilinearGrid(const BundlePtr& bundle, double t, const std::string& name) {
-  Grid& grid = *(*(*bundle)[t])[name];
-  Quaril::makeCurvilinearGrid(grid, {2, 2, 1}, {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1.5, 0}});
-  return grid;
-}
-
-/// A double field `name` on the vertex skeleton of refinement factor
-/// `factor`, relative to the default Cartesian chart.
-inline StrongPtr<Quaril::Field> addRefinedField(Grid& grid, int factor, const std::string& name) {
-  StrongPtr<Quaril::Skeleton> skeleton = grid.findIsotropicRefinementFactor(factor, 0);
-  StrongPtr<Quaril::Representation> representation = grid.makeCartesianRepresentation(skeleton);
-  if (!representation) return {};
-  auto values =
-      Quaril::MemArray<1, double>::create(Quaril::DynamicSize{skeleton->getNumberOfElements()});
-  StrongPtr<Quaril::Field> field = Quaril::Field::create<double>();
-  field->setCreator(StrongPtr<Quaril::CreativeArrayBase>(new Quaril::MemCreator(values)));
-  representation->setField(name, field);
-  return field;
-}
-
-/// The evolution the selector tests look at:
+/// The sample data set. All fields are in the default Cartesian chart, vertex
+/// fields next to "Positions" on the skeleton (0, 0), cell fields on the cells.
 ///
-///   time  "uniform" (3x3x3)                    "curvilinear" (2x2x1)        "empty"
-///   1     density: double, flags: int32        -                            no skeletons
-///   2     density: double; levels 1 and 2,     temperature: float,          -
-///         level 1 carrying density: double     cell field pressure: double
-///   3     -                                    temperature: float           -
-///   4     velocity: tvector                    -                            -
-///   5     -                                    -                            no skeletons
-inline BundlePtr selectorEvolution() {
-  using Pelorn::PhysicalSpace::tvector;
+///   time "uniform" 3x3x3,        "curvilinear" 2x2x1  "points" 3 points  "surface" 4 points,
+///        spacing 1                                                       2 triangles
+///   1    density: double,        -                    mass: double       area (cells): float
+///        flags: int32
+///   2    density: double; levels temperature: float,  -                  -
+///        1, 2 (factors 2, 4);    pressure (cells):
+///        density: double on 1    double
+///   3    -                       temperature: float   mass: double       -
+///   4    velocity: tvector       -                    -                  area (cells): float
+///
+/// Values: density at vertex i is t + i / 100 (0 on level 1), mass is t * (i + 1),
+/// the others are constant (flags 7, temperature 20, pressure 1e5, area 0.5,
+/// velocity (1, 0, 0)).
+inline BundlePtr makeSampleBundle() {
   BundlePtr bundle;
   bundle.create();
-  const std::vector<double> ramp(27, 1.5);
+  auto density = [](double t, size_t n) {
+    std::vector<double> values(n);
+    for (size_t i = 0; i < n; ++i) values[i] = t + i / 100.0;
+    return values;
+  };
+  auto uniform = [&](double t) -> Grid& {
+    Grid& grid = gridIn(bundle, t, "uniform");
+    makeUniformGrid(grid, {3, 3, 3}, {0, 0, 0}, {1, 1, 1});
+    return grid;
+  };
+  Grid& first = uniform(1);
+  addVertexField(first, "density", density(1, 27));
+  addVertexField(first, "flags", std::vector<int32_t>(27, 7));
 
-  Grid& first = addUniformGrid(bundle, 1, "uniform");
-  Quaril::addVertexField(first, "density", ramp);
-  Quaril::addVertexField(first, "flags", std::vector<int32_t>(27, 7));
-  (*(*bundle)[1])["empty"];
+  Grid& refined = uniform(2);
+  addVertexField(refined, "density", density(2, 27));
+  addRefinementLevels(refined, 2);
+  StrongPtr<Skeleton> level1 = refined.findIsotropicRefinementFactor(2, 0);
+  StrongPtr<Field> fine = Field::create<double>();
+  fine->setCreator(StrongPtr<CreativeArrayBase>(
+      new MemCreator(MemArray<1, double>::create(DynamicSize{level1->getNumberOfElements()}))));
+  refined.makeCartesianRepresentation(level1)->setField("density", fine);
 
-  Grid& refined = addUniformGrid(bundle, 2, "uniform");
-  Quaril::addVertexField(refined, "density", ramp);
-  Quaril::addRefinementLevels(refined, 2);
-  addRefinedField(refined, 2, "density");
+  addVertexField(uniform(4), "velocity", std::vector<tvector>(27, tvector{1, 0, 0}));
+
   for (double t : {2.0, 3.0}) {
-    Grid& curved = addCurvilinearGrid(bundle, t, "curvilinear");
-    Quaril::addVertexField(curved, "temperature", std::vector<float>(4, 20.f));
+    Grid& curved = gridIn(bundle, t, "curvilinear");
+    makeCurvilinearGrid(curved, {2, 2, 1}, {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1.5, 0}});
+    addVertexField(curved, "temperature", std::vector<float>(4, 20.f));
   }
-  Quaril::addCellField(*(*(*bundle)[2])["curvilinear"], "pressure", std::vector<double>(1, 1e5));
+  addCellField(gridIn(bundle, 2, "curvilinear"), "pressure", std::vector<double>(1, 1e5));
 
-  Grid& last = addUniformGrid(bundle, 4, "uniform");
-  Quaril::addVertexField(last, "velocity", std::vector<tvector>(27, tvector{1, 0, 0}));
-  (*(*bundle)[5])["empty"];
+  for (double t : {1.0, 3.0}) {
+    Grid& points = gridIn(bundle, t, "points");
+    makePointCloud(points, {{0, 0, 0}, {1, 1, 1}, {2, 0, 1}});
+    addVertexField(points, "mass", std::vector<double>{t, 2 * t, 3 * t});
+  }
+  for (double t : {1.0, 4.0}) {
+    Grid& surface = gridIn(bundle, t, "surface");
+    makeTriangleSurface(surface, {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}},
+                        {{0, 1, 2}, {1, 3, 2}});
+    addCellField(surface, "area", std::vector<float>(2, 0.5f));
+  }
   return bundle;
 }
 
-}  // namespace QuarilTest
+/// A slice loader that counts its runs and may create the grid `grid`.
+struct RecordingLoader : Slice::Loader {
+  RecordingLoader(int& runs, std::string grid) : runs(runs), grid(std::move(grid)) {}
+  bool load(const WeakPtr<Slice>& slice) override {
+    ++runs;
+    if (!grid.empty() && slice) (*slice.get())[grid];
+    return true;
+  }
+  int& runs;
+  std::string grid;
+};
+
+inline void addRecordingLoader(const SlicePtr& slice, int& runs, const std::string& grid = "") {
+  slice->addLoader(StrongPtr<Slice::Loader>(new RecordingLoader(runs, grid)));
+}
+
+/// A storage binding that counts synchronisations.
+struct CountingStorage : StorageBinding {
+  explicit CountingStorage(int& calls) : calls(calls) {}
+  int32_t synchronize(const Bundle&, const StrongPtr<MemBase, Cacheable>&,
+                      Ostrak::Intercube&) override {
+    return ++calls;
+  }
+  int& calls;
+};
+
+/// A loader of "*.mem" files, registered while it lives: the i-th file gives
+/// the grid named after it at time i, unless a BundleLoaderProgress declines
+/// the slice. Files whose name begins with "broken" fail with an error text.
+class MemoryLoader : public Ostrak::Loader<Bundle> {
+ public:
+  std::string name() const override { return "memory"; }
+  bool load(const StrongPtr<Ostrak::LoaderParameters>& request, ldrpar& target) override {
+    ++runs;
+    seenProgress = request->findInterface<Ostrak::LoaderProgress>();
+    seenTarget = target.target;
+    auto progress = Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(seenProgress);
+    double time = 0.0;
+    for (const std::string& file : request->getFilenames()) {
+      if (file.starts_with("broken")) {
+        request->setErrorText("damaged file " + file);
+        return false;
+      }
+      if (!progress || progress->CreateSlice(time)) (*(*target.target)[time])[file];
+      time += 1.0;
+    }
+    return true;
+  }
+  int runs = 0;
+  StrongPtr<Ostrak::LoaderProgress> seenProgress;
+  StrongPtr<Bundle> seenTarget;
+};
+
+struct LoaderRegistration {
+  LoaderRegistration() { Ostrak::LoaderRegistry<Bundle>::add(loader, {"*.mem"}); }
+  ~LoaderRegistration() { Ostrak::LoaderRegistry<Bundle>::remove(loader); }
+  StrongPtr<MemoryLoader> loader{new MemoryLoader};
+};
+
+/// While it lives, every bundle made gets a saver that keeps the save and bind
+/// requests it is offered and, following the binding contract of
+/// bundle/Binder.hpp, binds its bundle to a CountingStorage (status 1 for an
+/// existing file, 2 for a new one).
+struct SaverRegistration {
+  using Requests = std::vector<StrongPtr<Ostrak::SaveParameters>>;
+  struct Log {
+    Requests saves, binds;
+    int created = 0, synchronizations = 0;
+    bool answer = true;  // what the savers answer to a save
+  };
+  class Saver : public Ostrak::Interface<Saver> {
+   public:
+    Saver(Bundle& bundle, std::shared_ptr<Log> log) : bundle_(&bundle), log_(std::move(log)) {}
+    bool apply_const(const StrongPtr<Ostrak::InterfaceIterationParameter>& request) const override {
+      log_->saves.push_back(Ostrak::dynamic_pointer_cast<Ostrak::SaveParameters>(request));
+      return log_->answer;
+    }
+    bool apply(const StrongPtr<Ostrak::InterfaceIterationParameter>& parameter) override {
+      auto parameters = Binder::Parameters::of(parameter);
+      auto request = Ostrak::dynamic_pointer_cast<Ostrak::SaveParameters>(parameter);
+      if (!parameters || !request || !bundle_) return false;
+      log_->binds.push_back(request);
+      bundle_->setStorage(StrongPtr<StorageBinding>(new CountingStorage(log_->synchronizations)));
+      request->setStatus(parameters->bindsExistingFile() ? 1 : 2);
+      request->setText("bound to " + request->getFilename());
+      return true;
+    }
+
+   private:
+    WeakPtr<Bundle> bundle_;
+    std::shared_ptr<Log> log_;
+  };
+  struct Creator : Ostrak::SaveInterfaceCreator<Bundle> {
+    StrongPtr<Ostrak::InterfaceBase> create(Bundle& bundle) const override {
+      ++log->created;
+      return StrongPtr<Ostrak::InterfaceBase>(new Saver(bundle, log));
+    }
+    std::shared_ptr<Log> log = std::make_shared<Log>();
+  };
+
+  SaverRegistration() { Ostrak::SaveRegistry<Bundle>::add(creator); }
+  ~SaverRegistration() { Ostrak::SaveRegistry<Bundle>::remove(creator); }
+  StrongPtr<Creator> creator{new Creator};
+  std::shared_ptr<Log> log = creator->log;
+};
+
+/// A strong handle whose object is gone: it outlived the stack object it
+/// named. The object core's report of that is swallowed.
+template <class T, class Object, class... Arguments>
+StrongPtr<T> deadHandle(const Arguments&... arguments) {
+  auto previous = Ostrak::setDiagnosticsSink([](Ostrak::Diagnostic, const std::string&) {});
+  StrongPtr<T> handle;
+  {
+    Object object(arguments...);
+    handle = StrongPtr<T>(&object);
+  }
+  Ostrak::setDiagnosticsSink(std::move(previous));
+  return handle;
+}
+
+}  // namespace Quaril::Testing

@@ -6,287 +6,159 @@
 #include <limits>
 
 #include "BundleFixture.hpp"
-#include "ostrak/SaveRegistry.hpp"
 
-namespace QuarilTest {
+namespace Quaril::Testing {
 namespace {
 
-// ---- handle, notifiers, ages, storage -------------------------------------------------
+const double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-TEST(BundlePtr, createNeverMakesASecondBundleForALiveHandle) {
+bool sameTime(double a, double b) {
+  return a == b || (std::isnan(a) && std::isnan(b));
+}
+
+TEST(Bundle, handleCreatesOneBundleAndAttachesSaversOnce) {
+  SaverRegistration savers;
   BundlePtr handle;
-  EXPECT_FALSE(handle);
   Bundle* bundle = handle.create();
-  ASSERT_NE(bundle, nullptr);
-  EXPECT_EQ(handle.create(), bundle);
   BundlePtr copy = handle;
   EXPECT_EQ(copy.create(), bundle);
+  BundlePtr again(handle.get());  // a raw-pointer handle on a bundle that had one
+  EXPECT_EQ(savers.log->created, 1);
+  EXPECT_FALSE(Bundle().findInterface(typeid(SaverRegistration::Saver)));
 }
 
-class CountingCreator : public Ostrak::SaveInterfaceCreator<Bundle> {
- public:
-  struct Saver : Ostrak::Interface<CountingCreator> {};
-  StrongPtr<Ostrak::InterfaceBase> create(Bundle&) const override {
-    ++calls;
-    return StrongPtr<Ostrak::InterfaceBase>(new Saver);
-  }
-  mutable int calls = 0;
-};
-
-TEST(BundlePtr, saverCreatorsAttachOncePerBundle) {
-  StrongPtr<CountingCreator> creator(new CountingCreator);
-  Ostrak::SaveRegistry<Bundle>::add(creator);
-  {
-    BundlePtr handle;
-    handle.create();
-    BundlePtr copy(handle);
-    BundlePtr again(handle.get());  // a raw-pointer handle on a bundle that had one
-    EXPECT_EQ(creator->calls, 1);
-    EXPECT_TRUE(handle->findInterface(typeid(CountingCreator)));
-    Bundle onStack;
-    EXPECT_FALSE(onStack.findInterface(typeid(CountingCreator)));
-  }
-  Ostrak::SaveRegistry<Bundle>::remove(creator);
-}
-
-TEST(Bundle, notifierAddedTwiceIsCalledOnce) {
-  struct Counting : Bundle::Notifier {
-    int calls = 0;
-    void bundleModified(const Bundle&) override { ++calls; }
-  };
-  BundlePtr bundle;
-  bundle.create();
-  StrongPtr<Counting> notifier(new Counting);
-  bundle->addNotifier(notifier);
-  bundle->addNotifier(notifier);
-  bundle->announceModification();
-  EXPECT_EQ(notifier->calls, 1);
-}
-
-TEST(Bundle, ownershipAgeOnlyMovesForward) {
-  Ostrak::Ageable older;
-  Ostrak::Ageable::advanceGlobalTime();
-  BundlePtr bundle;
-  bundle.create();
-  Ostrak::Age age = bundle->getAge();
-  bundle->updateOwnershipAge(older);
-  EXPECT_EQ(bundle->getAge(), age);
-  Ostrak::Ageable younger;
-  younger.touch();
-  EXPECT_EQ(bundle->updateOwnershipAge(younger).getAge(), younger.getAge());
-}
-
-TEST(Bundle, storageIsSynchronisedOnSyncAndOnceAtTheEnd) {
-  int syncs = 0;
-  {
-    BundlePtr bundle;
-    bundle.create();
-    EXPECT_EQ(bundle->sync(), 0);
-    bundle->setStorage(StrongPtr<Quaril::StorageBinding>(new CountingStorage(syncs)));
-    EXPECT_EQ(bundle->sync(), 1);
-  }
-  EXPECT_EQ(syncs, 2);
-}
-
-TEST(Bundle, processOwnershipNeedsAnItemAndABinding) {
-  using MemHandle = StrongPtr<Quaril::MemBase, Quaril::Cacheable>;
-  BundlePtr bundle;
-  bundle.create();
-  Ostrak::Intercube target, source;
-  EXPECT_TRUE(bundle->processOwnership(target, source));
-  source.addInterface(StrongPtr<Ostrak::InterfaceBase>(new Ostrak::SaveItem<MemHandle>()));
-  EXPECT_FALSE(bundle->processOwnership(target, source));
-  int syncs = 0;
-  bundle->setStorage(StrongPtr<Quaril::StorageBinding>(new CountingStorage(syncs)));
-  EXPECT_TRUE(bundle->processOwnership(target, source));
-  EXPECT_EQ(syncs, 1);
-}
-
-TEST(Bundle, endOfLifeLeavesNoSlicesAndReleasesPendingLoadersUnrun) {
-  int runs = 0;
+TEST(Bundle, storageSyncsOnRequestForOwnedItemsAndOnceAtTheEndBeforeTheSlicesGo) {
+  int syncs = 0, runs = 0;
   WeakPtr<Slice> slice;
   StrongPtr<GridID> id;
   {
     BundlePtr bundle = bundleWith({1.0, 2.0}, "g");
-    (*bundle)[3.0]->addLoader(StrongPtr<Slice::Loader>(new RecordingLoader(runs)));
+    EXPECT_EQ(bundle->sync(), 0);
+    Ostrak::Intercube target, source;
+    EXPECT_TRUE(bundle->processOwnership(target, source));  // nothing to take over
+    using Item = Ostrak::SaveItem<StrongPtr<MemBase, Cacheable>>;
+    source.addInterface(StrongPtr<Ostrak::InterfaceBase>(new Item()));
+    EXPECT_FALSE(bundle->processOwnership(target, source));  // no binding
+    bundle->setStorage(StrongPtr<StorageBinding>(new CountingStorage(syncs)));
+    EXPECT_TRUE(bundle->processOwnership(target, source));
+    EXPECT_EQ(bundle->sync(), 2);
+    addRecordingLoader((*bundle)[3.0], runs);
     slice = (*bundle)[1.0];
     id = (*bundle)[1.0]->findGridID("g");
-    bundle->extremeUnction();
-    EXPECT_TRUE(bundle->getSlices().empty());
-    EXPECT_EQ(bundle->minTime(), 0.0);
   }
-  EXPECT_EQ(runs, 0);
-  EXPECT_FALSE(slice.valid());
-  // An identity held elsewhere outlives its bundle; its slices are gone.
-  ASSERT_TRUE(id);
-  double t = 5.0;
-  EXPECT_FALSE(id->prev(t).valid());
-}
+  EXPECT_EQ(syncs, 3);
+  EXPECT_EQ(runs, 0) << "a bound slice loads at its end unless the binding went first";
+  double t = 5.0;  // an identity held elsewhere outlives its bundle, not its slices
+  EXPECT_FALSE(slice.valid() || id->prev(t).valid());
 
-TEST(Bundle, bundleWithoutHandlesTearsDownItsSlicesCleanly) {
-  WeakPtr<Slice> slice;
-  int syncs = 0;
-  int runs = 0;
-  {
+  {  // without a strong handle: no last rites, and still the binding goes first
     Bundle onStack;
-    onStack.setStorage(StrongPtr<Quaril::StorageBinding>(new CountingStorage(syncs)));
-    onStack[2.0]->addLoader(StrongPtr<Slice::Loader>(new RecordingLoader(runs)));
-    SlicePtr held = onStack[1.0];
-    (*held)["g"];
-    slice = held;
-    EXPECT_EQ((*held)("g").get(), (*held)["g"]);
+    onStack.setStorage(StrongPtr<StorageBinding>(new CountingStorage(syncs)));
+    addRecordingLoader(onStack[2.0], runs);
+    slice = onStack[1.0];
   }
+  EXPECT_TRUE(syncs == 3 && runs == 0);
   EXPECT_FALSE(slice.valid());
-  EXPECT_EQ(runs, 0) << "the binding goes before the slices";
-  EXPECT_EQ(syncs, 0) << "no last rites without a strong handle";
 }
 
-// ---- time navigation ---------------------------------------------------------------------
-
-TEST(Bundle, bracketFindsExactTimesOnly) {
-  BundlePtr bundle;
-  bundle.create();
+TEST(Bundle, exactLookUpNeverCreatesAndNaNMatchesNothing) {
+  BundlePtr bundle = bundleWith({1.0}, "g");
   SlicePtr a = (*bundle)[1.0];
-  EXPECT_EQ((*bundle)[1.0], a);
-  SlicePtr b = (*bundle)[std::nextafter(1.0, 2.0)];
-  EXPECT_NE(a, b);
-  EXPECT_FALSE((*bundle)[std::nan("")]);
-  EXPECT_EQ(bundle->getSlices().size(), 2u);
-
-  double between = 1.5;
-  EXPECT_FALSE((*bundle)(between));
-  double nan = std::nan("");
-  EXPECT_FALSE((*bundle)(nan));
+  EXPECT_NE((*bundle)[std::nextafter(1.0, 2.0)], a);
+  EXPECT_FALSE((*bundle)[kNaN]);
+  for (double t : {1.5, kNaN}) EXPECT_FALSE((*bundle)(t) || bundle->getUniqueGrid(t).second);
   EXPECT_EQ(bundle->getSlices().size(), 2u);
   double exact = 1.0;
   EXPECT_EQ((*bundle)(exact), a);
+  EXPECT_EQ(bundle->getUniqueGrid(1.0).second, (*a)("g"));
 }
 
-TEST(Bundle, findPrevReturnsTheExactSliceOnlyAtTheFirstTime) {
+TEST(Bundle, findPrevIsExactOnlyAtTheFirstSliceFindNextIsAlwaysEmptyAndTheRangeIsFixed) {
   BundlePtr bundle = bundleWith({1.0, 2.0, 3.0}, "g");
-  double t = 0.5;
-  EXPECT_FALSE(bundle->findPrev(t));
-  EXPECT_EQ(t, 1.0);
-  t = 1.0;
-  EXPECT_EQ(bundle->findPrev(t), (*bundle)[1.0]);
-  EXPECT_EQ(t, 1.0);
-  t = 3.0;
-  EXPECT_EQ(bundle->findPrev(t), (*bundle)[2.0]);
-  EXPECT_EQ(t, 2.0);
-  t = 9.0;
-  EXPECT_EQ(bundle->findPrev(t), (*bundle)[3.0]);
-  EXPECT_EQ(t, 3.0);
-
+  struct Case {
+    double asked, found, after;  // found NaN: no slice
+  };
+  for (Case c : {Case{0.5, kNaN, 1.0}, {1.0, 1.0, 1.0}, {3.0, 2.0, 2.0}, {9.0, 3.0, 3.0}}) {
+    double t = c.asked;
+    EXPECT_EQ(bundle->findPrev(t), std::isnan(c.found) ? SlicePtr() : (*bundle)[c.found])
+        << c.asked;
+    EXPECT_EQ(t, c.after) << c.asked;
+  }
   double next = 1.0;
   EXPECT_FALSE(bundle->findNext(next));
   EXPECT_EQ(next, 1.0);
+  EXPECT_TRUE(bundle->minTime() == 1.0 && bundle->maxTime() == 3.0);
+  EXPECT_EQ(bundle->getTimeRange("g", true), (std::pair(0.0, 1.0)));
+
+  BundlePtr empty;
+  empty.create();
+  EXPECT_FALSE(empty->findPrev(next) || empty->firstSlice().second);
+  EXPECT_EQ(empty->minTime() + empty->maxTime(), 0.0);
+  EXPECT_EQ(empty->getTimeRange("", false), (std::pair(0.0, 1.0)));
 }
 
-TEST(Bundle, boundsOfEmptyAndFilledBundles) {
-  BundlePtr bundle;
-  bundle.create();
-  EXPECT_EQ(bundle->minTime(), 0.0);
-  EXPECT_EQ(bundle->maxTime(), 0.0);
-  EXPECT_EQ(bundle->firstSlice().first, 0.0);
-  EXPECT_FALSE(bundle->firstSlice().second);
-  double t = 1.0;
-  EXPECT_FALSE(bundle->findPrev(t));
-  EXPECT_EQ(bundle->getTimeRange("g", true), (std::pair<double, double>(0.0, 1.0)));
-
-  (*bundle)[-2.0];
-  (*bundle)[7.0];
-  EXPECT_EQ(bundle->minTime(), -2.0);
-  EXPECT_EQ(bundle->maxTime(), 7.0);
-  EXPECT_EQ(bundle->firstSlice().second, (*bundle)[-2.0]);
-  EXPECT_EQ(bundle->getTimeRange("", false), (std::pair<double, double>(0.0, 1.0)));
-}
-
-TEST(Bundle, uniqueGridAtATime) {
-  BundlePtr bundle = bundleWith({1.0}, "g");
-  EXPECT_EQ(bundle->getUniqueGrid(1.0).second, (*(*bundle)[1.0])("g"));
-  EXPECT_FALSE(bundle->getUniqueGrid(2.0).first);
-  EXPECT_FALSE(bundle->getUniqueGrid(2.0).second);
-}
-
-// ---- grid look-up across time -----------------------------------------------------------------
-
-TEST(Bundle, unloadedSlicesAreSkippedOnlyWhenAsked) {
-  BundlePtr bundle;
-  bundle.create();
-  (*bundle)[1.0];
-  int runs = 0;
-  (*bundle)[2.0]->addLoader(StrongPtr<Slice::Loader>(new RecordingLoader(runs, "late")));
-  EXPECT_FALSE(bundle->findFirst("late", true));
-  EXPECT_EQ(bundle->NumberOfGrids("late", true), 0u);
-  EXPECT_EQ(runs, 0);
-  Quaril::Info<Grid> found = bundle->findFirst("late", false);
-  EXPECT_TRUE(found);
-  EXPECT_EQ(found.time, 2.0);
-  EXPECT_EQ(runs, 1);
-  EXPECT_EQ(bundle->findLast("late", true).time, 2.0);
-}
-
-TEST(Bundle, findNextGivesUpAfterTheFirstSlice) {
+TEST(Bundle, gridSearchesFindNextGivesUpAfterTheFirstSliceFindPrevBeforeTheLast) {
   BundlePtr bundle = bundleWith({2.0, 3.0}, "g");
   (*bundle)[1.0];
-  EXPECT_FALSE(bundle->findNext(0.0, "g")) << "the first slice lacks the grid";
+  for (double t : {0.0, 4.0, kNaN}) EXPECT_FALSE(bundle->findNext(t, "g")) << t;
   EXPECT_EQ(bundle->findNext(2.0, "g").time, 2.0);
   EXPECT_EQ(bundle->findNext(2.5, "g").time, 3.0);
-  EXPECT_FALSE(bundle->findNext(4.0, "g"));
-
   BundlePtr gap = bundleWith({1.0, 3.0}, "g");
   (*gap)[2.0];
   (*gap)[4.0];
   EXPECT_EQ(gap->findNext(1.5, "g").time, 3.0);
   EXPECT_FALSE(gap->findNext(3.5, "g")) << "the walk must end at the end of the map";
+
+  for (double t : {4.0, 5.0, 0.5, kNaN}) EXPECT_FALSE(gap->findPrev(t, "g")) << t;
+  EXPECT_EQ(gap->findPrev(3.0, "g").time, 3.0);
+  EXPECT_EQ(gap->findPrev(2.5, "g").time, 1.0);
+  EXPECT_EQ(gap->findPrev(1.5, (*gap)[1.0]->findGridID("g")).time, 1.0);
+  EXPECT_FALSE(gap->findPrev(1.5, StrongPtr<GridID>()));
+
+  BundlePtr empty;
+  empty.create();
+  EXPECT_FALSE(empty->findFirst("g", false) || empty->findLast("g", false) ||
+               empty->findNext(0.0, "g") || empty->findPrev(0.0, "g"));
 }
 
-TEST(Bundle, findPrevIsEmptyAtOrBeyondTheLastTime) {
-  BundlePtr bundle = bundleWith({1.0, 2.0, 3.0}, "g");
-  EXPECT_FALSE(bundle->findPrev(3.0, "g"));
-  EXPECT_FALSE(bundle->findPrev(5.0, "g"));
-  EXPECT_FALSE(bundle->findPrev(0.5, "g"));
-  EXPECT_EQ(bundle->findPrev(2.0, "g").time, 2.0);
-  EXPECT_EQ(bundle->findPrev(2.5, "g").time, 2.0);
-  StrongPtr<GridID> id = (*bundle)[1.0]->findGridID("g");
-  EXPECT_EQ(bundle->findPrev(1.5, id).time, 1.0);
-  EXPECT_FALSE(bundle->findPrev(1.5, StrongPtr<GridID>()));
+TEST(Bundle, unloadedSlicesAreSkippedOnlyWhenAsked) {
+  BundlePtr bundle = bundleWith({1.0, 3.0}, "g");
+  int runs = 0;
+  addRecordingLoader((*bundle)[2.0], runs, "late");
+  addRecordingLoader((*bundle)[2.5], runs, "g");
+  auto any = [](double, GridID&, Grid&) { return true; };
+  EXPECT_FALSE(bundle->findFirst("late", true));
+  EXPECT_EQ(bundle->NumberOfGrids("late", true), 0u);
+  EXPECT_EQ(bundle->iterate("g", any, true), 2u);
+  EXPECT_EQ(runs, 0);
+  EXPECT_EQ(bundle->findFirst("late", false).time, 2.0);
+  EXPECT_EQ(runs, 1);
+  EXPECT_EQ(bundle->findLast("late", true).time, 2.0);
+  EXPECT_EQ(bundle->iterate("g", any, false), 3u);
+  EXPECT_EQ(runs, 2);
 }
 
 TEST(Bundle, mostRecentGridFollowsTheIdentityAndKeepsTheTimeWhenNothingIsFound) {
   BundlePtr bundle = bundleWith({1.0, 4.0}, "g");
   (*bundle)[2.0];
-  Quaril::Info<Grid> found = bundle->findMostRecentGrid(3.0, "g");
+  Info<Grid> found = bundle->findMostRecentGrid(3.0, "g");
   EXPECT_EQ(found.time, 1.0);
   EXPECT_EQ(found.grid, (*(*bundle)[1.0])("g"));
   EXPECT_EQ(found.slice, (*bundle)[1.0]);
-
-  Quaril::Info<Grid> before = bundle->findPreviousGrid(0.5, "g");
-  EXPECT_FALSE(before);
+  Info<Grid> before = bundle->findPreviousGrid(0.5, "g");
+  EXPECT_FALSE(before || before.slice);
   EXPECT_EQ(before.time, 0.5);
-  EXPECT_FALSE(before.slice);
   EXPECT_FALSE(bundle->findMostRecentGrid(3.0, "unknown"));
-
   // An identity of another bundle is mapped to this bundle's own.
-  BundlePtr other = bundleWith({0.0}, "g");
-  StrongPtr<GridID> foreign = (*other)[0.0]->findGridID("g");
+  StrongPtr<GridID> foreign = (*bundleWith({0.0}, "g"))[0.0]->findGridID("g");
   EXPECT_EQ(bundle->findMostRecentGrid(5.0, foreign).time, 4.0);
   EXPECT_FALSE(bundle->findMostRecentGrid(5.0, StrongPtr<GridID>()));
 }
 
-TEST(Bundle, countsIncludeBothEndsInEitherOrder) {
-  BundlePtr bundle = bundleWith({1.0, 2.0, 5.0, 6.0}, "g");
-  (*bundle)[3.0];
-  EXPECT_EQ(bundle->NumberOfGrids("g", false), 4u);
-  EXPECT_EQ(bundle->NumberOfGrids(1.0, 5.0, "g", false), 3u);
-  EXPECT_EQ(bundle->NumberOfGrids(5.0, 1.0, "g", false), 3u);
-  EXPECT_EQ(bundle->getNrSlicesOfGridInTimeRange(5.0, 1.0, "g", false), 3u);
-  EXPECT_EQ(bundle->NumberOfGrids(std::nan(""), 1.0, "g", false), 0u);
-}
-
-TEST(Bundle, rangedCountStopsAtItsEndEvenWhenLoadersAddSlices) {
-  BundlePtr bundle = bundleWith({1.0, 2.0, 3.0, 4.0, 6.0}, "g");
-  struct AddsSlice : Slice::Loader {
+TEST(Bundle, rangedCountsIncludeBothEndsInEitherOrderAndStopAtTheEnd) {
+  BundlePtr bundle = bundleWith({1.0, 2.0, 3.0, 4.0, 5.0, 6.0}, "g");
+  (*bundle)[2.5];
+  struct AddsSlice : Slice::Loader {  // adds a slice inside the range while it is counted
     explicit AddsSlice(Bundle& bundle) : bundle(bundle) {}
     bool load(const WeakPtr<Slice>&) override {
       (*bundle[4.5])["g"];
@@ -296,38 +168,13 @@ TEST(Bundle, rangedCountStopsAtItsEndEvenWhenLoadersAddSlices) {
   };
   (*bundle)[3.0]->addLoader(StrongPtr<Slice::Loader>(new AddsSlice(*bundle)));
   EXPECT_EQ(bundle->NumberOfGrids(1.0, 4.0, "g", false), 4u);
-  EXPECT_EQ(bundle->NumberOfGrids(4.0, 5.0, "g", false), 2u);
+  EXPECT_EQ(bundle->NumberOfGrids(5.0, 4.0, "g", false), 3u);
+  EXPECT_EQ(bundle->getNrSlicesOfGridInTimeRange(5.0, 1.0, "g", false), 6u);
+  EXPECT_EQ(bundle->NumberOfGrids("g", false), 7u);
+  EXPECT_EQ(bundle->NumberOfGrids(kNaN, 1.0, "g", false), 0u);
 }
 
-TEST(Bundle, emptyBundleFindsNothing) {
-  BundlePtr bundle;
-  bundle.create();
-  EXPECT_FALSE(bundle->findFirst("g", false));
-  EXPECT_FALSE(bundle->findLast("g", false));
-  EXPECT_FALSE(bundle->findNext(0.0, "g"));
-  EXPECT_FALSE(bundle->findPrev(0.0, "g"));
-  EXPECT_FALSE(bundle->findMostRecentGrid(0.0, "g"));
-  EXPECT_EQ(bundle->NumberOfGrids("g", false), 0u);
-  EXPECT_EQ(bundle->NumberOfGrids(0.0, 1.0, "g", false), 0u);
-}
-
-TEST(Bundle, sliceDyingDuringAWalkIsSkipped) {
-  BundlePtr bundle = bundleWith({1.0, 2.0, 3.0}, "g");
-  // The walk holds each slice it visits; erasing a later one through the
-  // handle table makes the walk pass it over.
-  unsigned visits = bundle->iterate(
-      "g",
-      [&](double t, GridID&, Grid&) {
-        if (t == 1.0) const_cast<Bundle::SliceTable&>(bundle->getSlices()).at(2.0).reset();
-        return true;
-      },
-      false);
-  EXPECT_EQ(visits, 2u);
-}
-
-// ---- evolution --------------------------------------------------------------------------------
-
-struct Recorder : Quaril::EvolutionIterator<Grid> {
+struct Recorder : EvolutionIterator<Grid> {
   std::vector<double> times;
   size_t stopAfter = 1000;
   bool apply(double time, GridID&, Grid&) override {
@@ -336,198 +183,102 @@ struct Recorder : Quaril::EvolutionIterator<Grid> {
   }
 };
 
-TEST(Bundle, iterateCountsTheCallThatStops) {
-  BundlePtr bundle = bundleWith({1.0, 2.0}, "g");
-  Recorder once;
-  once.stopAfter = 1;
-  EXPECT_EQ(bundle->iterate("g", once, false), 1u);
-  Recorder none;
-  EXPECT_EQ(bundle->iterate("missing", none, false), 0u);
-  EXPECT_TRUE(none.times.empty());
+TEST(Bundle, walksCountTheCallThatStopsAndStartWhereTheyShould) {
+  BundlePtr bundle = bundleWith({1.0, 2.0, 3.0}, "g");
+  struct Case {
+    int direction;  // 0: all, 1: forward, -1: backward
+    double from;
+    size_t stopAfter;
+    std::vector<double> visited;
+    double after;
+  };
+  const std::vector<Case> cases = {
+      {0, kNaN, 1, {1.0}, kNaN},    {0, kNaN, 9, {1.0, 2.0, 3.0}, kNaN},
+      {1, 2.0, 9, {2.0, 3.0}, 3.0}, {1, 3.5, 9, {}, 3.5},
+      {1, kNaN, 9, {}, kNaN},       {-1, 2.5, 9, {2.0, 1.0}, 1.0},
+      {-1, 3.0, 9, {}, 3.0},        {-1, 0.5, 9, {}, 0.5},
+  };
+  for (const Case& c : cases) {
+    Recorder recorder;
+    recorder.stopAfter = c.stopAfter;
+    double t = c.from;
+    unsigned visits = c.direction == 0  ? bundle->iterate("g", recorder, false)
+                      : c.direction > 0 ? bundle->iterateForward(t, "g", recorder, false)
+                                        : bundle->iterateBackward(t, "g", recorder, false);
+    EXPECT_EQ(visits, c.visited.size()) << c.direction << " from " << c.from;
+    EXPECT_EQ(recorder.times, c.visited) << c.direction << " from " << c.from;
+    EXPECT_TRUE(sameTime(t, c.after)) << c.direction << " from " << c.from;
+  }
   StrongPtr<GridID> id = (*bundle)[1.0]->findGridID("g");
   EXPECT_EQ(bundle->iterate(
                 id, [](double, const GridID&, Grid&) { return true; }, false),
-            2u);
-}
-
-TEST(Bundle, iterateForwardStartsAtTheExactTimeAndReportsTheLastVisit) {
-  BundlePtr bundle = bundleWith({1.0, 2.0, 3.0}, "g");
-  Recorder all;
-  double t = 2.0;
-  EXPECT_EQ(bundle->iterateForward(t, "g", all, false), 2u);
-  EXPECT_EQ(all.times, (std::vector<double>{2.0, 3.0}));
-  EXPECT_EQ(t, 3.0);
-  Recorder late;
-  t = 3.5;
-  EXPECT_EQ(bundle->iterateForward(t, "g", late, false), 0u);
-}
-
-TEST(Bundle, iterateBackwardNeedsASliceAfterTheTime) {
-  BundlePtr bundle = bundleWith({1.0, 2.0, 3.0}, "g");
-  Recorder atEnd;
-  double t = 3.0;
-  EXPECT_EQ(bundle->iterateBackward(t, "g", atEnd, false), 0u);
-  EXPECT_EQ(t, 3.0);
-  Recorder between;
-  t = 2.5;
-  EXPECT_EQ(bundle->iterateBackward(t, "g", between, false), 2u);
-  EXPECT_EQ(between.times, (std::vector<double>{2.0, 1.0}));
-  EXPECT_EQ(t, 1.0);
-  Recorder before;
-  t = 0.5;
-  EXPECT_EQ(bundle->iterateBackward(t, "g", before, false), 0u);
-}
-
-TEST(Bundle, unloadedSlicesAreNeitherVisitedNorCounted) {
-  BundlePtr bundle = bundleWith({1.0, 3.0}, "g");
-  int runs = 0;
-  (*bundle)[2.0]->addLoader(StrongPtr<Slice::Loader>(new RecordingLoader(runs, "g")));
-  Recorder skipping;
-  EXPECT_EQ(bundle->iterate("g", skipping, true), 2u);
-  EXPECT_EQ(runs, 0);
-  Recorder loading;
-  EXPECT_EQ(bundle->iterate("g", loading, false), 3u);
-  EXPECT_EQ(runs, 1);
-}
-
-TEST(Bundle, sliceWalkLoadsTheFirstSliceAndSetsTheTimeParameter) {
-  struct Times : Quaril::EvolutionIterator<Slice> {
-    std::vector<double> times;
-    size_t sizes = 0;
-    bool apply(Quaril::ParameterSet& parameters, Slice&) override {
-      sizes = parameters.size();
-      times.push_back(*parameters.find("time")->getDouble());
-      return true;
-    }
+            3u);
+  // The walk holds each slice it visits; one dropped from the table later is passed over.
+  auto dropLater = [&](double t, GridID&, Grid&) {
+    if (t == 1.0) const_cast<Bundle::SliceTable&>(bundle->getSlices()).at(2.0).reset();
+    return true;
   };
-  BundlePtr bundle;
-  bundle.create();
-  int runs = 0;
-  (*bundle)[1.0]->addLoader(StrongPtr<Slice::Loader>(new RecordingLoader(runs)));
-  (*bundle)[2.0]->addLoader(StrongPtr<Slice::Loader>(new RecordingLoader(runs)));
-  Quaril::ParameterList parameters;
-  parameters.push_back(StrongPtr<Quaril::Parameter>(new Quaril::Parameter("step", int64_t{3})));
-  Times times;
-  EXPECT_EQ(bundle->iterate(parameters, times), 2u);
-  EXPECT_EQ(runs, 1) << "only the first slice is loaded";
-  EXPECT_EQ(times.times, (std::vector<double>{1.0, 2.0}));
-  EXPECT_EQ(times.sizes, 2u);
+  EXPECT_EQ(bundle->iterate("g", dropLater, false), 2u);
 }
-
-// ---- refinement levels
-// ----------------------------------------------------------------------------
 
 // A grid "g" at each time whose vertex skeletons carry the given factors.
 BundlePtr refinedBundle(const std::vector<double>& times, const std::vector<int>& factors) {
   BundlePtr bundle;
   bundle.create();
-  for (double t : times) {
-    Grid* grid = (*(*bundle)[t])["g"];
-    for (size_t i = 0; i < factors.size(); ++i) {
-      grid->makeSkeleton(Quaril::SkeletonID(0, static_cast<int>(i)), 8, factors[i]);
-    }
-  }
+  for (double t : times)
+    for (size_t i = 0; i < factors.size(); ++i)
+      gridIn(bundle, t, "g").makeSkeleton(SkeletonID(0, static_cast<int>(i)), 8, factors[i]);
   return bundle;
 }
 
-TEST(Bundle, refinementLevelsAskForPowersOfTwoModulo32) {
+TEST(Bundle, refinementLevelsAskForPowersOfTwoModulo32AndLaterFindsGoToTheIterator) {
   BundlePtr bundle = refinedBundle({1.0, 2.0}, {1, 16});
-  double t = 5.0;
-  Quaril::Info<Grid> level0 = bundle->findPreviousRefinementLevel(t, "g", 0, nullptr, 0);
-  ASSERT_TRUE(level0.skeleton);
-  EXPECT_EQ(level0.skeleton->getIsotropicRefinementFactor(), 1);
-  EXPECT_EQ(t, 2.0);
-  t = 5.0;
-  EXPECT_EQ(bundle->findPreviousRefinementLevel(t, "g", 4, nullptr, 0)
-                .skeleton->getIsotropicRefinementFactor(),
-            16);
-  t = 5.0;
-  EXPECT_EQ(bundle->findPreviousRefinementLevel(t, "g", 32, nullptr, 0)
-                .skeleton->getIsotropicRefinementFactor(),
-            1);
-  t = 5.0;
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(bundle->findPreviousRefinementLevel(t, "g", 2, nullptr, 0).grid);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "two slices print nothing";
-}
+  for (auto [level, factor] : {std::pair{0, 1}, {4, 16}, {32, 1}, {36, 16}}) {
+    double t = 5.0;
+    Info<Grid> found = bundle->findPreviousRefinementLevel(t, "g", level, nullptr, 0);
+    ASSERT_TRUE(found.skeleton) << level;
+    EXPECT_EQ(found.skeleton->getIsotropicRefinementFactor(), factor) << level;
+    EXPECT_EQ(t, 2.0);
+  }
+  double t = 0.5;  // before the first slice: its time is reported, `t` is kept
+  Info<Grid> early = bundle->findPreviousRefinementLevel(t, "g", 0, nullptr, 0);
+  EXPECT_FALSE(early.grid);
+  EXPECT_TRUE(early.time == 1.0 && t == 0.5);
 
-TEST(Bundle, singleSliceWithoutTheLevelPrintsOnce) {
-  BundlePtr bundle = refinedBundle({1.0}, {1});
-  double t = 1.0;
-  testing::internal::CaptureStdout();
-  Quaril::Info<Grid> missing = bundle->findPreviousRefinementLevel(t, "g", 3, nullptr, 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "No level 3 found\n");
-  EXPECT_FALSE(missing.grid);
-  EXPECT_EQ(missing.time, 0.0);
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(bundle->findPreviousRefinementLevel(t, "other", 3, nullptr, 0).grid);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "a missing grid prints nothing";
-}
-
-TEST(Bundle, previousLevelBeforeTheFirstSliceReportsItsTime) {
-  BundlePtr bundle = refinedBundle({1.0, 2.0}, {1});
-  double t = 0.5;
-  Quaril::Info<Grid> result = bundle->findPreviousRefinementLevel(t, "g", 0, nullptr, 0);
-  EXPECT_EQ(result.time, 1.0);
-  EXPECT_FALSE(result.grid);
-  EXPECT_EQ(t, 0.5);
-}
-
-TEST(Bundle, nextLevelFromTheLastSliceIsEmpty) {
-  BundlePtr bundle = refinedBundle({1.0, 2.0}, {1, 2});
-  auto position = std::prev(bundle->getSlices().end());
-  EXPECT_FALSE(bundle->findNextRefinementLevel(position, "g", 1, 0).grid);
-  EXPECT_EQ(position, bundle->getSlices().end());
-  position = bundle->getSlices().begin();
-  Quaril::Info<Grid> next = bundle->findNextRefinementLevel(position, "g", 1, 0);
-  EXPECT_EQ(next.time, 2.0);
-  EXPECT_EQ(position->first, 2.0);
-}
-
-TEST(Bundle, previousLevelHandsLaterFindsToTheIterator) {
-  struct Collect : Quaril::EvolutionIterator<Quaril::Skeleton> {
+  struct Collect : EvolutionIterator<Skeleton> {
     std::vector<double> times;
-    bool apply(double time, Grid&, Quaril::Skeleton&) override {
+    bool apply(double time, Grid&, Skeleton&) override {
       times.push_back(time);
       return true;
     }
-  };
-  BundlePtr bundle = refinedBundle({1.0, 2.0, 3.0}, {1, 2});
-  double t = 1.5;
-  Collect collect;
-  Quaril::Info<Grid> result = bundle->findPreviousRefinementLevel(t, "g", 1, &collect, 0);
-  EXPECT_EQ(result.time, 1.0);
+  } collect;
+  (*(*bundle)[3.0])["g"]->makeSkeleton(SkeletonID(0, 0), 8, 16);
+  t = 1.5;
+  EXPECT_EQ(bundle->findPreviousRefinementLevel(t, "g", 4, &collect, 0).time, 1.0);
   EXPECT_EQ(collect.times, (std::vector<double>{1.0, 2.0, 3.0}));
+  auto last = std::prev(bundle->getSlices().end());
+  EXPECT_FALSE(bundle->findNextRefinementLevel(last, "g", 4, 0).grid);
+  EXPECT_EQ(last, bundle->getSlices().end());
 }
 
-}  // namespace
-}  // namespace QuarilTest
-
-// ---- XML description -------------------------------------------------------------------------
-
-namespace QuarilTest {
-namespace {
-
-TEST(BundleXml, emptyBundlesAndSlicesWriteNothing) {
-  BundlePtr bundle;
-  bundle.create();
-  EXPECT_EQ(bundle->xml(), "");
-  SlicePtr slice = (*bundle)[1.0];
-  EXPECT_EQ(slice->xml(), "");
-  slice->makeGridID("no grid yet");
-  EXPECT_EQ(slice->xml(), "") << "an identity without a grid leaves no trace";
-  EXPECT_EQ(bundle->xml(), " <SLICE>\n  <TIME>1</TIME>\n </SLICE>\n");
+TEST(Bundle, singleSliceWithoutTheLevelPrintsNoLevelFound) {
+  struct Case {
+    std::vector<double> times;
+    const char* grid;
+    std::string printed;
+  };
+  for (const Case& c :
+       {Case{{1.0}, "g", "No level 3 found\n"}, {{1.0}, "other", ""}, {{1.0, 2.0}, "g", ""}}) {
+    BundlePtr bundle = refinedBundle(c.times, {1});
+    double t = 1.0;
+    testing::internal::CaptureStdout();
+    Info<Grid> missing = bundle->findPreviousRefinementLevel(t, c.grid, 3, nullptr, 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed) << c.times.size() << c.grid;
+    EXPECT_FALSE(missing.grid || missing.time);
+  }
 }
 
-TEST(BundleXml, linesCarryExactBlanksAndUnescapedNames) {
-  BundlePtr bundle;
-  bundle.create();
-  Grid* grid = (*(*bundle)[1.5])["a<b&c"];
-  EXPECT_EQ(bundle->xml(), " <SLICE>\n  <TIME>1.5</TIME>\n   <GRID>\n    <ID>a<b&c</ID>\n" +
-                               grid->xml() + "   </GRID>\n </SLICE>\n");
-}
-
-TEST(BundleXml, timesAreFormattedAsPercentLg) {
+TEST(BundleXml, timesAsPercentLgNamesUnescapedAndDeadSlicesLeftOutWithoutLoading) {
   const std::vector<std::pair<double, std::string>> cases = {
       {0.00001, "1e-05"}, {100000, "100000"},       {1000000, "1e+06"}, {-2.5, "-2.5"},
       {0, "0"},           {1234567, "1.23457e+06"}, {0.5, "0.5"}};
@@ -537,27 +288,19 @@ TEST(BundleXml, timesAreFormattedAsPercentLg) {
     (*bundle)[time];
     EXPECT_EQ(bundle->xml(), " <SLICE>\n  <TIME>" + text + "</TIME>\n </SLICE>\n") << text;
   }
-}
-
-TEST(BundleXml, deadSlicesAreLeftOutWhileNeighboursStay) {
   BundlePtr bundle;
   bundle.create();
-  (*bundle)[1.0];
-  (*bundle)[2.0];
-  (*bundle)[3.0];
+  EXPECT_EQ(bundle->xml(), "");
+  for (double t : {1.0, 2.0, 3.0}) (*bundle)[t]->makeGridID("no grid yet");
   const_cast<Bundle::SliceTable&>(bundle->getSlices()).at(2.0).reset();
-  EXPECT_EQ(bundle->xml(),
-            " <SLICE>\n  <TIME>1</TIME>\n </SLICE>\n <SLICE>\n  <TIME>3</TIME>\n </SLICE>\n");
-}
-
-TEST(BundleXml, describingLoadsNothing) {
-  BundlePtr bundle;
-  bundle.create();
   int runs = 0;
-  (*bundle)[1.0]->addLoader(StrongPtr<Slice::Loader>(new RecordingLoader(runs, "g")));
-  bundle->xml();
+  addRecordingLoader((*bundle)[1.0], runs, "g");
+  Grid* grid = (*(*bundle)[3.0])["a<b&c"];
+  EXPECT_EQ(bundle->xml(), " <SLICE>\n  <TIME>1</TIME>\n </SLICE>\n <SLICE>\n  <TIME>3</TIME>\n" +
+                               ("   <GRID>\n    <ID>a<b&c</ID>\n" + grid->xml()) +
+                               "   </GRID>\n </SLICE>\n");
   EXPECT_EQ(runs, 0);
 }
 
 }  // namespace
-}  // namespace QuarilTest
+}  // namespace Quaril::Testing

@@ -1,5 +1,5 @@
 #pragma once
-// Shared helpers of the grid tests: the owner chain walk and grid creation.
+// Shared helpers of the grid tests: grid creation and the owner chain walk.
 
 #include "grid/Grid.hpp"
 
@@ -12,35 +12,35 @@ inline StrongPtr<Grid> newGrid() {
   return StrongPtr<Grid>(new Grid(nullptr, StrongPtr<GlobalCharts>(new GlobalCharts)));
 }
 
-/// The grid reached from `creator` through the first live owner of every
-/// link (creator -> field -> representation -> skeleton -> grid); null when a
-/// link is missing or of the wrong kind.
-inline StrongPtr<Grid> climbToGrid(const CreativeArrayBase& creator) {
-  auto field = Ostrak::dynamic_pointer_cast<Field>(creator.firstLiveOwner().lock());
-  if (!field) return {};
-  auto representation =
-      Ostrak::dynamic_pointer_cast<Representation>(field->firstLiveOwner().lock());
-  if (!representation) return {};
-  auto skeleton = Ostrak::dynamic_pointer_cast<Skeleton>(representation->firstLiveOwner().lock());
-  if (!skeleton) return {};
-  return Ostrak::dynamic_pointer_cast<Grid>(skeleton->firstLiveOwner().lock());
+/// The first live owner of `object` as a `Owner`; null when there is none or
+/// it is of another kind.
+template <class Owner, class Object>
+StrongPtr<Owner> ownerOf(const Object* object) {
+  return object ? Ostrak::dynamic_pointer_cast<Owner>(object->firstLiveOwner().lock())
+                : StrongPtr<Owner>();
 }
 
-/// Whether every creator of every field of `grid` climbs back to `grid`.
+/// The grid reached from `creator` through the first live owner of every
+/// link: creator -> field -> representation -> skeleton -> grid.
+inline StrongPtr<Grid> climbToGrid(const CreativeArrayBase& creator) {
+  auto field = ownerOf<Field>(&creator);
+  auto skeleton = ownerOf<Skeleton>(ownerOf<Representation>(field.get()).get());
+  return ownerOf<Grid>(skeleton.get());
+}
+
+/// Whether `grid` has creators and every one climbs back to `grid`.
 inline bool ownerChainsComplete(const StrongPtr<Grid>& grid) {
-  bool complete = true;
-  int creators = 0;
   struct Walker : FragmentIterator {
     const StrongPtr<Grid>& grid;
-    bool& complete;
-    int& creators;
-    Walker(const StrongPtr<Grid>& g, bool& c, int& n) : grid(g), complete(c), creators(n) {}
+    bool complete = true;
+    int creators = 0;
+    explicit Walker(const StrongPtr<Grid>& g) : grid(g) {}
     bool apply(const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) override {
       ++creators;
-      if (!creator || climbToGrid(*creator) != grid) complete = false;
+      complete = complete && creator && climbToGrid(*creator) == grid;
       return true;
     }
-  } walker(grid, complete, creators);
+  } walker(grid);
   grid->iterate([&](const SkeletonID&, const StrongPtr<Skeleton>& skeleton) {
     skeleton->iterate([&](const WeakPtr<BaseSpace>&, const StrongPtr<Representation>& rep) {
       rep->iterate([&](const StrongPtr<FieldID>&, const StrongPtr<Field>& field) {
@@ -51,7 +51,7 @@ inline bool ownerChainsComplete(const StrongPtr<Grid>& grid) {
     });
     return true;
   });
-  return complete && creators > 0;
+  return walker.complete && walker.creators > 0;
 }
 
 }  // namespace GridTest

@@ -1,5 +1,5 @@
 #pragma once
-// Collects the object core's diagnostics while a test runs and restores the
+// Collects the object core's diagnostics while it lives, then restores the
 // sink that was installed before.
 
 #include <cstddef>
@@ -17,17 +17,13 @@ class RecordingSink {
     Ostrak::Diagnostic kind;
     std::string text;
   };
-
-  RecordingSink() {
-    previous_ =
-        Ostrak::setDiagnosticsSink([this](Ostrak::Diagnostic kind, const std::string& text) {
-          std::lock_guard lock(mutex_);
-          reports_.push_back({kind, text});
-        });
-  }
+  RecordingSink()
+      : previous_(
+            Ostrak::setDiagnosticsSink([this](Ostrak::Diagnostic kind, const std::string& text) {
+              std::lock_guard lock(mutex_);
+              reports_.push_back({kind, text});
+            })) {}
   ~RecordingSink() { Ostrak::setDiagnosticsSink(std::move(previous_)); }
-  RecordingSink(const RecordingSink&) = delete;
-  RecordingSink& operator=(const RecordingSink&) = delete;
 
   std::vector<Report> reports() const {
     std::lock_guard lock(mutex_);

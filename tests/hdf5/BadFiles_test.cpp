@@ -1,0 +1,322 @@
+// Bad files: each gives a clear error naming the file and the problem, never
+// a crash, a leak or HDF5's error stack on the terminal.
+
+#include <hdf5.h>
+
+#include <cmath>
+#include <filesystem>
+#include <functional>
+
+#include "ostrak/Diagnostics.hpp"
+#include "tests/hdf5/FileFixture.hpp"
+
+namespace Quaril::Testing {
+namespace {
+
+using Mutation = std::function<void(hid_t file)>;
+
+void removeLink(hid_t file, const char* name) {
+  H5Ldelete(file, name, H5P_DEFAULT);
+}
+
+/// Replaces the dataset `name` by one of `type` and `dims` holding `data`
+/// (nothing written when null, so the extents claim storage that is not there).
+void replaceDataset(hid_t file, const char* name, hid_t type, std::vector<hsize_t> dims,
+                    const void* data) {
+  H5Ldelete(file, name, H5P_DEFAULT);
+  hid_t space = H5Screate_simple(static_cast<int>(dims.size()), dims.data(), nullptr);
+  hid_t create = H5Pcreate(H5P_DATASET_CREATE);
+  if (!data) {
+    std::vector<hsize_t> chunk(dims.size(), 1);
+    H5Pset_chunk(create, static_cast<int>(chunk.size()), chunk.data());
+  }
+  hid_t dataset = H5Dcreate2(file, name, type, space, H5P_DEFAULT, create, H5P_DEFAULT);
+  if (data) H5Dwrite(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, data);
+  H5Dclose(dataset);
+  H5Pclose(create);
+  H5Sclose(space);
+}
+
+template <class T>
+void replaceValues(hid_t file, const char* name, hid_t type, const std::vector<T>& values,
+                   size_t columns = 0) {
+  std::vector<hsize_t> dims{columns ? values.size() / columns : values.size()};
+  if (columns) dims.push_back(columns);
+  replaceDataset(file, name, type, dims, values.data());
+}
+
+void replaceAttribute(hid_t object, const char* path, const char* name, hid_t type,
+                      std::vector<hsize_t> dims, const void* data) {
+  H5Adelete_by_name(object, path, name, H5P_DEFAULT);
+  hid_t space = dims.empty()
+                    ? H5Screate(H5S_SCALAR)
+                    : H5Screate_simple(static_cast<int>(dims.size()), dims.data(), nullptr);
+  hid_t attribute =
+      H5Acreate_by_name(object, path, name, type, space, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT);
+  H5Awrite(attribute, type, data);
+  H5Aclose(attribute);
+  H5Sclose(space);
+}
+
+void replaceText(hid_t object, const char* path, const char* name, const char* text) {
+  hid_t type = H5Tcopy(H5T_C_S1);
+  H5Tset_size(type, H5T_VARIABLE);
+  replaceAttribute(object, path, name, type, {}, &text);
+  H5Tclose(type);
+}
+
+/// Replaces the first `from` in the structure of the grid group `grid` by `to`.
+void editStructure(hid_t file, const char* grid, const std::string& from, const std::string& to) {
+  hid_t attribute = H5Aopen_by_name(file, grid, "structure", H5P_DEFAULT, H5P_DEFAULT);
+  hid_t type = H5Aget_type(attribute);
+  char* text = nullptr;
+  H5Aread(attribute, type, &text);
+  std::string structure(text);
+  H5free_memory(text);
+  H5Tclose(type);
+  H5Aclose(attribute);
+  structure.replace(structure.find(from), from.size(), to);
+  replaceText(file, grid, "structure", structure.c_str());
+}
+
+struct BadFile {
+  std::string name;
+  Mutation mutate;
+  std::string expected;  ///< a part of the error text
+  bool foundOnOpening;   ///< the load fails; otherwise the check does
+};
+
+// The good file the grid cases start from: at time 0 "box" (uniform 2x2x2),
+// "cloud" (3 points) and "surface" (2 triangles), entries 0, 1 and 2.
+const char* CloudPositions = "grids/1/0";
+
+std::vector<BadFile> corpus() {
+  const double nan = std::nan("");
+  return {
+      {"foreign", [](hid_t file) { H5Adelete(file, "format"); }, "not a bundle file", true},
+      {"format", [](hid_t file) { replaceText(file, ".", "format", "tables"); },
+       "not a bundle file", true},
+      {"newer",
+       [](hid_t file) {
+         int32_t version[2] = {2, 0};
+         replaceAttribute(file, ".", "version", H5T_NATIVE_INT32, {2}, version);
+       },
+       "newer than this reader", true},
+      {"version", [](hid_t file) { replaceText(file, ".", "version", "1.0"); }, "not a number",
+       true},
+      {"no-index", [](hid_t file) { removeLink(file, "index"); }, "\"index\" is missing", true},
+      {"no-times", [](hid_t file) { removeLink(file, "index/times"); }, "\"times\" is missing",
+       true},
+      {"no-grids", [](hid_t file) { removeLink(file, "grids"); }, "\"grids\" is missing", true},
+      {"integer-times",
+       [](hid_t file) { replaceValues<int32_t>(file, "index/times", H5T_NATIVE_INT32, {0}); },
+       "expected floating-point", true},
+      {"text-times",
+       [](hid_t file) {
+         hid_t type = H5Tcopy(H5T_C_S1);
+         H5Tset_size(type, 4);
+         replaceDataset(file, "index/times", type, {1}, "zero");
+         H5Tclose(type);
+       },
+       "expected floating-point", true},
+      {"times-matrix",
+       [](hid_t file) {
+         replaceValues<double>(file, "index/times", H5T_NATIVE_DOUBLE, {0, 1}, 2);
+       },
+       "rank 2", true},
+      {"nan-time",
+       [nan](hid_t file) { replaceValues<double>(file, "index/times", H5T_NATIVE_DOUBLE, {nan}); },
+       "NaN", true},
+      {"endless-times",
+       [](hid_t file) {
+         replaceDataset(file, "index/times", H5T_NATIVE_DOUBLE, {hsize_t{1} << 40}, nullptr);
+       },
+       "claims more values than it stores", true},
+      {"two-slices",
+       [](hid_t file) {
+         replaceValues<double>(file, "index/times", H5T_NATIVE_DOUBLE, {1, 1});
+       },
+       "appears twice", true},
+      {"descending",
+       [](hid_t file) {
+         replaceValues<double>(file, "index/times", H5T_NATIVE_DOUBLE, {2, 1});
+       },
+       "ascending", true},
+      {"name-ends",
+       [](hid_t file) {
+         replaceValues<uint64_t>(file, "index/grid_name_ends", H5T_NATIVE_UINT64, {3, 999, 1000});
+       },
+       "out of order", true},
+      {"same-names",
+       [](hid_t file) {
+         replaceValues<uint64_t>(file, "index/grid_name_ends", H5T_NATIVE_UINT64, {0, 0, 0});
+       },
+       "appears twice", true},
+      {"parent-cycle",
+       [](hid_t file) {
+         replaceValues<int64_t>(file, "index/grid_parents", H5T_NATIVE_INT64, {1, 2, 0});
+       },
+       "cycle", true},
+      {"parent-range",
+       [](hid_t file) {
+         replaceValues<int64_t>(file, "index/grid_parents", H5T_NATIVE_INT64, {-1, 99, -1});
+       },
+       "out of range", true},
+      {"parent-count",
+       [](hid_t file) {
+         replaceValues<int64_t>(file, "index/grid_parents", H5T_NATIVE_INT64, {-1});
+       },
+       "1 grid parents for 3", true},
+      {"entry-time",
+       [](hid_t file) {
+         replaceValues<int64_t>(file, "index/entries", H5T_NATIVE_INT64, {0, 0, 0, 1, 5, 2}, 2);
+       },
+       "names a time that does not exist", true},
+      {"entry-grid",
+       [](hid_t file) {
+         replaceValues<int64_t>(file, "index/entries", H5T_NATIVE_INT64, {0, 0, 0, 1, 0, -1}, 2);
+       },
+       "names a grid that does not exist", true},
+      {"entry-twice",
+       [](hid_t file) {
+         replaceValues<int64_t>(file, "index/entries", H5T_NATIVE_INT64, {0, 0, 0, 1, 0, 1}, 2);
+       },
+       "a grid appears twice", true},
+      {"entry-sizes",
+       [](hid_t file) {
+         replaceValues<uint64_t>(file, "index/entry_bytes", H5T_NATIVE_UINT64, {1});
+       },
+       "entry sizes", true},
+      {"extra-grid",
+       [](hid_t file) {
+         H5Gclose(H5Gcreate2(file, "grids/3", H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
+       },
+       "the index lists 3 grids, the file holds 4", true},
+      {"stray-slice",
+       [](hid_t file) {
+         H5Gclose(H5Gcreate2(file, "slices", H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
+         H5Gclose(H5Gcreate2(file, "slices/7", H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
+       },
+       "names no time", true},
+      {"unknown-type",
+       [](hid_t file) { editStructure(file, "grids/1", "\"point\"", "\"quaternion\""); },
+       "unknown element type", false},
+      {"no-elements",
+       [](hid_t file) { editStructure(file, "grids/1", "\"elements\"", "\"elementz\""); },
+       "'elements' not found", false},
+      {"no-json",
+       [](hid_t file) { replaceText(file, "grids/1", "structure", "{\"skeletons\": ["); },
+       "parse error", false},
+      {"points-in-pairs",
+       [](hid_t file) {
+         replaceValues<double>(file, CloudPositions, H5T_NATIVE_DOUBLE, {0, 1, 2, 3, 4, 5}, 2);
+       },
+       "does not have the extents 3", false},
+      {"endless-points",
+       [](hid_t file) {
+         editStructure(file, "grids/1", "\"extents\":[3]", "\"extents\":[1099511627776]");
+         replaceDataset(file, CloudPositions, H5T_NATIVE_DOUBLE, {hsize_t{1} << 40, 3}, nullptr);
+       },
+       "the file stores", false},
+      {"text-points",
+       [](hid_t file) {
+         hid_t type = H5Tcopy(H5T_C_S1);
+         H5Tset_size(type, 8);
+         replaceDataset(file, CloudPositions, type, {3, 3}, std::string(72, 'x').c_str());
+         H5Tclose(type);
+       },
+       "cannot read", false},
+      {"huge-box",
+       [](hid_t file) {
+         editStructure(file, "grids/0", "\"extents\":[2,2,2]",
+                       "\"extents\":[1099511627776,1099511627776,2]");
+       },
+       "overflow", false},
+      {"lost-skeleton",
+       [](hid_t file) {
+         editStructure(file, "grids/2", "\"skeleton\":[0,0]", "\"skeleton\":[0,9]");
+       },
+       "a skeleton the grid does not have", false},
+  };
+}
+
+class BadFileTest : public FileTest {
+ protected:
+  void SetUp() override {
+    FileTest::SetUp();
+    previousSink_ = Ostrak::setDiagnosticsSink(
+        [this](Ostrak::Diagnostic, const std::string& text) { reports_.push_back(text); });
+    BundlePtr bundle;
+    bundle.create();
+    makeUniformGrid(gridIn(bundle, 0, "box"), {2, 2, 2}, {0, 0, 0}, {1, 1, 1});
+    makePointCloud(gridIn(bundle, 0, "cloud"), {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}});
+    makeTriangleSurface(gridIn(bundle, 0, "surface"), {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}},
+                        {{0, 1, 2}, {1, 3, 2}});
+    ASSERT_TRUE(H5::save(*bundle, path("good.h5")).ok);
+  }
+  void TearDown() override {
+    Ostrak::setDiagnosticsSink(previousSink_);
+    FileTest::TearDown();
+  }
+
+  std::string write(const std::string& name, const std::string& bytes) {
+    std::ofstream(path(name), std::ios::binary) << bytes;
+    return path(name);
+  }
+
+  Ostrak::DiagnosticsSink previousSink_;
+  std::vector<std::string> reports_;
+};
+
+TEST_F(BadFileTest, everyBadFileFailsWithItsNameAndReason) {
+  const std::string good = fileBytes(path("good.h5"));
+  std::vector<std::pair<std::string, std::string>> openFailures{
+      {write("text.h5", "a plain text, not a bundle\n"), "not an HDF5 file"},
+      {write("empty.h5", ""), "not an HDF5 file"}};
+  for (size_t cut = 1; cut < 10; ++cut) {
+    openFailures.emplace_back(
+        write("cut" + std::to_string(cut) + ".h5", good.substr(0, good.size() * cut / 10)), "");
+  }
+  H5Fclose(H5Fcreate(path("plain.h5").c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT));
+  openFailures.emplace_back(path("plain.h5"), "not a bundle file");
+  for (const auto& [file, expected] : openFailures) {
+    BundlePtr bundle;
+    ::testing::internal::CaptureStderr();
+    H5::Outcome loaded = H5::load(bundle, {file});
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "") << "nothing on the terminal";
+    EXPECT_FALSE(loaded.ok) << file;
+    EXPECT_NE(loaded.error.find(file + ": "), std::string::npos) << loaded.error;
+    EXPECT_NE(loaded.error.find(expected), std::string::npos) << loaded.error;
+    EXPECT_TRUE(bundle->getSlices().empty()) << file;
+  }
+
+  for (const BadFile& bad : corpus()) {
+    const std::string file = write(bad.name + ".h5", good);
+    H5E_BEGIN_TRY {
+      hid_t handle = H5Fopen(file.c_str(), H5F_ACC_RDWR, H5P_DEFAULT);
+      bad.mutate(handle);
+      H5Fclose(handle);
+    }
+    H5E_END_TRY;
+    ::testing::internal::CaptureStderr();
+    BundlePtr bundle;
+    H5::Outcome loaded = H5::load(bundle, {file});
+    H5::Outcome checked = H5::check(file);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "") << "nothing on the terminal";
+    EXPECT_FALSE(checked.ok) << bad.name;
+    EXPECT_NE(checked.error.find(file + ": "), std::string::npos) << checked.error;
+    EXPECT_NE(checked.error.find(bad.expected), std::string::npos) << checked.error;
+    EXPECT_EQ(!loaded.ok, bad.foundOnOpening) << bad.name << ": " << loaded.error;
+    if (bad.foundOnOpening) {
+      EXPECT_NE(loaded.error.find(checked.error), std::string::npos) << loaded.error;
+      continue;
+    }
+    // Found on first access: what can be read is there, the rest is reported.
+    reports_.clear();
+    differences(*bundle, *bundle);
+    EXPECT_FALSE(reports_.empty()) << bad.name;
+  }
+}
+
+}  // namespace
+}  // namespace Quaril::Testing

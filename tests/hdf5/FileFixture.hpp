@@ -1,0 +1,66 @@
+#pragma once
+// A scratch folder per test and small file helpers for the format tests.
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "formats/hdf5/Format.hpp"
+#include "tests/bundle/BundleFixture.hpp"
+#include "tests/hdf5/BundleCompare.hpp"
+
+namespace Quaril::Testing {
+
+/// Registers the format and gives each test an empty folder of its own.
+class FileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    H5::registerFormat();
+    std::string pattern = (std::filesystem::temp_directory_path() / "quaril-test-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    folder_ = pattern;
+  }
+  void TearDown() override {
+    std::error_code ignored;
+    std::filesystem::permissions(folder_, std::filesystem::perms::owner_all,
+                                 std::filesystem::perm_options::add, ignored);
+    std::filesystem::remove_all(folder_, ignored);
+  }
+
+  /// `name` inside the test's folder.
+  std::string path(const std::string& name) const { return (folder_ / name).string(); }
+
+  /// The names in the test's folder.
+  std::vector<std::string> listing() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
+      names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  std::filesystem::path folder_;
+};
+
+inline std::string fileBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+/// `bundle` saved to `path` and loaded back into a new bundle.
+inline BundlePtr roundTrip(const Bundle& bundle, const std::string& path) {
+  H5::Outcome saved = H5::save(bundle, path);
+  EXPECT_TRUE(saved.ok) << saved.error;
+  BundlePtr loaded;
+  H5::Outcome read = H5::load(loaded, {path});
+  EXPECT_TRUE(read.ok) << read.error;
+  return loaded;
+}
+
+}  // namespace Quaril::Testing
