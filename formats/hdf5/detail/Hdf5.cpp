@@ -263,9 +263,10 @@ std::vector<T> readVector(hid_t parent, const std::string& name, size_t expected
   const size_t rank = expectedColumns ? 2 : 1;
   require(dims.size() == rank, "\"" + name + "\" has rank " + std::to_string(dims.size()) +
                                    ", expected " + std::to_string(rank));
-  require(!expectedColumns || dims[1] == expectedColumns,
-          "\"" + name + "\" has " + std::to_string(dims[1]) + " columns, expected " +
-              std::to_string(expectedColumns));
+  if (expectedColumns) {
+    require(dims[1] == expectedColumns, "\"" + name + "\" has " + std::to_string(dims[1]) +
+                                            " columns, expected " + std::to_string(expectedColumns));
+  }
   Datatype type = datasetType(dataset.id());
   const H5T_class_t typeClass = H5Tget_class(type.id());
   require(typeClass == (isFloat<T> ? H5T_FLOAT : H5T_INTEGER),
