@@ -3,6 +3,7 @@
 
 #include <hdf5.h>
 
+#include <array>
 #include <cmath>
 #include <filesystem>
 #include <functional>
@@ -146,15 +147,6 @@ std::vector<BadFile> corpus() {
          H5Gclose(H5Gcreate2(file, "slices/7", H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
        },
        "names no time", true},
-      {"unknown-type",
-       [](hid_t file) { editStructure(file, "grids/1", "\"point\"", "\"quaternion\""); },
-       "unknown element type", false},
-      {"no-elements",
-       [](hid_t file) { editStructure(file, "grids/1", "\"elements\"", "\"elementz\""); },
-       "'elements' not found", false},
-      {"no-json",
-       [](hid_t file) { replaceText(file, "grids/1", "structure", "{\"skeletons\": ["); },
-       "parse error", false},
       {"points-in-pairs",
        [](hid_t file) {
          replaceValues(file, CloudPositions, H5T_NATIVE_DOUBLE, {0, 1, 2, 3, 4, 5}, 2);
@@ -174,17 +166,6 @@ std::vector<BadFile> corpus() {
          H5Tclose(type);
        },
        "cannot read", false},
-      {"huge-box",
-       [](hid_t file) {
-         editStructure(file, "grids/0", "\"extents\":[2,2,2]",
-                       "\"extents\":[1099511627776,1099511627776,2]");
-       },
-       "overflow", false},
-      {"lost-skeleton",
-       [](hid_t file) {
-         editStructure(file, "grids/2", "\"skeleton\":[0,0]", "\"skeleton\":[0,9]");
-       },
-       "a skeleton the grid does not have", false},
   };
   const hid_t i64 = H5T_NATIVE_INT64, u64 = H5T_NATIVE_UINT64, f64 = H5T_NATIVE_DOUBLE;
   const std::vector<BadIndex> indexes{
@@ -203,6 +184,20 @@ std::vector<BadFile> corpus() {
       {"entry-twice", "index/entries", i64, {0, 0, 0, 1, 0, 1}, 2, "a grid appears twice"},
       {"entry-sizes", "index/entry_bytes", u64, {1}, 0, "entry sizes"},
   };
+  // Structures of grids edited: grid group, text replaced, replacement.
+  const std::vector<std::array<std::string, 5>> structures{
+      {"unknown-type", "grids/1", "\"point\"", "\"quaternion\"", "unknown element type"},
+      {"no-elements", "grids/1", "\"elements\"", "\"elementz\"", "'elements' not found"},
+      {"no-json", "grids/1", "{", "[", "parse error"},
+      {"huge-box", "grids/0", "\"extents\":[2,2,2]", "\"extents\":[1099511627776,1099511627776,2]",
+       "overflow"},
+      {"lost-skeleton", "grids/2", "\"skeleton\":[0,0]", "\"skeleton\":[0,9]",
+       "a skeleton the grid does not have"}};
+  for (const auto& edit : structures) {
+    bad.push_back({edit[0],
+                   [edit](hid_t file) { editStructure(file, edit[1].c_str(), edit[2], edit[3]); },
+                   edit[4], false});
+  }
   for (const BadIndex& index : indexes) {
     bad.push_back({index.name,
                    [index](hid_t file) {

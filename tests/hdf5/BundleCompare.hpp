@@ -36,11 +36,9 @@ inline std::string dataDifference(const MemBase& a, const MemBase& b) {
   auto* ub = dynamic_cast<const UniformCartesianArray*>(&b);
   if (ua || ub) {
     if (!ua || !ub) return "uniform and stored positions";
-    const double va[6] = {ua->origin().x,  ua->origin().y,  ua->origin().z,
-                          ua->spacing().x, ua->spacing().y, ua->spacing().z};
-    const double vb[6] = {ub->origin().x,  ub->origin().y,  ub->origin().z,
-                          ub->spacing().x, ub->spacing().y, ub->spacing().z};
-    return std::memcmp(va, vb, sizeof va) ? "uniform origins or spacings" : "";
+    const bool same = !std::memcmp(&ua->origin(), &ub->origin(), sizeof(ua->origin())) &&
+                      !std::memcmp(&ua->spacing(), &ub->spacing(), sizeof(ua->spacing()));
+    return same ? "" : "uniform origins or spacings";
   }
   const size_t bytes = a.nElements() * a.getTypeDescriptor().size();
   if (bytes && std::memcmp(a.rawData(), b.rawData(), bytes) != 0) return "values";

@@ -1,14 +1,15 @@
 // The C++ side of the h5py interoperability test:
 //   interop_helper write FILE   saves the sample bundle of the tests
-//   interop_helper dump FILE    loads FILE and prints every value, one line each:
-//     slice <time> / grid <name> <parent or -> / field <name> <type> <fragment or -> <values...>
-//     / uniform <name> <origin> <spacing> <extents> / attribute <name> <value>
+//   interop_helper dump FILE    loads FILE and prints it, one line each: "attribute <name>
+//     <text>", "slice <time>", "grid <name> <parent or ->", "field <name> <type> <values>",
+//     "uniform <name> <origin> <spacing> <extents>"
 
 #include <cstdio>
 #include <iostream>
 
 #include "formats/hdf5/Format.hpp"
 #include "tests/bundle/BundleFixture.hpp"
+#include "tests/hdf5/BundleCompare.hpp"
 
 using namespace Quaril;
 
@@ -27,10 +28,9 @@ void printValues(const MemBase& data) {
 
 void dump(const Bundle& bundle) {
   for (const auto& [name, value] : bundle.attributes()) {
-    if (auto* text = std::get_if<std::string>(&value))
+    if (auto* text = std::get_if<std::string>(&value)) {
       std::printf("attribute %s %s\n", name.c_str(), text->c_str());
-    if (auto* number = std::get_if<double>(&value))
-      std::printf("attribute %s %.17g\n", name.c_str(), *number);
+    }
   }
   for (const auto& [time, slice] : bundle.getSlices()) {
     std::printf("slice %.17g\n", time);
@@ -38,31 +38,25 @@ void dump(const Bundle& bundle) {
     for (const auto& [id, grid] : slice->getGrids()) {
       const GridID* parent = id->getParent().get();
       std::printf("grid %s %s\n", id->getName().c_str(), parent ? parent->getName().c_str() : "-");
-      grid->iterate([&](const SkeletonID&, const StrongPtr<Skeleton>& skeleton) {
-        skeleton->iterate([&](const WeakPtr<BaseSpace>&, const StrongPtr<Representation>& rep) {
-          rep->iterate([&](const StrongPtr<FieldID>& fieldId, const StrongPtr<Field>& field) {
-            auto data = field->getData();
-            if (!data) return true;
-            if (auto* uniform = dynamic_cast<const UniformCartesianArray*>(data.get())) {
-              auto e = uniform->extents();
-              std::printf("uniform %s %.17g %.17g %.17g %.17g %.17g %.17g %llu %llu %llu\n",
-                          fieldId->Name().c_str(), uniform->origin().x, uniform->origin().y,
-                          uniform->origin().z, uniform->spacing().x, uniform->spacing().y,
-                          uniform->spacing().z, static_cast<unsigned long long>(e[0]),
-                          static_cast<unsigned long long>(e[1]),
-                          static_cast<unsigned long long>(e[2]));
-              return true;
-            }
-            std::printf("field %s %s", fieldId->Name().c_str(),
-                        data->getTypeDescriptor().name().c_str());
-            printValues(*data);
-            std::printf("\n");
-            return true;
-          });
-          return true;
-        });
-        return true;
-      });
+      std::string shape;
+      for (const auto& [where, field] : Testing::detail::fieldsOf(*grid, shape)) {
+        auto data = field->getData();
+        const std::string name = where.substr(where.rfind(" / ") + 3);
+        if (auto* uniform = dynamic_cast<const UniformCartesianArray*>(data.get())) {
+          std::printf("uniform %s", name.c_str());
+          const auto origin = uniform->origin();
+          const auto spacing = uniform->spacing();
+          for (double v : {origin.x, origin.y, origin.z, spacing.x, spacing.y, spacing.z}) {
+            std::printf(" %.17g", v);
+          }
+          for (uint64_t extent : uniform->extents())
+            std::printf(" %llu", (unsigned long long)extent);
+        } else if (data) {
+          std::printf("field %s %s", name.c_str(), data->getTypeDescriptor().name().c_str());
+          printValues(*data);
+        }
+        std::printf("\n");
+      }
     }
   }
 }
