@@ -154,15 +154,18 @@ void removeLink(hid_t parent, const std::string& name) {
   }
 }
 
+namespace {
+/// An iteration callback that appends each name to the vector behind `data`.
+template <class Info>
+herr_t collectName(hid_t, const char* name, const Info*, void* data) {
+  static_cast<std::vector<std::string>*>(data)->push_back(name);
+  return 0;
+}
+}  // namespace
+
 std::vector<std::string> linkNames(hid_t group) {
   std::vector<std::string> names;
-  check(H5Literate(
-            group, H5_INDEX_NAME, H5_ITER_INC, nullptr,
-            [](hid_t, const char* name, const H5L_info_t*, void* data) -> herr_t {
-              static_cast<std::vector<std::string>*>(data)->push_back(name);
-              return 0;
-            },
-            &names),
+  check(H5Literate(group, H5_INDEX_NAME, H5_ITER_INC, nullptr, collectName<H5L_info_t>, &names),
         "cannot list a group");
   return names;
 }
@@ -265,7 +268,8 @@ std::vector<T> readVector(hid_t parent, const std::string& name, size_t expected
                                    ", expected " + std::to_string(rank));
   if (expectedColumns) {
     require(dims[1] == expectedColumns, "\"" + name + "\" has " + std::to_string(dims[1]) +
-                                            " columns, expected " + std::to_string(expectedColumns));
+                                            " columns, expected " +
+                                            std::to_string(expectedColumns));
   }
   Datatype type = datasetType(dataset.id());
   const H5T_class_t typeClass = H5Tget_class(type.id());
@@ -377,13 +381,7 @@ AttributeShape attributeShape(hid_t object, const std::string& name) {
 
 std::vector<std::string> attributeNames(hid_t object) {
   std::vector<std::string> names;
-  check(H5Aiterate2(
-            object, H5_INDEX_NAME, H5_ITER_INC, nullptr,
-            [](hid_t, const char* name, const H5A_info_t*, void* data) -> herr_t {
-              static_cast<std::vector<std::string>*>(data)->push_back(name);
-              return 0;
-            },
-            &names),
+  check(H5Aiterate2(object, H5_INDEX_NAME, H5_ITER_INC, nullptr, collectName<H5A_info_t>, &names),
         "cannot list attributes");
   return names;
 }

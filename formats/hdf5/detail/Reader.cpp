@@ -149,6 +149,14 @@ Index readIndex(hid_t file) {
 void readAttributes(hid_t object, Ostrak::Attributes& into) {
   for (const std::string& name : attributeNames(object)) {
     const AttributeShape shape = attributeShape(object, name);
+    // A scalar is one value, a one-dimensional attribute a vector (even of one).
+    auto setNumbers = [&](auto values) {
+      if (shape.scalar) {
+        into.setAttribute(name, values.at(0));
+      } else {
+        into.setAttribute(name, std::move(values));
+      }
+    };
     if (shape.typeClass == H5T_STRING) {
       if (shape.scalar) {
         into.setAttribute(name, readString(object, name));
@@ -156,19 +164,9 @@ void readAttributes(hid_t object, Ostrak::Attributes& into) {
         into.setAttribute(name, readStrings(object, name));
       }
     } else if (shape.typeClass == H5T_INTEGER) {
-      std::vector<int64_t> values = readNumbers<int64_t>(object, name);
-      if (shape.scalar) {
-        into.setAttribute(name, values.at(0));
-      } else {
-        into.setAttribute(name, std::move(values));
-      }
+      setNumbers(readNumbers<int64_t>(object, name));
     } else if (shape.typeClass == H5T_FLOAT) {
-      std::vector<double> values = readNumbers<double>(object, name);
-      if (shape.scalar) {
-        into.setAttribute(name, values.at(0));
-      } else {
-        into.setAttribute(name, std::move(values));
-      }
+      setNumbers(readNumbers<double>(object, name));
     } else {
       throw Failure("attribute " + inQuotes(name) + " is neither a number nor a text");
     }
