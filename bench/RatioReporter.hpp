@@ -6,26 +6,45 @@
 
 #include <cstdio>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
 namespace QuarilBench {
+
+/// A counter that carries a benchmark's ratio to a baseline measured in
+/// turns with it (paired), instead of a separate "_Baseline" benchmark.
+inline constexpr const char* PairedRatio = "ratio";
 
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      // Benchmarks of input and output measure the wall clock ("/real_time").
-      const bool wall = run.benchmark_name().find("/real_time") != std::string::npos;
-      times_[run.benchmark_name()] = wall ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime();
+      if (run.error_occurred) continue;
+      // With repetitions, their median stands for the benchmark (noisy
+      // machines); otherwise the one run.
+      const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+      if (run.run_type != Run::RT_Iteration && !median) continue;
+      const std::string name = run.run_name.str();
+      if (!median && medians_.count(name)) continue;
+      if (median) medians_.insert(name);
+      // Benchmarks of input and output measure the wall clock ("/real_time",
+      // or timed by hand: "/manual_time").
+      const bool wall = name.find("/real_time") != std::string::npos ||
+                        name.find("/manual_time") != std::string::npos;
+      times_[name] = wall ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime();
+      auto paired = run.counters.find(PairedRatio);
+      if (paired != run.counters.end()) pairedRatios_[name] = paired->second.value;
     }
   }
 
   void Finalize() override {
     ConsoleReporter::Finalize();
     std::printf("\nRatios (ours / baseline, lower is better):\n");
+    for (const auto& [name, ratio] : pairedRatios_) {
+      std::printf("  %-60s %8.2f (paired)\n", name.c_str(), ratio);
+    }
     for (const auto& [name, time] : times_) {
       std::string baseline = baselineOf(name);
       auto found = times_.find(baseline);
@@ -45,6 +64,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
   }
 
   std::map<std::string, double> times_;
+  std::set<std::string> medians_;
+  std::map<std::string, double> pairedRatios_;
 };
 
 /// Runs the registered benchmarks with the ratio reporter.

@@ -6,6 +6,7 @@
 #include "grid/GlobalCharts.hpp"
 #include "grid/SkeletonMap.hpp"
 #include "ostrak/Ageable.hpp"
+#include "ostrak/Attributes.hpp"
 
 namespace Quaril {
 
@@ -33,9 +34,12 @@ class GridContainer : public Ownable<Grid>::Container, public Ostrak::Ageable {
 /// inherited): `extra` is the dimension of the skeleton searched, 0 for the
 /// vertex skeletons that carry refinement levels; see `SkeletonMap`.
 ///
+/// Named attributes (`Ostrak::SaveableAttributes`) travel with the grid
+/// into files.
+///
 /// An empty grid holds no allocation beyond itself and its reference block,
 /// since bundles make one per slice and grid name. Not synchronised.
-class Grid : public SkeletonMap, public Ownable<Grid> {
+class Grid : public SkeletonMap, public Ownable<Grid>, public Ostrak::SaveableAttributes {
  public:
   /// The name of the vertex positions field.
   static constexpr const char* PositionsName = "Positions";

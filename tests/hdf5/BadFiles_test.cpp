@@ -70,18 +70,31 @@ void replaceText(hid_t object, const char* path, const char* name, const char* t
   H5Tclose(type);
 }
 
-/// Replaces the first `from` in the structure of the grid group `grid` by `to`.
-void editStructure(hid_t file, const char* grid, const std::string& from, const std::string& to) {
-  hid_t attribute = H5Aopen_by_name(file, grid, "structure", H5P_DEFAULT, H5P_DEFAULT);
-  hid_t type = H5Aget_type(attribute);
-  char* text = nullptr;
-  H5Aread(attribute, type, &text);
-  std::string structure(text);
-  H5free_memory(text);
-  H5Tclose(type);
-  H5Aclose(attribute);
-  structure.replace(structure.find(from), from.size(), to);
-  replaceText(file, grid, "structure", structure.c_str());
+template <class T>
+std::vector<T> readAll(hid_t file, const char* name, hid_t type) {
+  hid_t dataset = H5Dopen2(file, name, H5P_DEFAULT);
+  std::vector<T> values(static_cast<size_t>(H5Dget_storage_size(dataset) / sizeof(T)));
+  H5Dread(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
+  H5Dclose(dataset);
+  return values;
+}
+
+/// Replaces the first `from` in structure `row` of the index by `to` (all
+/// of it when `from` is empty).
+void editStructure(hid_t file, size_t row, const std::string& from, const std::string& to) {
+  std::vector<uint8_t> bytes = readAll<uint8_t>(file, "index/structures", H5T_NATIVE_UINT8);
+  std::vector<uint64_t> ends = readAll<uint64_t>(file, "index/structure_ends", H5T_NATIVE_UINT64);
+  std::vector<std::string> texts;
+  for (size_t i = 0; i < ends.size(); ++i) {
+    texts.emplace_back(bytes.begin() + static_cast<long>(i ? ends[i - 1] : 0),
+                       bytes.begin() + static_cast<long>(ends[i]));
+  }
+  texts[row] = from.empty() ? to : texts[row].replace(texts[row].find(from), from.size(), to);
+  std::string joined;
+  ends.clear();
+  for (const std::string& text : texts) ends.push_back((joined += text).size());
+  replaceDataset(file, "index/structures", H5T_NATIVE_UINT8, {joined.size()}, joined.data());
+  replaceDataset(file, "index/structure_ends", H5T_NATIVE_UINT64, {ends.size()}, ends.data());
 }
 
 struct BadFile {
@@ -92,8 +105,9 @@ struct BadFile {
 };
 
 // The good file the grid cases start from: at time 0 "box" (uniform 2x2x2),
-// "cloud" (3 points) and "surface" (2 triangles), entries 0, 1 and 2.
-const char* CloudPositions = "grids/1/0";
+// "cloud" (3 points) and "surface" (2 triangles), entries and structures 0,
+// 1 and 2.
+const char* CloudPositions = "arrays/1.0";
 
 /// An index dataset replaced by other values.
 struct BadIndex {
@@ -122,7 +136,9 @@ std::vector<BadFile> corpus() {
       {"no-index", [](hid_t file) { removeLink(file, "index"); }, "\"index\" is missing", true},
       {"no-times", [](hid_t file) { removeLink(file, "index/times"); }, "\"times\" is missing",
        true},
-      {"no-grids", [](hid_t file) { removeLink(file, "grids"); }, "\"grids\" is missing", true},
+      {"no-structures", [](hid_t file) { removeLink(file, "index/structures"); },
+       "\"structures\" is missing", true},
+      {"no-arrays", [](hid_t file) { removeLink(file, "arrays"); }, "no group \"arrays\"", false},
       {"text-times",
        [](hid_t file) {
          hid_t type = H5Tcopy(H5T_C_S1);
@@ -136,11 +152,6 @@ std::vector<BadFile> corpus() {
          replaceDataset(file, "index/times", H5T_NATIVE_DOUBLE, {hsize_t{1} << 40}, nullptr);
        },
        "claims more values than it stores", true},
-      {"extra-grid",
-       [](hid_t file) {
-         H5Gclose(H5Gcreate2(file, "grids/3", H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
-       },
-       "the index lists 3 grids, the file holds 4", true},
       {"stray-slice",
        [](hid_t file) {
          H5Gclose(H5Gcreate2(file, "slices", H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
@@ -154,7 +165,7 @@ std::vector<BadFile> corpus() {
        "does not have the extents 3", false},
       {"endless-points",
        [](hid_t file) {
-         editStructure(file, "grids/1", "\"extents\":[3]", "\"extents\":[1099511627776]");
+         editStructure(file, 1, "\"extents\":[3]", "\"extents\":[1099511627776]");
          replaceDataset(file, CloudPositions, H5T_NATIVE_DOUBLE, {hsize_t{1} << 40, 3}, nullptr);
        },
        "the file stores", false},
@@ -179,24 +190,34 @@ std::vector<BadFile> corpus() {
       {"parent-cycle", "index/grid_parents", i64, {1, 2, 0}, 0, "cycle"},
       {"parent-range", "index/grid_parents", i64, {-1, 99, -1}, 0, "out of range"},
       {"parent-count", "index/grid_parents", i64, {-1}, 0, "1 grid parents for 3"},
-      {"entry-time", "index/entries", i64, {0, 0, 0, 1, 5, 2}, 2, "a time that does not exist"},
-      {"entry-grid", "index/entries", i64, {0, 0, 0, 1, 0, -1}, 2, "a grid that does not exist"},
-      {"entry-twice", "index/entries", i64, {0, 0, 0, 1, 0, 1}, 2, "a grid appears twice"},
+      {"entry-time", "index/entries", i64, {0, 0, 0, 5, 2, 2}, 3, "a time that does not exist"},
+      {"entry-grid", "index/entries", i64, {0, 0, 0, 0, -1, 1}, 3, "a grid that does not exist"},
+      {"entry-text", "index/entries", i64, {0, 0, 0, 0, 1, 7}, 3, "a structure that does not"},
+      {"entry-twice", "index/entries", i64, {0, 0, 0, 0, 0, 1}, 3, "a grid appears twice"},
+      {"entry-columns", "index/entries", i64, {0, 0, 0, 1}, 2, "expected 3"},
+      {"text-ends", "index/structure_ends", u64, {9, 5, 999999}, 0, "out of order"},
       {"entry-sizes", "index/entry_bytes", u64, {1}, 0, "entry sizes"},
   };
-  // Structures of grids edited: grid group, text replaced, replacement.
-  const std::vector<std::array<std::string, 5>> structures{
-      {"unknown-type", "grids/1", "\"point\"", "\"quaternion\"", "unknown element type"},
-      {"no-elements", "grids/1", "\"elements\"", "\"elementz\"", "'elements' not found"},
-      {"no-json", "grids/1", "{", "[", "parse error"},
-      {"huge-box", "grids/0", "\"extents\":[2,2,2]", "\"extents\":[1099511627776,1099511627776,2]",
+  // Structures edited: row, text replaced, replacement.
+  struct Edit {
+    std::string name;
+    size_t row;
+    std::string from, to, expected;
+  };
+  const std::vector<Edit> structures{
+      {"unknown-type", 1, "\"point\"", "\"quaternion\"", "unknown element type"},
+      {"no-elements", 1, "\"elements\"", "\"elementz\"", "'elements' not found"},
+      {"no-json", 1, "{", "[", "parse error"},
+      {"no-object", 1, "", "[1, 2]", "not a JSON object"},
+      {"huge-box", 0, "\"extents\":[2,2,2]", "\"extents\":[1099511627776,1099511627776,2]",
        "overflow"},
-      {"lost-skeleton", "grids/2", "\"skeleton\":[0,0]", "\"skeleton\":[0,9]",
-       "a skeleton the grid does not have"}};
-  for (const auto& edit : structures) {
-    bad.push_back({edit[0],
-                   [edit](hid_t file) { editStructure(file, edit[1].c_str(), edit[2], edit[3]); },
-                   edit[4], false});
+      {"lost-skeleton", 2, "\"skeleton\":[0,0]", "\"skeleton\":[0,9]",
+       "a skeleton the grid does not have"},
+      {"no-attributes", 2, "{", "{\"attributes\":true,", "\"grids/2\" is missing"}};
+  for (const Edit& edit : structures) {
+    bad.push_back({edit.name,
+                   [edit](hid_t file) { editStructure(file, edit.row, edit.from, edit.to); },
+                   edit.expected, false});
   }
   for (const BadIndex& index : indexes) {
     bad.push_back({index.name,
@@ -273,7 +294,7 @@ TEST_F(BadFileTest, everyBadFileFailsWithItsNameAndReason) {
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "") << "nothing on the terminal";
     EXPECT_FALSE(checked.ok) << bad.name;
     EXPECT_NE(checked.error.find(file + ": "), std::string::npos) << checked.error;
-    EXPECT_NE(checked.error.find(bad.expected), std::string::npos) << checked.error;
+    EXPECT_NE(checked.error.find(bad.expected), std::string::npos) << bad.name << ": " << checked.error;
     EXPECT_EQ(!loaded.ok, bad.foundOnOpening) << bad.name << ": " << loaded.error;
     if (bad.foundOnOpening) {
       EXPECT_NE(loaded.error.find(checked.error), std::string::npos) << loaded.error;

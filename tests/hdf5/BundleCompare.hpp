@@ -103,6 +103,7 @@ inline std::map<std::string, StrongPtr<Field>> fieldsOf(const Grid& grid, std::s
 }
 
 inline std::string gridDifference(const Grid& a, const Grid& b) {
+  if (a.attributes() != b.attributes()) return "grid attributes";
   std::string shapeA, shapeB;
   auto fa = fieldsOf(a, shapeA), fb = fieldsOf(b, shapeB);
   if (shapeA != shapeB) return "skeletons " + shapeA + "and " + shapeB;

@@ -52,6 +52,8 @@ BundlePtr makeRichBundle() {
   bundle->setAttribute("authors", std::vector<std::string>{"ada", "", "émile"});
   bundle->setAttribute("nothing", std::vector<double>{});
   (*bundle)[3]->setAttribute("cycle", int64_t{300});
+  blocks.setAttribute("solver", std::string("multigrid"));
+  blocks.setAttribute("levels", std::vector<int64_t>{4, 2});
   return bundle;
 }
 
@@ -301,7 +303,7 @@ TEST_F(FileTest, storagePolicyHooksChooseAndShapeWhatIsWritten) {
   EXPECT_GT(policy->getBytesWritten(), 0u);
   // Entries at time 1: points, surface, uniform; the uniform grid's only
   // data set is "density" (its positions are procedural, "flags" is left out).
-  auto [filters, chunk] = storageOf(path("policy.h5"), "grids/2/0");
+  auto [filters, chunk] = storageOf(path("policy.h5"), "arrays/2.0");
   EXPECT_EQ(filters, 2) << "shuffle and deflate";
   EXPECT_EQ(chunk, (std::vector<hsize_t>{1, 3, 3})) << "first index fastest, chunks of one plane";
   EXPECT_EQ(detail::gridDifference(*(*loaded->getSlices().at(2.0))("uniform"),

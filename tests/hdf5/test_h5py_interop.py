@@ -18,16 +18,16 @@ def run_helper(*args):
     return result.stdout
 
 
-def grid_names(index):
-    names, ends = index["grid_names"][...].tobytes(), index["grid_name_ends"][...]
-    return [names[(0 if g == 0 else ends[g - 1]):ends[g]].decode() for g in range(len(ends))]
+def texts(index, blob, ends):
+    """The byte strings stored one after another in `blob`, ending at `ends`."""
+    data, ends = index[blob][...].tobytes(), index[ends][...]
+    return [data[(0 if i == 0 else ends[i - 1]):ends[i]] for i in range(len(ends))]
 
 
-def fields_of(grid):
-    """Every field of a grid group: name -> (type, fragment descriptions)."""
-    structure = json.loads(grid.attrs["structure"])
+def fields_of(structure):
+    """Every field of a grid's structure: name -> (type, fragment descriptions)."""
     return {field["name"]: (field["type"], field["fragments"])
-            for skeleton in structure["skeletons"]
+            for skeleton in json.loads(structure)["skeletons"]
             for rep in skeleton["representations"] for field in rep["fields"]}
 
 
@@ -43,20 +43,24 @@ def test_h5py_reads_times_names_and_values_we_wrote(saved):
         assert f.attrs["format"] == "quaril-bundle"
         assert list(f.attrs["version"]) == [1, 0]
         index = f["index"]
-        times, names = index["times"][...], grid_names(index)
+        times = index["times"][...]
+        names = [name.decode() for name in texts(index, "grid_names", "grid_name_ends")]
+        structures = texts(index, "structures", "structure_ends")
         assert list(times) == [1.0, 2.0, 3.0, 4.0]
         entries = index["entries"][...]
-        assert {(times[t], names[g]) for t, g in entries} >= {(1.0, "points"), (4.0, "surface")}
+        assert {(times[t], names[g]) for t, g, _ in entries} >= {(1.0, "points"), (4.0, "surface")}
         assert len(entries) == 9
-        for row, (t, g) in enumerate(entries):
-            grid = f["grids"][str(row)]
+        assert len(structures) < 9, "equal structures are stored once"
+        for row, (t, g, s) in enumerate(entries):
+            def array(description):
+                return f["arrays"][f"{row}.{description['dataset']}"][...]
             if names[g] == "points" and times[t] == 3.0:
-                kind, fragments = fields_of(grid)["mass"]
+                kind, fragments = fields_of(structures[s])["mass"]
                 assert kind == "double"
-                assert list(grid[fragments[0]["dataset"]][...]) == [3.0, 6.0, 9.0]
+                assert list(array(fragments[0])) == [3.0, 6.0, 9.0]
             if names[g] == "uniform" and times[t] == 1.0:
-                fields = fields_of(grid)
-                density = grid[fields["density"][1][0]["dataset"]][...]
+                fields = fields_of(structures[s])
+                density = array(fields["density"][1][0])
                 assert density.shape == (3, 3, 3)
                 assert list(density.ravel()[:3]) == [1.0, 1.01, 1.02]
                 uniform = fields["Positions"][1][0]["uniform"]
@@ -81,19 +85,22 @@ def write_by_the_layout(path):
         index["grid_names"] = np.frombuffer(b"".join(names), dtype=np.uint8)
         index["grid_name_ends"] = np.cumsum([len(n) for n in names]).astype(np.uint64)
         index["grid_parents"] = np.array([-1, -1], dtype=np.int64)
-        index["entries"] = np.array([[0, 1], [1, 0], [1, 1]], dtype=np.int64)
+        index["entries"] = np.array([[0, 1, 0], [1, 0, 1], [1, 1, 0]], dtype=np.int64)
+        structures = [json.dumps(vertices(3, [
+            {"name": "Positions", "type": "point",
+             "fragments": [{"dataset": "0", "extents": [3]}]},
+            {"name": "speed", "type": "float",
+             "fragments": [{"dataset": "1", "extents": [3]}]}])).encode(),
+            json.dumps({"attributes": True, **vertices(8, [
+                {"name": "Positions", "type": "point", "fragments": [{"uniform": {
+                    "origin": [0, 0, 0], "spacing": [0.5, 0.5, 0.5], "extents": [2, 2, 2]}}]}])}
+            ).encode()]
+        index["structures"] = np.frombuffer(b"".join(structures), dtype=np.uint8)
+        index["structure_ends"] = np.cumsum([len(s) for s in structures]).astype(np.uint64)
         for row, step in ((0, 0), (2, 1)):
-            grid = f.create_group(f"grids/{row}")
-            grid["xyz"] = np.arange(9, dtype=np.float64).reshape(3, 3) + step
-            grid["speed"] = np.array([1.5, 2.5, 3.5], dtype=np.float32) * (step + 1)
-            grid.attrs["structure"] = json.dumps(vertices(3, [
-                {"name": "Positions", "type": "point",
-                 "fragments": [{"dataset": "xyz", "extents": [3]}]},
-                {"name": "speed", "type": "float",
-                 "fragments": [{"dataset": "speed", "extents": [3]}]}]))
-        f.create_group("grids/1").attrs["structure"] = json.dumps(vertices(8, [
-            {"name": "Positions", "type": "point", "fragments": [{"uniform": {
-                "origin": [0, 0, 0], "spacing": [0.5, 0.5, 0.5], "extents": [2, 2, 2]}}]}]))
+            f[f"arrays/{row}.0"] = np.arange(9, dtype=np.float64).reshape(3, 3) + step
+            f[f"arrays/{row}.1"] = np.array([1.5, 2.5, 3.5], dtype=np.float32) * (step + 1)
+        f.create_group("grids/1").attrs["material"] = "steel"
 
 
 def test_a_file_written_by_the_documented_layout_loads(tmp_path):
@@ -106,7 +113,7 @@ def test_a_file_written_by_the_documented_layout_loads(tmp_path):
         "slice 0.5", "grid particles -",
         "field Positions point 0 1 2 3 4 5 6 7 8",
         "field speed float 1.5 2.5 3.5",
-        "slice 1.5", "grid box -",
+        "slice 1.5", "grid box -", "grid-attribute material steel",
         "uniform Positions 0 0 0 0.5 0.5 0.5 2 2 2",
         "grid particles -",
         "field Positions point 1 2 3 4 5 6 7 8 9",

@@ -116,32 +116,36 @@ bool looksLikeHdf5(const std::string& path) {
 // ---- groups and links ----------------------------------------------------------
 
 Group createGroup(hid_t parent, const std::string& name) {
-  return Group(H5Gcreate2(parent, name.c_str(), H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT),
+  PropertyList create(H5Pcreate(H5P_GROUP_CREATE), "group settings");
+  // No time stamps: equal bundles give equal files, and headers stay small.
+  check(H5Pset_obj_track_times(create.id(), false), "group settings");
+  return Group(H5Gcreate2(parent, name.c_str(), H5P_DEFAULT, create.id(), H5P_DEFAULT),
                "cannot create group \"" + name + "\"");
 }
 
 namespace {
-/// Opens the object `name` of `parent`, which must be of `expected` kind.
-hid_t openObject(hid_t parent, const std::string& name, H5I_type_t expected,
+/// Opens the object `name` of `parent` with `open`, which fails for objects
+/// of another kind than `kind`; the failure says which it was.
+hid_t openObject(hid_t (*open)(hid_t, const char*, hid_t), hid_t parent, const std::string& name,
                  const std::string& kind) {
-  hid_t id = H5Oopen(parent, name.c_str(), H5P_DEFAULT);
-  if (id < 0) {
-    std::string reason = takeErrorStack();
-    const htri_t exists = H5Lexists(parent, name.c_str(), H5P_DEFAULT);
-    H5Eclear2(H5E_DEFAULT);
-    require(exists > 0, kind + " \"" + name + "\" is missing");
-    throw Failure("cannot open " + kind + " \"" + name + "\": " + reason);
+  hid_t id = open(parent, name.c_str(), H5P_DEFAULT);
+  if (id >= 0) return id;
+  std::string reason = takeErrorStack();
+  const htri_t exists = H5Lexists(parent, name.c_str(), H5P_DEFAULT);
+  H5Eclear2(H5E_DEFAULT);
+  require(exists > 0, kind + " \"" + name + "\" is missing");
+  H5O_info_t info{};
+  if (H5Oget_info_by_name2(parent, name.c_str(), &info, H5O_INFO_BASIC, H5P_DEFAULT) >= 0) {
+    const H5O_type_t expected = kind == "group" ? H5O_TYPE_GROUP : H5O_TYPE_DATASET;
+    require(info.type == expected, "\"" + name + "\" is not a " + kind);
   }
-  if (H5Iget_type(id) != expected) {
-    H5Oclose(id);
-    throw Failure("\"" + name + "\" is not a " + kind);
-  }
-  return id;
+  H5Eclear2(H5E_DEFAULT);
+  throw Failure("cannot open " + kind + " \"" + name + "\": " + reason);
 }
 }  // namespace
 
 Group openGroup(hid_t parent, const std::string& name) {
-  return Group(openObject(parent, name, H5I_GROUP, "group"), "open a group");
+  return Group(openObject(H5Gopen2, parent, name, "group"), "open a group");
 }
 
 Group openOrCreateGroup(hid_t parent, const std::string& name) {
@@ -225,6 +229,7 @@ Dataset writeDataset(hid_t parent, const std::string& name, hid_t fileType, hid_
   }
   // Nothing to fill: every dataset is written whole right away.
   check(H5Pset_fill_time(create.id(), H5D_FILL_TIME_NEVER), "dataset settings");
+  check(H5Pset_obj_track_times(create.id(), false), "dataset settings");
   Dataset dataset(
       H5Dcreate2(parent, name.c_str(), fileType, space.id(), H5P_DEFAULT, create.id(), H5P_DEFAULT),
       "cannot create dataset \"" + name + "\"");
@@ -236,7 +241,7 @@ Dataset writeDataset(hid_t parent, const std::string& name, hid_t fileType, hid_
 }
 
 Dataset openDataset(hid_t parent, const std::string& name) {
-  return Dataset(openObject(parent, name, H5I_DATASET, "dataset"), "open a dataset");
+  return Dataset(openObject(H5Dopen2, parent, name, "dataset"), "open a dataset");
 }
 
 std::vector<hsize_t> datasetExtents(hid_t dataset) {
@@ -257,6 +262,20 @@ Datatype datasetType(hid_t dataset) {
 
 void readDataset(hid_t dataset, hid_t memoryType, void* data, const std::string& what) {
   check(H5Dread(dataset, memoryType, H5S_ALL, H5S_ALL, H5P_DEFAULT, data), "cannot read " + what);
+}
+
+std::vector<uint8_t> readBytes(hid_t dataset, uint64_t begin, uint64_t count,
+                               const std::string& what) {
+  std::vector<uint8_t> bytes(count);
+  if (count == 0) return bytes;
+  Dataspace file(H5Dget_space(dataset), "cannot read " + what);
+  const hsize_t start = begin, extent = count;
+  check(H5Sselect_hyperslab(file.id(), H5S_SELECT_SET, &start, nullptr, &extent, nullptr),
+        "cannot select " + what);
+  Dataspace memory(H5Screate_simple(1, &extent, nullptr), "cannot read " + what);
+  check(H5Dread(dataset, H5T_NATIVE_UINT8, memory.id(), file.id(), H5P_DEFAULT, bytes.data()),
+        "cannot read " + what);
+  return bytes;
 }
 
 template <class T>

@@ -167,6 +167,10 @@ Datatype datasetType(hid_t dataset);
 /// Reads the whole dataset into `data` as `memoryType`.
 void readDataset(hid_t dataset, hid_t memoryType, void* data, const std::string& what);
 
+/// `count` bytes from `begin` on of a one-dimensional dataset of bytes.
+std::vector<uint8_t> readBytes(hid_t dataset, uint64_t begin, uint64_t count,
+                               const std::string& what);
+
 /// A one-dimensional dataset of `T` read whole; its rank, class and size are
 /// checked first (`expectedColumns` > 0 asks for a two-dimensional one).
 template <class T>

@@ -27,23 +27,31 @@ inline constexpr const char* Times = "times";           // float64[S], ascending
 inline constexpr const char* GridNames = "grid_names";  // uint8[B], the names one after another
 inline constexpr const char* GridNameEnds = "grid_name_ends";  // uint64[G], end of each name
 inline constexpr const char* GridParents = "grid_parents";     // int64[G], parent row or -1
-inline constexpr const char* Entries = "entries";              // int64[E, 2]: time row, grid row
-inline constexpr const char* EntryBytes = "entry_bytes";       // uint64[E], data bytes of the entry
+inline constexpr const char* Entries = "entries";  // int64[E, 3]: time row, grid row, structure row
+inline constexpr const char* EntryBytes = "entry_bytes";        // uint64[E], data bytes of the entry
+inline constexpr const char* Structures = "structures";         // uint8[C], the JSON texts
+inline constexpr const char* StructureEnds = "structure_ends";  // uint64[D], end of each text
+inline constexpr size_t EntryColumns = 3;
 
 // Contents.
-inline constexpr const char* GridsGroup = "grids";             // /grids/<entry row>
+inline constexpr const char* ArraysGroup = "arrays";           // /arrays/<entry row>.<number>
+inline constexpr const char* GridsGroup = "grids";             // /grids/<entry row>: its attributes
 inline constexpr const char* SlicesGroup = "slices";           // /slices/<time row>: its attributes
 inline constexpr const char* BundleAttributes = "attributes";  // the bundle's attributes
 
-// A grid group holds one data set per stored array (named by number) and
-// the attribute "structure": a JSON text describing the grid,
-//   {"skeletons": [{"dimension", "index", "elements", "refinement",
+// The stored arrays of entry e are the data sets /arrays/<e>.<n>, n = 0, 1, ...
+// (one flat group: opening one costs a single lookup). What they are says
+// a structure, a JSON text of the index (equal texts are stored once and
+// shared by entries); "dataset" names n, "attributes" says that the grid
+// has attributes in /grids/<e>:
+//   {"attributes"?: true,
+//    "skeletons": [{"dimension", "index", "elements", "refinement",
 //     "representations": [{"chart", "chart_dimension", "chart_cartesian" |
 //                           "skeleton": [dimension, index],
 //       "fields": [{"name", "type",
 //         "fragments": [{"fragment"?, "dataset", "extents"} |
 //                       {"fragment"?, "uniform": {"origin", "spacing", "extents"}}]}]}]}]}
-inline constexpr const char* Structure = "structure";
+inline constexpr const char* HasAttributes = "attributes";
 inline constexpr const char* Skeletons = "skeletons";
 inline constexpr const char* Dimension = "dimension";
 inline constexpr const char* SkeletonIndex = "index";
@@ -68,7 +76,11 @@ inline constexpr const char* Spacing = "spacing";
 inline constexpr const char* Minimum = "minimum";  // float64
 inline constexpr const char* Maximum = "maximum";  // float64
 
-/// The path of the grid group of entry `row`.
+/// The name of array `number` of entry `row` in the arrays group.
+inline std::string arrayName(uint64_t row, const std::string& number) {
+  return std::to_string(row) + "." + number;
+}
+/// The path of the attribute group of entry `row`.
 inline std::string gridPath(uint64_t row) {
   return std::string(GridsGroup) + "/" + std::to_string(row);
 }

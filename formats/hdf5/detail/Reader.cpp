@@ -80,23 +80,28 @@ void checkParents(const std::vector<int64_t>& parents) {
 }
 
 void readEntries(hid_t index, Index& result) {
-  const std::vector<int64_t> rows = readVector<int64_t>(index, layout::Entries, 2);
+  const std::vector<int64_t> rows = readVector<int64_t>(index, layout::Entries, layout::EntryColumns);
   const uint64_t times = result.times.size();
   const uint64_t names = result.names.size();
+  const uint64_t structures = result.structureEnds.size();
   result.sliceBegin.assign(times + 1, 0);
   std::set<std::pair<uint64_t, uint64_t>> seen;
-  for (size_t i = 0; i + 1 < rows.size(); i += 2) {
-    require(rows[i] >= 0 && static_cast<uint64_t>(rows[i]) < times,
-            "index: entry " + std::to_string(i / 2) + " names a time that does not exist");
-    require(rows[i + 1] >= 0 && static_cast<uint64_t>(rows[i + 1]) < names,
-            "index: entry " + std::to_string(i / 2) + " names a grid that does not exist");
-    std::pair<uint64_t, uint64_t> entry(static_cast<uint64_t>(rows[i]),
-                                        static_cast<uint64_t>(rows[i + 1]));
-    require(result.entries.empty() || entry.first >= result.entries.back().first,
+  for (size_t i = 0; i + 2 < rows.size(); i += layout::EntryColumns) {
+    const std::string entry = "index: entry " + std::to_string(i / layout::EntryColumns);
+    auto within = [](int64_t row, uint64_t count) {
+      return row >= 0 && static_cast<uint64_t>(row) < count;
+    };
+    require(within(rows[i], times), entry + " names a time that does not exist");
+    require(within(rows[i + 1], names), entry + " names a grid that does not exist");
+    require(within(rows[i + 2], structures), entry + " names a structure that does not exist");
+    const IndexEntry read{static_cast<uint64_t>(rows[i]), static_cast<uint64_t>(rows[i + 1]),
+                          static_cast<uint64_t>(rows[i + 2])};
+    require(result.entries.empty() || read.timeRow >= result.entries.back().timeRow,
             "index: entries are not ordered by time");
-    require(seen.insert(entry).second, "index: a grid appears twice at one time");
-    result.entries.push_back(entry);
-    ++result.sliceBegin[entry.first + 1];
+    require(seen.emplace(read.timeRow, read.nameRow).second,
+            "index: a grid appears twice at one time");
+    result.entries.push_back(read);
+    ++result.sliceBegin[read.timeRow + 1];
   }
   for (size_t row = 1; row <= times; ++row) result.sliceBegin[row] += result.sliceBegin[row - 1];
   if (linkExists(index, layout::EntryBytes)) {
@@ -108,9 +113,25 @@ void readEntries(hid_t index, Index& result) {
   }
 }
 
-Index readIndex(hid_t file) {
+/// The ends of the structure texts, checked against the texts' data set.
+std::vector<uint64_t> readStructureEnds(hid_t index, hid_t structures) {
+  std::vector<uint64_t> ends = readVector<uint64_t>(index, layout::StructureEnds);
+  const std::vector<hsize_t> extents = datasetExtents(structures);
+  require(extents.size() == 1, "index: \"structures\" is not one-dimensional");
+  Datatype type = datasetType(structures);
+  require(H5Tget_class(type.id()) == H5T_INTEGER && H5Tget_size(type.id()) == 1,
+          "index: \"structures\" does not hold bytes");
+  for (size_t row = 0; row < ends.size(); ++row) {
+    require(ends[row] <= extents[0] && (row == 0 || ends[row] >= ends[row - 1]),
+            "index: structure ends are out of order");
+  }
+  return ends;
+}
+
+Index readIndex(hid_t file, hid_t structures) {
   Index result;
   Group index = openGroup(file, layout::IndexGroup);
+  result.structureEnds = readStructureEnds(index.id(), structures);
   result.times = readVector<double>(index.id(), layout::Times);
   checkTimes(result.times);
   result.names = readNames(index.id());
@@ -120,11 +141,6 @@ Index readIndex(hid_t file) {
               std::to_string(result.names.size()) + " grid names");
   checkParents(result.parents);
   readEntries(index.id(), result);
-  Group grids = openGroup(file, layout::GridsGroup);
-  const uint64_t held = countLinks(grids.id());
-  require(held == result.entries.size(), "the index lists " +
-                                             std::to_string(result.entries.size()) +
-                                             " grids, the file holds " + std::to_string(held));
   result.sliceAttributes.assign(result.times.size(), false);
   if (linkExists(file, layout::SlicesGroup)) {
     Group slices = openGroup(file, layout::SlicesGroup);
@@ -175,20 +191,14 @@ void readAttributes(hid_t object, Ostrak::Attributes& into) {
 
 // ---- one grid ----------------------------------------------------------------------
 
-/// Checks that a data set of `bytes` bytes could be what the file stores,
-/// before anything is allocated for it.
-void checkStoredSize(hid_t dataset, uint64_t bytes, const std::string& what) {
+/// Checks that a data set of `bytes` bytes could be what a file of
+/// `fileBytes` bytes stores, before anything is allocated for it.
+void checkStoredSize(hid_t dataset, uint64_t bytes, uint64_t fileBytes, const std::string& what) {
   const uint64_t stored = H5Dget_storage_size(dataset);
   // Deflate packs at most about a thousand to one.
   require(bytes <= stored * 1100 + 65536, what + ": its extents ask for " + std::to_string(bytes) +
                                               " bytes, the file stores " + std::to_string(stored));
-  hid_t file = H5Iget_file_id(dataset);
-  if (file >= 0) {
-    hsize_t fileSize = 0;
-    H5Fget_filesize(file, &fileSize);
-    H5Fclose(file);
-    require(stored <= fileSize, what + ": it claims more bytes than its file holds");
-  }
+  require(stored <= fileBytes, what + ": it claims more bytes than its file holds");
 }
 
 /// A number of the structure within [low, high].
@@ -226,6 +236,7 @@ class GridReader {
              const StrongPtr<GridID>& id, double time,
              const StrongPtr<Ostrak::LoaderProgress>& progress)
       : source_(std::move(source)),
+        entry_(entry),
         path_(layout::gridPath(entry)),
         grid_(grid),
         id_(id),
@@ -233,11 +244,14 @@ class GridReader {
         vetoes_(Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(progress)) {}
 
   void read() {
-    Group group = openGroup(source_->file(), path_);
-    Json structure;
+    const std::shared_ptr<const Json> structure =
+        source_->structure(source_->index().entries[entry_].structureRow);
     try {
-      structure = Json::parse(readString(group.id(), layout::Structure));
-      const Json& skeletons = structure.at(layout::Skeletons);
+      if (structure->value(layout::HasAttributes, false)) {
+        Group group = openGroup(source_->file(), path_);
+        readAttributes(group.id(), grid_);
+      }
+      const Json& skeletons = structure->at(layout::Skeletons);
       std::vector<StrongPtr<Skeleton>> made;
       for (const Json& skeleton : skeletons) made.push_back(makeSkeleton(skeleton));
       for (size_t i = 0; i < made.size(); ++i) {
@@ -355,21 +369,24 @@ class GridReader {
     DynamicSize size = extentsOf(described, what);
     require(size.elements() <= UINT64_MAX / type.size(), what + ": its extents overflow");
     return StrongPtr<CreativeArrayBase>(new DeferredCreator(
-        type, size, arrayProducer(source_, path_ + "/" + dataset, type, size, stored, what)));
+        type, size,
+        arrayProducer(source_, layout::arrayName(entry_, dataset), type, size, stored, what)));
   }
 
-  static DeferredCreator::Producer arrayProducer(std::shared_ptr<Source> source, std::string path,
+  static DeferredCreator::Producer arrayProducer(std::shared_ptr<Source> source, std::string name,
                                                  const QuarilTypeBase& type, DynamicSize size,
                                                  layout::StoredType stored, std::string what) {
-    return [source = std::move(source), path = std::move(path), &type, size = std::move(size),
+    return [source = std::move(source), name = std::move(name), &type, size = std::move(size),
             stored, what = std::move(what)]() -> StrongPtr<MemBase, Cacheable> {
       Session session;
       const std::string where = source->path() + ": " + what;
       try {
-        Dataset dataset = openDataset(source->file(), path);
+        require(source->arrays() >= 0, "the file has no group \"arrays\"");
+        Dataset dataset = openDataset(source->arrays(), name);
         require(datasetExtents(dataset.id()) == layout::fileExtents(size, stored),
                 "its data set does not have the extents " + size.str());
-        checkStoredSize(dataset.id(), size.elements() * type.size(), "its data set");
+        checkStoredSize(dataset.id(), size.elements() * type.size(), source->fileBytes(),
+                        "its data set");
         StrongPtr<MemBase, Cacheable> array = makeMemArray(type, size, false);
         require(array.valid(), "no array of type " + type.name());
         if (array->nElements() > 0) {
@@ -383,6 +400,7 @@ class GridReader {
   }
 
   std::shared_ptr<Source> source_;
+  uint64_t entry_;
   std::string path_;
   Grid& grid_;
   StrongPtr<GridID> id_;
@@ -431,7 +449,7 @@ class SliceLoader : public Slice::Loader {
     }
     GridList& list = *bundle->getGridList();
     for (uint64_t entry = index.sliceBegin[row_]; entry < index.sliceBegin[row_ + 1]; ++entry) {
-      const std::string& name = index.names[index.entries[entry].second];
+      const std::string& name = index.names[index.entries[entry].nameRow];
       StrongPtr<GridID> id = list[name];
       StrongPtr<Grid> grid(
           new Grid(WeakPtr<GridContainer>(bundle->getGridList()), bundle->getCharts()));
@@ -461,9 +479,36 @@ std::shared_ptr<Source> Source::open(const std::string& path) {
   Session session;
   require(looksLikeHdf5(path), "not an HDF5 file");
   std::shared_ptr<Source> source(new Source(path, openFile(path)));
+  hsize_t bytes = 0;
+  check(H5Fget_filesize(source->file(), &bytes), "cannot read the file's size");
+  source->fileBytes_ = bytes;
   checkFormat(source->file());
-  source->index_ = readIndex(source->file());
+  source->structures_ =
+      openDataset(openGroup(source->file(), layout::IndexGroup).id(), layout::Structures);
+  source->index_ = readIndex(source->file(), source->structures_.id());
+  if (linkExists(source->file(), layout::ArraysGroup)) {
+    source->arrays_ = openGroup(source->file(), layout::ArraysGroup);
+  }
   return source;
+}
+
+std::shared_ptr<const Json> Source::structure(uint64_t row) {
+  auto found = parsed_.find(row);
+  if (found != parsed_.end()) return found->second;
+  const uint64_t begin = row == 0 ? 0 : index_.structureEnds[row - 1];
+  const std::vector<uint8_t> text =
+      readBytes(structures_.id(), begin, index_.structureEnds[row] - begin, "a structure");
+  std::shared_ptr<const Json> parsed;
+  try {
+    parsed = std::make_shared<const Json>(Json::parse(text.begin(), text.end()));
+  } catch (const Json::exception& error) {
+    throw Failure(std::string("its structure: ") + error.what());
+  }
+  require(parsed->is_object(), "its structure is not a JSON object");
+  // Time series share a few structures; a file of distinct ones is not kept whole.
+  if (parsed_.size() >= 256) parsed_.clear();
+  parsed_.emplace(row, parsed);
+  return parsed;
 }
 
 Source::~Source() {
@@ -511,9 +556,9 @@ void checkSource(const std::shared_ptr<Source>& source) {
   StrongPtr<GlobalCharts> charts(new GlobalCharts);
   StrongPtr<GridList> list(new GridList);
   for (uint64_t entry = 0; entry < index.entries.size(); ++entry) {
-    const std::string& name = index.names[index.entries[entry].second];
+    const std::string& name = index.names[index.entries[entry].nameRow];
     const std::string what = "grid " + inQuotes(name) + " at time " +
-                             std::to_string(index.times[index.entries[entry].first]) + ": ";
+                             std::to_string(index.times[index.entries[entry].timeRow]) + ": ";
     StrongPtr<Grid> grid(new Grid(WeakPtr<GridContainer>(list), charts));
     GridReader reader(source, entry, *grid, (*list)[name], 0, {});
     try {

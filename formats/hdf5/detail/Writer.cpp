@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <map>
 #include <set>
+#include <unordered_map>
 #include <variant>
 
 #include <nlohmann/json.hpp>
@@ -37,6 +38,7 @@ struct Entry {
   StrongPtr<GridID> id;
   StrongPtr<Grid> grid;
   uint64_t nameRow = 0;
+  uint64_t structureRow = 0;
 };
 
 /// Where a fragment sits, as the hooks are told.
@@ -91,10 +93,11 @@ class BundleWriter {
     writeNumbers<int32_t>(file, layout::VersionAttribute,
                           {layout::VersionMajor, layout::VersionMinor});
     writeString(file, layout::FormatAttribute, layout::FormatName);
-    Group grids = createGroup(file, layout::GridsGroup);
+    file_ = file;
+    arrays_ = createGroup(file, layout::ArraysGroup);
     std::vector<uint64_t> entryBytes;
     for (size_t row = 0; row < entries_.size(); ++row) {
-      entryBytes.push_back(writeGrid(grids.id(), row));
+      entryBytes.push_back(writeGrid(row));
       if (request_.progress) request_.progress->progress(row + 1, entries_.size());
     }
     if (policy_->getSaveAttributes()) writeSliceAndBundleAttributes(file);
@@ -164,9 +167,18 @@ class BundleWriter {
     for (const Entry& entry : entries_) {
       rows.push_back(static_cast<int64_t>(entry.timeRow));
       rows.push_back(static_cast<int64_t>(entry.nameRow));
+      rows.push_back(static_cast<int64_t>(entry.structureRow));
     }
-    writeVector<int64_t>(index.id(), layout::Entries, rows, 2);
+    writeVector<int64_t>(index.id(), layout::Entries, rows, layout::EntryColumns);
     writeVector<uint64_t>(index.id(), layout::EntryBytes, entryBytes);
+    std::vector<uint8_t> texts;
+    std::vector<uint64_t> textEnds;
+    for (const std::string* text : structures_) {
+      texts.insert(texts.end(), text->begin(), text->end());
+      textEnds.push_back(texts.size());
+    }
+    writeVector<uint8_t>(index.id(), layout::Structures, texts);
+    writeVector<uint64_t>(index.id(), layout::StructureEnds, textEnds);
   }
 
   void writeSliceAndBundleAttributes(hid_t file) {
@@ -185,14 +197,13 @@ class BundleWriter {
 
   // ---- one grid ---------------------------------------------------------------
 
-  /// Writes entry `row`: its group, one data set per stored array and the
-  /// structure that says what they are. Returns the bytes of data written.
-  uint64_t writeGrid(hid_t grids, size_t row) {
+  /// Writes entry `row`: one data set per stored array, its attributes and
+  /// the structure that says what they are. Returns the bytes of data written.
+  uint64_t writeGrid(size_t row) {
     const Entry& entry = entries_[row];
-    Group group = createGroup(grids, std::to_string(row));
     policy_->writtenGrids().insert(entry.id);
     const Grid& grid = *entry.grid;
-    GridWriting writing{group.id(), row, 0, 0};
+    GridWriting writing{row, 0, 0};
     Json skeletons = Json::array();
     grid.iterate([&](const SkeletonID& id, const StrongPtr<Skeleton>& skeleton) {
       Json representations = Json::array();
@@ -215,20 +226,29 @@ class BundleWriter {
                            {layout::Representations, std::move(representations)}});
       return true;
     });
-    std::string structure;
+    Json structure{{layout::Skeletons, std::move(skeletons)}};
+    if (policy_->getSaveAttributes() && grid.numberOfAttributes() > 0) {
+      if (!grids_) grids_ = createGroup(file_, layout::GridsGroup);
+      Group group = createGroup(grids_.id(), std::to_string(row));
+      writeAttributes(group.id(), grid);
+      structure[layout::HasAttributes] = true;
+    }
+    std::string text;
     try {
-      structure = Json{{layout::Skeletons, std::move(skeletons)}}.dump();
+      text = structure.dump();
     } catch (const Json::exception& error) {
       throw Failure("grid \"" + entry.id->getName() + "\": its names must be UTF-8 texts (" +
                     error.what() + ")");
     }
-    writeString(group.id(), layout::Structure, structure);
+    // Time series repeat their grids' structures: each text is stored once.
+    auto [known, added] = structureRows_.emplace(std::move(text), structures_.size());
+    if (added) structures_.push_back(&known->first);
+    entries_[row].structureRow = known->second;
     return writing.bytes;
   }
 
   /// What is being written into one grid group.
   struct GridWriting {
-    hid_t group;
     size_t row;
     int datasets;
     uint64_t bytes;
@@ -362,8 +382,9 @@ class BundleWriter {
     const Storage storage =
         storageFor(place, field, fieldName, creator, fragment, data, extents, bytes);
 
-    hid_t parent = writing.group;
-    std::string datasetName = name;
+    hid_t parent = arrays_.id();
+    const std::string linkName = layout::arrayName(writing.row, name);
+    std::string datasetName = linkName;
     Group externalGroup;
     auto [externalFile, externalPath] = policy_->getExternalLocation(
         place.time, place.gridName, place.skeleton, place.representation, fieldName);
@@ -382,7 +403,7 @@ class BundleWriter {
                   "\" already");
       externalGroup = externalParent(externalFile, inside, datasetName);
       parent = externalGroup.id();
-      linkExternal(writing.group, name, reference, inside);
+      linkExternal(arrays_.id(), linkName, reference, inside);
     }
     Dataset dataset = writeDataset(parent, datasetName, fileType.id(), stored.component, extents,
                                    data->rawData(), storage);
@@ -475,6 +496,9 @@ class BundleWriter {
   }
 
   const Bundle& bundle_;
+  hid_t file_ = H5I_INVALID_HID;
+  Group arrays_;
+  Group grids_;
   fs::path directory_;
   std::string target_;
   const WriteRequest& request_;
@@ -483,6 +507,8 @@ class BundleWriter {
   std::vector<double> times_;
   std::vector<const Slice*> slices_;
   std::map<std::string, uint64_t> nameRows_;
+  std::unordered_map<std::string, uint64_t> structureRows_;
+  std::vector<const std::string*> structures_;  // keys of structureRows_, by row
   std::map<std::string, File> externalFiles_;
   std::set<std::string> externalPlaces_;
 };

@@ -1,7 +1,7 @@
 // The C++ side of the h5py interoperability test:
 //   interop_helper write FILE   saves the sample bundle of the tests
 //   interop_helper dump FILE    loads FILE and prints it, one line each: "attribute <name>
-//     <text>", "slice <time>", "grid <name> <parent or ->", "field <name> <type> <values>",
+//     <text>", "slice <time>", "grid-attribute <name> <text>", "grid <name> <parent or ->", "field <name> <type> <values>",
 //     "uniform <name> <origin> <spacing> <extents>"
 
 #include <cstdio>
@@ -26,18 +26,24 @@ void printValues(const MemBase& data) {
   }
 }
 
-void dump(const Bundle& bundle) {
-  for (const auto& [name, value] : bundle.attributes()) {
+/// Prints the text attributes, one line each: "<kind> <name> <text>".
+void printTexts(const char* kind, const Ostrak::Attributes& attributes) {
+  for (const auto& [name, value] : attributes.attributes()) {
     if (auto* text = std::get_if<std::string>(&value)) {
-      std::printf("attribute %s %s\n", name.c_str(), text->c_str());
+      std::printf("%s %s %s\n", kind, name.c_str(), text->c_str());
     }
   }
+}
+
+void dump(const Bundle& bundle) {
+  printTexts("attribute", bundle);
   for (const auto& [time, slice] : bundle.getSlices()) {
     std::printf("slice %.17g\n", time);
     slice->accessSlice();
     for (const auto& [id, grid] : slice->getGrids()) {
       const GridID* parent = id->getParent().get();
       std::printf("grid %s %s\n", id->getName().c_str(), parent ? parent->getName().c_str() : "-");
+      printTexts("grid-attribute", *grid);
       std::string shape;
       for (const auto& [where, field] : Testing::detail::fieldsOf(*grid, shape)) {
         auto data = field->getData();
