@@ -1,8 +1,11 @@
 #include "formats/hdf5/detail/Hdf5.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <array>
 #include <cstring>
-#include <fstream>
 #include <limits>
 #include <type_traits>
 
@@ -99,18 +102,21 @@ File openFile(const std::string& path) {
 
 bool looksLikeHdf5(const std::string& path) {
   static const std::array<char, 8> signature{'\211', 'H', 'D', 'F', '\r', '\n', '\032', '\n'};
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  in.seekg(0, std::ios::end);
-  const std::streamoff size = in.tellg();
-  // The signature sits at 0 or, after a user block, at 512, 1024, 2048, ...
-  for (std::streamoff offset = 0; offset + 8 <= size; offset = offset ? offset * 2 : 512) {
-    std::array<char, 8> head{};
-    in.seekg(offset);
-    if (!in.read(head.data(), head.size())) return false;
-    if (head == signature) return true;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct stat status {};
+  bool found = false;
+  if (fstat(fd, &status) == 0) {
+    // The signature sits at 0 or, after a user block, at 512, 1024, 2048, ...
+    for (off_t offset = 0; !found && offset + 8 <= status.st_size;
+         offset = offset ? offset * 2 : 512) {
+      std::array<char, 8> head{};
+      if (pread(fd, head.data(), head.size(), offset) != static_cast<ssize_t>(head.size())) break;
+      found = head == signature;
+    }
   }
-  return false;
+  ::close(fd);
+  return found;
 }
 
 // ---- groups and links ----------------------------------------------------------

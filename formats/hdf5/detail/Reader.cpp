@@ -40,11 +40,11 @@ void checkFormat(hid_t file) {
 
 void checkTimes(const std::vector<double>& times) {
   for (size_t row = 0; row < times.size(); ++row) {
-    require(!std::isnan(times[row]), "index: time " + std::to_string(row) + " is NaN");
-    if (row == 0) continue;
+    if (std::isnan(times[row])) throw Failure("index: time " + std::to_string(row) + " is NaN");
+    if (row == 0 || times[row] > times[row - 1]) continue;
     require(times[row] != times[row - 1],
             "index: the time " + std::to_string(times[row]) + " appears twice");
-    require(times[row] > times[row - 1], "index: times are not in ascending order");
+    throw Failure("index: times are not in ascending order");
   }
 }
 
@@ -85,21 +85,28 @@ void readEntries(hid_t index, Index& result) {
   const uint64_t names = result.names.size();
   const uint64_t structures = result.structureEnds.size();
   result.sliceBegin.assign(times + 1, 0);
-  std::set<std::pair<uint64_t, uint64_t>> seen;
+  // The time row after the last one each name was seen at (0: not yet).
+  std::vector<uint64_t> seenBefore(names, 0);
+  result.entries.reserve(rows.size() / layout::EntryColumns);
   for (size_t i = 0; i + 2 < rows.size(); i += layout::EntryColumns) {
-    const std::string entry = "index: entry " + std::to_string(i / layout::EntryColumns);
     auto within = [](int64_t row, uint64_t count) {
       return row >= 0 && static_cast<uint64_t>(row) < count;
     };
-    require(within(rows[i], times), entry + " names a time that does not exist");
-    require(within(rows[i + 1], names), entry + " names a grid that does not exist");
-    require(within(rows[i + 2], structures), entry + " names a structure that does not exist");
+    auto fail = [i](const std::string& problem) {
+      throw Failure("index: entry " + std::to_string(i / layout::EntryColumns) + " " + problem);
+    };
+    if (!within(rows[i], times)) fail("names a time that does not exist");
+    if (!within(rows[i + 1], names)) fail("names a grid that does not exist");
+    if (!within(rows[i + 2], structures)) fail("names a structure that does not exist");
     const IndexEntry read{static_cast<uint64_t>(rows[i]), static_cast<uint64_t>(rows[i + 1]),
                           static_cast<uint64_t>(rows[i + 2])};
-    require(result.entries.empty() || read.timeRow >= result.entries.back().timeRow,
-            "index: entries are not ordered by time");
-    require(seen.emplace(read.timeRow, read.nameRow).second,
-            "index: a grid appears twice at one time");
+    if (!result.entries.empty() && read.timeRow < result.entries.back().timeRow) {
+      throw Failure("index: entries are not ordered by time");
+    }
+    if (seenBefore[read.nameRow] == read.timeRow + 1) {
+      throw Failure("index: a grid appears twice at one time");
+    }
+    seenBefore[read.nameRow] = read.timeRow + 1;
     result.entries.push_back(read);
     ++result.sliceBegin[read.timeRow + 1];
   }
@@ -379,7 +386,6 @@ class GridReader {
     return [source = std::move(source), name = std::move(name), &type, size = std::move(size),
             stored, what = std::move(what)]() -> StrongPtr<MemBase, Cacheable> {
       Session session;
-      const std::string where = source->path() + ": " + what;
       try {
         require(source->arrays() >= 0, "the file has no group \"arrays\"");
         Dataset dataset = openDataset(source->arrays(), name);
@@ -394,7 +400,7 @@ class GridReader {
         }
         return array;
       } catch (const Failure& failure) {
-        throw Failure(where + ": " + failure.what());
+        throw Failure(source->path() + ": " + what + ": " + failure.what());
       }
     };
   }
