@@ -48,10 +48,13 @@ inline constexpr const char* BundleAttributes = "attributes";  // the bundle's a
 //    "skeletons": [{"dimension", "index", "elements", "refinement",
 //     "representations": [{"chart", "chart_dimension", "chart_cartesian" |
 //                           "skeleton": [dimension, index],
-//       "fields": [{"name", "type",
+//       "fields": [{"name", "type", "partial"?: true,
 //         "fragments": [{"fragment"?, "dataset", "extents"} |
 //                       {"fragment"?, "uniform": {"origin", "spacing", "extents"}}]}]}]}]}
 inline constexpr const char* HasAttributes = "attributes";
+// A field of a later part of a bound series that adds fragments to the field
+// read before, instead of replacing it.
+inline constexpr const char* Partial = "partial";
 inline constexpr const char* Skeletons = "skeletons";
 inline constexpr const char* Dimension = "dimension";
 inline constexpr const char* SkeletonIndex = "index";

@@ -8,6 +8,7 @@
 
 #include "field/CreativeArrayBase.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
+#include "formats/hdf5/detail/Stored.hpp"
 #include "ostrak/Diagnostics.hpp"
 
 namespace Quaril::H5::detail {
@@ -148,6 +149,7 @@ Index readIndex(hid_t file, hid_t structures) {
               std::to_string(result.names.size()) + " grid names");
   checkParents(result.parents);
   readEntries(index.id(), result);
+  result.bundleAttributes = linkExists(file, layout::BundleAttributes);
   result.sliceAttributes.assign(result.times.size(), false);
   if (linkExists(file, layout::SlicesGroup)) {
     Group slices = openGroup(file, layout::SlicesGroup);
@@ -235,35 +237,43 @@ DynamicSize extentsOf(const Json& object, const std::string& what) {
   return size;
 }
 
-/// Builds one grid from its group's structure, with data creators that read
-/// each array on the first request.
+/// Builds one grid, or adds to it, from an entry's structure, with data
+/// creators that read each array on the first request.
 class GridReader {
  public:
-  GridReader(std::shared_ptr<Source> source, uint64_t entry, Grid& grid,
+  GridReader(const std::shared_ptr<PartSource>& part, Source& source, uint64_t entry, Grid& grid,
              const StrongPtr<GridID>& id, double time,
              const StrongPtr<Ostrak::LoaderProgress>& progress)
-      : source_(std::move(source)),
+      : part_(part),
+        source_(source),
         entry_(entry),
-        path_(layout::gridPath(entry)),
         grid_(grid),
         id_(id),
         time_(time),
         vetoes_(Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(progress)) {}
 
+  /// The entry's structure, parsed.
+  const Json& structure() {
+    if (!structure_) structure_ = source_.structure(source_.index().entries[entry_].structureRow);
+    return *structure_;
+  }
+
   void read() {
-    const std::shared_ptr<const Json> structure =
-        source_->structure(source_->index().entries[entry_].structureRow);
     try {
-      if (structure->value(layout::HasAttributes, false)) {
-        Group group = openGroup(source_->file(), path_);
-        readAttributes(group.id(), grid_);
+      if (structure().value(layout::HasAttributes, false)) {
+        Group group = openGroup(source_.file(), layout::gridPath(entry_));
+        Ostrak::Attributes attributes;
+        readAttributes(group.id(), attributes);
+        static_cast<Ostrak::Attributes&>(grid_) = attributes;
       }
-      const Json& skeletons = structure->at(layout::Skeletons);
+      collectFragments();
+      const Json& skeletons = structure().at(layout::Skeletons);
       std::vector<StrongPtr<Skeleton>> made;
       for (const Json& skeleton : skeletons) made.push_back(makeSkeleton(skeleton));
       for (size_t i = 0; i < made.size(); ++i) {
+        std::set<const Representation*> seen;
         for (const Json& rep : skeletons[i].at(layout::Representations)) {
-          readRepresentation(rep, *made[i]);
+          readRepresentation(rep, *made[i], seen);
         }
       }
     } catch (const Json::exception& error) {
@@ -275,15 +285,22 @@ class GridReader {
   const std::vector<StrongPtr<CreativeArrayBase>>& creators() const noexcept { return creators_; }
 
  private:
+  /// A skeleton of the structure; one the grid has already (from an earlier
+  /// part) is taken as it is, when it has the same elements.
   StrongPtr<Skeleton> makeSkeleton(const Json& skeleton) {
     const int dimension = numberIn<int>(skeleton, layout::Dimension, 0, 64);
     const int index = numberIn<int>(skeleton, layout::SkeletonIndex, 0, INT32_MAX);
     const uint64_t elements = numberIn<uint64_t>(skeleton, layout::Elements, 0, UINT64_MAX);
     const int refinement = numberIn<int>(skeleton, layout::Refinement, 1, 1 << 30);
-    StrongPtr<Skeleton> made =
-        grid_.makeSkeleton(SkeletonID(dimension, index), elements, refinement);
-    require(made.valid(), SkeletonID(dimension, index).Name() + " appears twice");
-    return made;
+    const SkeletonID id(dimension, index);
+    require(madeSkeletons_.insert({dimension, index}).second, id.Name() + " appears twice");
+    if (StrongPtr<Skeleton> existing = grid_.getSkeleton(id)) {
+      require(existing->getNumberOfElements() == elements &&
+                  existing->getIsotropicRefinementFactor() == refinement,
+              id.Name() + " differs from the one read before");
+      return existing;
+    }
+    return grid_.makeSkeleton(id, elements, refinement);
   }
 
   WeakPtr<BaseSpace> readBase(const Json& rep) {
@@ -304,26 +321,36 @@ class GridReader {
     return WeakPtr<BaseSpace>(skeleton);
   }
 
-  void readRepresentation(const Json& rep, Skeleton& skeleton) {
-    const WeakPtr<BaseSpace> base = readBase(rep);
-    require(!skeleton.getRepresentation(base).valid(), "a representation appears twice");
-    StrongPtr<Representation> representation = skeleton.makeRepresentation(base);
-    for (const Json& field : rep.at(layout::Fields)) readField(field, *representation);
+  void readRepresentation(const Json& rep, Skeleton& skeleton,
+                          std::set<const Representation*>& seen) {
+    StrongPtr<Representation> representation = skeleton.makeRepresentation(readBase(rep));
+    require(representation && seen.insert(representation.get()).second,
+            "a representation appears twice");
+    std::set<std::string> fields;
+    for (const Json& field : rep.at(layout::Fields)) readField(field, *representation, fields);
   }
 
-  void readField(const Json& described, Representation& representation) {
+  void readField(const Json& described, Representation& representation,
+                 std::set<std::string>& names) {
     const std::string name = described.at(layout::FieldName).get<std::string>();
     const std::string typeName = described.at(layout::ElementType).get<std::string>();
     const std::string what = "field " + inQuotes(name);
     require(!name.empty(), "a field has no name");
-    require(!representation.findField(name).valid(), what + " appears twice");
+    require(names.insert(name).second, what + " appears twice");
     const QuarilTypeBase* type = QuarilTypeBase::findType(typeName);
     require(type != nullptr, what + ": unknown element type " + inQuotes(typeName));
     const layout::StoredType stored = layout::storedType(*type);
     require(stored.component >= 0,
             what + ": elements of type " + inQuotes(typeName) + " cannot be read");
-    if (vetoes_ && !vetoes_->CreateField(id_, grid_, time_, name)) return;
-    StrongPtr<Field> field(new Field(*type));
+    // A partial field adds its fragments to the field read before.
+    StrongPtr<Field> field = described.value(layout::Partial, false)
+                                 ? representation.findField(name)
+                                 : StrongPtr<Field>();
+    if (field && &field->getElementDescriptor() != type) field.reset();
+    if (!field) {
+      if (vetoes_ && !vetoes_->CreateField(id_, grid_, time_, name)) return;
+      field = StrongPtr<Field>(new Field(*type));
+    }
     std::set<const FragmentID*> seen;
     for (const Json& fragmentJson : described.at(layout::Fragments)) {
       StrongPtr<FragmentID> fragment = fragmentNamed(fragmentJson);
@@ -338,6 +365,30 @@ class GridReader {
       field->setCreator(creator, fragment);
     }
     representation.setField(name, field);
+  }
+
+  /// The fragment identities the grid has already, by name, so that a later
+  /// part's fragment replaces the one of the same name.
+  void collectFragments() {
+    struct Collect : FragmentIterator {
+      std::map<std::string, StrongPtr<FragmentID>>& into;
+      explicit Collect(std::map<std::string, StrongPtr<FragmentID>>& into) : into(into) {}
+      bool apply(const StrongPtr<FragmentID>& fragment,
+                 const StrongPtr<CreativeArrayBase>&) override {
+        if (fragment) into.emplace(fragment->Name(), fragment);
+        return true;
+      }
+    } collect(fragments_);
+    grid_.iterate([&](const SkeletonID&, const StrongPtr<Skeleton>& skeleton) {
+      skeleton->iterate([&](const WeakPtr<BaseSpace>&, const StrongPtr<Representation>& rep) {
+        rep->iterate([&](const StrongPtr<FieldID>&, const StrongPtr<Field>& field) {
+          field->iterate(collect);
+          return true;
+        });
+        return true;
+      });
+      return true;
+    });
   }
 
   /// The fragment named in the description, one identity per name in the
@@ -377,16 +428,17 @@ class GridReader {
     require(size.elements() <= UINT64_MAX / type.size(), what + ": its extents overflow");
     return StrongPtr<CreativeArrayBase>(new DeferredCreator(
         type, size,
-        arrayProducer(source_, layout::arrayName(entry_, dataset), type, size, stored, what)));
+        arrayProducer(part_, layout::arrayName(entry_, dataset), type, size, stored, what)));
   }
 
-  static DeferredCreator::Producer arrayProducer(std::shared_ptr<Source> source, std::string name,
+  static DeferredCreator::Producer arrayProducer(std::shared_ptr<PartSource> part, std::string name,
                                                  const QuarilTypeBase& type, DynamicSize size,
                                                  layout::StoredType stored, std::string what) {
-    return [source = std::move(source), name = std::move(name), &type, size = std::move(size),
-            stored, what = std::move(what)]() -> StrongPtr<MemBase, Cacheable> {
+    return [part = std::move(part), name = std::move(name), &type, size = std::move(size), stored,
+            what = std::move(what)]() -> StrongPtr<MemBase, Cacheable> {
       Session session;
       try {
+        const std::shared_ptr<Source> source = part->get();
         require(source->arrays() >= 0, "the file has no group \"arrays\"");
         Dataset dataset = openDataset(source->arrays(), name);
         require(datasetExtents(dataset.id()) == layout::fileExtents(size, stored),
@@ -400,18 +452,20 @@ class GridReader {
         }
         return array;
       } catch (const Failure& failure) {
-        throw Failure(source->path() + ": " + what + ": " + failure.what());
+        throw Failure(part->path() + ": " + what + ": " + failure.what());
       }
     };
   }
 
-  std::shared_ptr<Source> source_;
+  std::shared_ptr<PartSource> part_;
+  Source& source_;
   uint64_t entry_;
-  std::string path_;
   Grid& grid_;
   StrongPtr<GridID> id_;
   double time_;
   StrongPtr<BundleLoaderProgress> vetoes_;
+  std::shared_ptr<const Json> structure_;
+  std::set<std::pair<int, int>> madeSkeletons_;
   std::map<std::string, StrongPtr<FragmentID>> fragments_;
   std::vector<StrongPtr<CreativeArrayBase>> creators_;
 };
@@ -426,45 +480,84 @@ void report(const StrongPtr<Ostrak::LoaderProgress>& progress, const std::string
   }
 }
 
-/// Reads a slice's grids and attributes on the slice's first access.
+/// Reads a slice's grids and attributes on the slice's first access, from
+/// every part that holds some of them, in the parts' order.
 class SliceLoader : public Slice::Loader {
  public:
-  SliceLoader(std::shared_ptr<Source> source, uint64_t row,
-              const StrongPtr<Ostrak::LoaderProgress>& progress)
-      : source_(std::move(source)),
-        row_(row),
+  using Rows = std::vector<std::pair<std::shared_ptr<PartSource>, uint64_t>>;
+
+  SliceLoader(Rows rows, const StrongPtr<Ostrak::LoaderProgress>& progress,
+              std::shared_ptr<Stored> stored)
+      : rows_(std::move(rows)),
         progress_(progress),
-        vetoes_(Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(progress)) {}
+        vetoes_(Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(progress)),
+        stored_(std::move(stored)) {}
 
   bool load(const WeakPtr<Slice>& weakSlice) override {
     Slice* slice = weakSlice.get();
     Bundle* bundle = slice ? slice->getOwningBundle() : nullptr;
     if (!bundle || !bundle->getGridList()) return false;
     Session session;
-    const Index& index = source_->index();
-    const double time = index.times[row_];
     bool complete = true;
-    if (index.sliceAttributes[row_]) {
+    std::vector<StrongPtr<Grid>> grids;
+    for (const auto& [part, row] : rows_) {
       try {
-        Group group = openGroup(source_->file(), layout::slicePath(row_));
-        readAttributes(group.id(), *slice);
+        const std::shared_ptr<Source> source = part->get();
+        require(row < source->index().times.size() &&
+                    source->index().times[row] == slice->getTime(),
+                "it does not hold the time " + std::to_string(slice->getTime()) +
+                    " that the series lists");
+        complete = loadRow(*slice, *bundle, part, *source, row, grids) && complete;
       } catch (const Failure& failure) {
-        report(progress_, source_->path() + ": slice attributes: " + failure.what());
+        report(progress_, part->path() + ": " + failure.what());
         complete = false;
       }
     }
-    GridList& list = *bundle->getGridList();
-    for (uint64_t entry = index.sliceBegin[row_]; entry < index.sliceBegin[row_ + 1]; ++entry) {
+    if (stored_) {
+      stored_->add(SlicePtr(weakSlice).referenceBlock(), slice);
+      for (const StrongPtr<Grid>& grid : grids) stored_->addGrid(grid);
+    }
+    return complete;
+  }
+
+ private:
+  bool loadRow(Slice& slice, Bundle& bundle, const std::shared_ptr<PartSource>& part,
+               Source& source, uint64_t row, std::vector<StrongPtr<Grid>>& grids) {
+    const Index& index = source.index();
+    const double time = index.times[row];
+    bool complete = true;
+    if (index.sliceAttributes[row]) {
+      try {
+        Group group = openGroup(source.file(), layout::slicePath(row));
+        Ostrak::Attributes attributes;
+        readAttributes(group.id(), attributes);
+        static_cast<Ostrak::Attributes&>(slice) = attributes;
+      } catch (const Failure& failure) {
+        report(progress_, source.path() + ": slice attributes: " + failure.what());
+        complete = false;
+      }
+    }
+    GridList& list = *bundle.getGridList();
+    for (uint64_t entry = index.sliceBegin[row]; entry < index.sliceBegin[row + 1]; ++entry) {
       const std::string& name = index.names[index.entries[entry].nameRow];
       StrongPtr<GridID> id = list[name];
-      StrongPtr<Grid> grid(
-          new Grid(WeakPtr<GridContainer>(bundle->getGridList()), bundle->getCharts()));
-      if (vetoes_ && !vetoes_->CreateGrid(id, *grid, time)) continue;
       try {
-        GridReader(source_, entry, *grid, id, time, progress_).read();
-        slice->insert(name, grid);
+        // A partial entry adds to the grid read before; any other makes a
+        // grid that replaces it.
+        const bool adds = source.structure(index.entries[entry].structureRow)
+                              ->value(layout::Partial, false);
+        StrongPtr<Grid> grid = adds ? existingGrid(slice, id) : StrongPtr<Grid>();
+        const bool made = !grid;
+        if (made) {
+          grid = StrongPtr<Grid>(
+              new Grid(WeakPtr<GridContainer>(bundle.getGridList()), bundle.getCharts()));
+          if (vetoes_ && !vetoes_->CreateGrid(id, *grid, time)) continue;
+        }
+        GridReader(part, source, entry, *grid, id, time, progress_).read();
+        if (made) slice.insert(name, grid);
+        grids.push_back(grid);
       } catch (const Failure& failure) {
-        report(progress_, source_->path() + ": grid " + inQuotes(name) + " at time " +
+        report(progress_, source.path() + ": grid " + inQuotes(name) + " at time " +
                               std::to_string(time) + ": " + failure.what());
         complete = false;
       }
@@ -472,11 +565,15 @@ class SliceLoader : public Slice::Loader {
     return complete;
   }
 
- private:
-  std::shared_ptr<Source> source_;
-  uint64_t row_;
+  static StrongPtr<Grid> existingGrid(const Slice& slice, const StrongPtr<GridID>& id) {
+    auto found = slice.getGrids().find(id);
+    return found == slice.getGrids().end() ? StrongPtr<Grid>() : found->second;
+  }
+
+  Rows rows_;
   StrongPtr<Ostrak::LoaderProgress> progress_;
   StrongPtr<BundleLoaderProgress> vetoes_;
+  std::shared_ptr<Stored> stored_;
 };
 
 }  // namespace
@@ -526,34 +623,89 @@ Source::~Source() {
   }
 }
 
-void attachSource(Bundle& bundle, const std::shared_ptr<Source>& source,
-                  const StrongPtr<Ostrak::LoaderProgress>& progress) {
+PartSource::PartSource(std::shared_ptr<Source> open)
+    : path_(open->path()), source_(std::move(open)) {}
+
+PartSource::PartSource(std::string path, std::shared_ptr<Pool> pool)
+    : path_(std::move(path)), pool_(std::move(pool)) {}
+
+PartSource::~PartSource() {
   Session session;
-  const Index& index = source->index();
-  if (linkExists(source->file(), layout::BundleAttributes)) {
+  if (pool_ && source_) pool_->open.erase(place_);
+  source_.reset();
+}
+
+std::shared_ptr<Source> PartSource::get() {
+  if (!pool_) return source_;
+  if (source_) {
+    pool_->open.splice(pool_->open.begin(), pool_->open, place_);
+    return source_;
+  }
+  source_ = Source::open(path_);
+  pool_->open.push_front(this);
+  place_ = pool_->open.begin();
+  // The least recently used part closes once nothing holds it any more.
+  while (pool_->open.size() > pool_->limit) {
+    PartSource* oldest = pool_->open.back();
+    pool_->open.pop_back();
+    oldest->source_.reset();
+  }
+  return source_;
+}
+
+void attachParts(Bundle& bundle, const std::vector<Part>& parts,
+                 const StrongPtr<Ostrak::LoaderProgress>& progress,
+                 const std::shared_ptr<Stored>& stored) {
+  Session session;
+  for (auto part = parts.rbegin(); part != parts.rend(); ++part) {
+    if (!part->index.bundleAttributes) continue;
+    const std::shared_ptr<Source> source = part->source->get();
     Group group = openGroup(source->file(), layout::BundleAttributes);
-    readAttributes(group.id(), bundle);
+    Ostrak::Attributes attributes;
+    readAttributes(group.id(), attributes);
+    static_cast<Ostrak::Attributes&>(bundle) = attributes;
+    if (stored) stored->setBundleAttributes(bundle);
+    break;
   }
   GridList& list = *bundle.getGridList();
-  std::vector<StrongPtr<GridID>> ids;
-  for (const std::string& name : index.names) ids.push_back(list[name]);
-  for (size_t row = 0; row < ids.size(); ++row) {
-    if (index.parents[row] >= 0) {
-      ids[static_cast<size_t>(index.parents[row])]->insertChild(WeakPtr<GridID>(ids[row]));
+  for (const Part& part : parts) {
+    const Index& index = part.index;
+    std::vector<StrongPtr<GridID>> ids;
+    for (const std::string& name : index.names) ids.push_back(list[name]);
+    for (size_t row = 0; row < ids.size(); ++row) {
+      const int64_t parent = index.parents[row];
+      if (parent >= 0 && !ids[row]->getParent()) {
+        ids[static_cast<size_t>(parent)]->insertChild(WeakPtr<GridID>(ids[row]));
+      }
+    }
+  }
+  // Each time's rows in the parts' order; one loader per slice applies them.
+  std::map<double, SliceLoader::Rows> rows;
+  for (const Part& part : parts) {
+    const Index& index = part.index;
+    for (uint64_t row = 0; row < index.times.size(); ++row) {
+      rows[index.times[row]].emplace_back(part.source, row);
     }
   }
   auto vetoes = Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(progress);
-  const uint64_t total = index.times.size();
-  for (uint64_t row = 0; row < total; ++row) {
-    const double time = index.times[row];
+  const uint64_t total = rows.size();
+  uint64_t done = 0;
+  for (auto& [time, sliceRows] : rows) {
+    ++done;
     if (vetoes && !vetoes->CreateSlice(time)) continue;
     SlicePtr slice = bundle[time];
-    if (index.sliceBegin[row + 1] > index.sliceBegin[row] || index.sliceAttributes[row]) {
-      slice->addLoader(StrongPtr<Slice::Loader>(new SliceLoader(source, row, progress)));
-    }
-    if (progress && (row + 1) % 4096 == 0) progress->progress(row + 1, total);
+    slice->addLoader(
+        StrongPtr<Slice::Loader>(new SliceLoader(std::move(sliceRows), progress, stored)));
+    if (progress && done % 4096 == 0) progress->progress(done, total);
   }
   if (progress) progress->progress(total, total);
+}
+
+void attachSource(Bundle& bundle, const std::shared_ptr<Source>& source,
+                  const StrongPtr<Ostrak::LoaderProgress>& progress,
+                  const std::shared_ptr<Stored>& stored) {
+  attachParts(bundle, {Part{std::make_shared<PartSource>(source), source->index()}}, progress,
+              stored);
 }
 
 void checkSource(const std::shared_ptr<Source>& source) {
@@ -561,12 +713,13 @@ void checkSource(const std::shared_ptr<Source>& source) {
   const Index& index = source->index();
   StrongPtr<GlobalCharts> charts(new GlobalCharts);
   StrongPtr<GridList> list(new GridList);
+  const auto part = std::make_shared<PartSource>(source);
   for (uint64_t entry = 0; entry < index.entries.size(); ++entry) {
     const std::string& name = index.names[index.entries[entry].nameRow];
     const std::string what = "grid " + inQuotes(name) + " at time " +
                              std::to_string(index.times[index.entries[entry].timeRow]) + ": ";
     StrongPtr<Grid> grid(new Grid(WeakPtr<GridContainer>(list), charts));
-    GridReader reader(source, entry, *grid, (*list)[name], 0, {});
+    GridReader reader(part, *source, entry, *grid, (*list)[name], 0, {});
     try {
       reader.read();
     } catch (const Failure& failure) {

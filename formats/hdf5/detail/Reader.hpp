@@ -2,6 +2,7 @@
 // Reading files of the format: the index on opening, a slice's grids on the
 // slice's first access, a fragment's data on the first request for it.
 
+#include <list>
 #include <memory>
 #include <unordered_map>
 #include <string>
@@ -13,32 +14,9 @@
 #include "bundle/Bundle.hpp"
 #include "bundle/LoaderControl.hpp"
 #include "formats/hdf5/detail/Hdf5.hpp"
+#include "formats/hdf5/detail/Index.hpp"
 
 namespace Quaril::H5::detail {
-
-/// One grid of one slice in the index.
-struct IndexEntry {
-  uint64_t timeRow;
-  uint64_t nameRow;
-  uint64_t structureRow;
-};
-
-/// The index of one file, checked for consistency.
-struct Index {
-  std::vector<double> times;
-  std::vector<std::string> names;
-  std::vector<int64_t> parents;
-  /// Ordered by time row.
-  std::vector<IndexEntry> entries;
-  /// Data bytes per entry (0 when the file does not say).
-  std::vector<uint64_t> entryBytes;
-  /// The entries of time row r are [sliceBegin[r], sliceBegin[r + 1]).
-  std::vector<uint64_t> sliceBegin;
-  /// Time rows whose slices carry attributes.
-  std::vector<bool> sliceAttributes;
-  /// Where each structure text ends in the structures data set.
-  std::vector<uint64_t> structureEnds;
-};
 
 /// One open file of the format, shared by the slice loaders and the data
 /// creators made from it; closed when the last of them goes. Used under a
@@ -73,13 +51,60 @@ class Source {
   std::unordered_map<uint64_t, std::shared_ptr<const nlohmann::json>> parsed_;
 };
 
-/// Fills `bundle` from `source`: the grid identities and the bundle's
-/// attributes now, one slice per time with a loader that reads its grids
-/// on first access. `progress` (may be null) hears of the progress; when it
-/// is a BundleLoaderProgress, it is asked before each slice, grid and field
-/// is created.
+class Stored;
+
+/// A file of the format opened on first use, which a pool may close again
+/// while it is unused: a bound series may have more parts than a process
+/// may hold open. Used under a Session only.
+class PartSource {
+ public:
+  /// The parts of one series; at most `limit` are open at once.
+  struct Pool {
+    explicit Pool(size_t limit) : limit(limit) {}
+    size_t limit;
+    std::list<PartSource*> open;  ///< most recently used first
+  };
+
+  /// A file already open, which stays open.
+  explicit PartSource(std::shared_ptr<Source> open);
+  /// `path`, opened on first use within `pool`.
+  PartSource(std::string path, std::shared_ptr<Pool> pool);
+  ~PartSource();
+  PartSource(const PartSource&) = delete;
+  PartSource& operator=(const PartSource&) = delete;
+
+  /// The open file. Throws Failure when it cannot be opened.
+  std::shared_ptr<Source> get();
+  const std::string& path() const noexcept { return path_; }
+
+ private:
+  std::string path_;
+  std::shared_ptr<Source> source_;
+  std::shared_ptr<Pool> pool_;
+  std::list<PartSource*>::iterator place_;
+};
+
+/// One file among the files that make a bundle, with what its index says.
+struct Part {
+  std::shared_ptr<PartSource> source;
+  Index index;
+};
+
+/// Fills `bundle` from `parts`, later parts adding to and replacing what
+/// earlier ones hold: the grid identities now, the bundle's attributes from
+/// the last part that has them, and one slice per time with a loader that
+/// reads its grids on first access. `progress` (may be null) hears of the
+/// progress; when it is a BundleLoaderProgress, it is asked before each
+/// slice, grid and field is created. What the loaders read is listed in
+/// `stored` (may be null).
+void attachParts(Bundle& bundle, const std::vector<Part>& parts,
+                 const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress,
+                 const std::shared_ptr<Stored>& stored);
+
+/// As attachParts with the one file `source`.
 void attachSource(Bundle& bundle, const std::shared_ptr<Source>& source,
-                  const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress);
+                  const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress,
+                  const std::shared_ptr<Stored>& stored = {});
 
 /// Reads every grid and every data set of `source`, dropping the data
 /// again. Throws Failure at the first problem.

@@ -100,9 +100,31 @@ class BundleWriter {
       entryBytes.push_back(writeGrid(row));
       if (request_.progress) request_.progress->progress(row + 1, entries_.size());
     }
+    sliceAttributes_.assign(times_.size(), false);
     if (policy_->getSaveAttributes()) writeSliceAndBundleAttributes(file);
     writeIndex(file, entryBytes);
     for (auto& [name, external] : externalFiles_) external.close("cannot close " + name);
+    if (request_.written) report(*request_.written, entryBytes);
+  }
+
+  /// What was written, as a reader would find it in the index.
+  void report(Index& index, const std::vector<uint64_t>& entryBytes) const {
+    index.times = times_;
+    index.names.assign(nameRows_.size(), "");
+    for (const auto& [name, row] : nameRows_) index.names[row] = name;
+    index.parents = parentRows();
+    index.entries.clear();
+    index.sliceBegin.assign(times_.size() + 1, 0);
+    for (const Entry& entry : entries_) {
+      index.entries.push_back({entry.timeRow, entry.nameRow, entry.structureRow});
+      ++index.sliceBegin[entry.timeRow + 1];
+    }
+    for (size_t row = 1; row < index.sliceBegin.size(); ++row) {
+      index.sliceBegin[row] += index.sliceBegin[row - 1];
+    }
+    index.entryBytes = entryBytes;
+    index.sliceAttributes = sliceAttributes_;
+    index.bundleAttributes = bundleAttributes_;
   }
 
  private:
@@ -110,13 +132,16 @@ class BundleWriter {
 
   void collect() {
     std::set<std::string> names;
+    const Selection* selection = request_.selection;
     for (const auto& [time, slice] : bundle_.getSlices()) {
       if (!slice || !policy_->isSaveableTime(time)) continue;
+      if (selection && !selection->slices.count(slice.get())) continue;
       slice->accessSlice();
       const size_t before = entries_.size();
       for (const auto& [id, grid] : slice->getGrids()) {
         if (!id || !grid) continue;
         if (request_.gridNames && !request_.gridNames->contains(id->getName())) continue;
+        if (selection && !selection->grids.count(grid.get())) continue;
         entries_.push_back({time, times_.size(), id, grid});
         for (const GridID* named = id.get(); named; named = named->getParent().get()) {
           if (!names.insert(named->getName()).second) break;
@@ -140,26 +165,13 @@ class BundleWriter {
     writeVector<double>(index.id(), layout::Times, times_);
     std::vector<uint8_t> bytes;
     std::vector<uint64_t> ends;
-    std::vector<int64_t> parents;
-    std::map<const GridID*, std::string> parentNames;
-    for (const Entry& entry : entries_) {
-      for (const GridID* named = entry.id.get(); named; named = named->getParent().get()) {
-        const GridID* parent = named->getParent().get();
-        if (parent) parentNames[named] = parent->getName();
-      }
-    }
-    std::map<std::string, int64_t> parentRows;
-    for (const auto& [child, parent] : parentNames) {
-      parentRows[child->getName()] = static_cast<int64_t>(nameRows_.at(parent));
-    }
     std::vector<std::string> ordered(nameRows_.size());
     for (const auto& [name, row] : nameRows_) ordered[row] = name;
     for (const std::string& name : ordered) {
       bytes.insert(bytes.end(), name.begin(), name.end());
       ends.push_back(bytes.size());
-      auto parent = parentRows.find(name);
-      parents.push_back(parent == parentRows.end() ? -1 : parent->second);
     }
+    const std::vector<int64_t> parents = parentRows();
     writeVector<uint8_t>(index.id(), layout::GridNames, bytes);
     writeVector<uint64_t>(index.id(), layout::GridNameEnds, ends);
     writeVector<int64_t>(index.id(), layout::GridParents, parents);
@@ -181,17 +193,36 @@ class BundleWriter {
     writeVector<uint64_t>(index.id(), layout::StructureEnds, textEnds);
   }
 
+  /// The parent row of each name row, -1 for none.
+  std::vector<int64_t> parentRows() const {
+    std::vector<int64_t> parents(nameRows_.size(), -1);
+    for (const Entry& entry : entries_) {
+      for (const GridID* named = entry.id.get(); named; named = named->getParent().get()) {
+        if (const GridID* parent = named->getParent().get()) {
+          parents[nameRows_.at(named->getName())] =
+              static_cast<int64_t>(nameRows_.at(parent->getName()));
+        }
+      }
+    }
+    return parents;
+  }
+
   void writeSliceAndBundleAttributes(hid_t file) {
-    if (bundle_.numberOfAttributes() > 0) {
+    const Selection* selection = request_.selection;
+    bundleAttributes_ = selection ? selection->bundleAttributes : bundle_.numberOfAttributes() > 0;
+    if (bundleAttributes_) {
       Group group = createGroup(file, layout::BundleAttributes);
       writeAttributes(group.id(), bundle_);
     }
     Group slices;
     for (size_t row = 0; row < slices_.size(); ++row) {
-      if (slices_[row]->numberOfAttributes() == 0) continue;
+      const bool written = selection ? selection->sliceAttributes.count(slices_[row]) > 0
+                                     : slices_[row]->numberOfAttributes() > 0;
+      if (!written) continue;
       if (!slices) slices = createGroup(file, layout::SlicesGroup);
       Group group = createGroup(slices.id(), std::to_string(row));
       writeAttributes(group.id(), *slices_[row]);
+      sliceAttributes_[row] = true;
     }
   }
 
@@ -227,7 +258,10 @@ class BundleWriter {
       return true;
     });
     Json structure{{layout::Skeletons, std::move(skeletons)}};
-    if (policy_->getSaveAttributes() && grid.numberOfAttributes() > 0) {
+    const bool attributes = request_.selection
+                                ? request_.selection->gridAttributes.count(&grid) > 0
+                                : grid.numberOfAttributes() > 0;
+    if (policy_->getSaveAttributes() && attributes) {
       if (!grids_) grids_ = createGroup(file_, layout::GridsGroup);
       Group group = createGroup(grids_.id(), std::to_string(row));
       writeAttributes(group.id(), grid);
@@ -274,6 +308,12 @@ class BundleWriter {
   Json writeFields(GridWriting& writing, const Representation& rep, const Place& place) {
     Json fields = Json::array();
     rep.iterate([&](const StrongPtr<FieldID>& id, const StrongPtr<Field>& field) {
+      const Selection::FieldChoice* choice = nullptr;
+      if (request_.selection) {
+        auto chosen = request_.selection->fields.find(field.get());
+        if (chosen == request_.selection->fields.end()) return true;
+        choice = &chosen->second;
+      }
       if (!policy_->isSaveableField(*id, *field, place.grid, place.gridName, place.time,
                                     place.representation, place.skeleton)) {
         return true;
@@ -282,6 +322,7 @@ class BundleWriter {
       Json fragments = Json::array();
       FragmentVisitor visit(
           [&](const StrongPtr<FragmentID>& fragment, const StrongPtr<CreativeArrayBase>& creator) {
+            if (choice && choice->partial && !choice->fragments.count(creator.get())) return true;
             Json written = writeFragment(writing, *id, *field, fragment, creator, place);
             if (!written.is_null()) fragments.push_back(std::move(written));
             return true;
@@ -290,6 +331,7 @@ class BundleWriter {
       fields.push_back({{layout::FieldName, id->Name()},
                         {layout::ElementType, field->getElementDescriptor().name()},
                         {layout::Fragments, std::move(fragments)}});
+      if (choice && choice->partial) fields.back()[layout::Partial] = true;
       return true;
     });
     return fields;
@@ -506,6 +548,8 @@ class BundleWriter {
   std::vector<Entry> entries_;
   std::vector<double> times_;
   std::vector<const Slice*> slices_;
+  std::vector<bool> sliceAttributes_;
+  bool bundleAttributes_ = false;
   std::map<std::string, uint64_t> nameRows_;
   std::unordered_map<std::string, uint64_t> structureRows_;
   std::vector<const std::string*> structures_;  // keys of structureRows_, by row

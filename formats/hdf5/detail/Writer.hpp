@@ -2,13 +2,34 @@
 // Writing a bundle, or some of its grids, to a file of the format.
 
 #include <string>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "bundle/Bundle.hpp"
 #include "bundle/StorageTransformations.hpp"
 #include "ostrak/Loader.hpp"
+#include "formats/hdf5/detail/Index.hpp"
 #include "ostrak/StringList.hpp"
 
 namespace Quaril::H5::detail {
+
+/// The part of a bundle that a write takes, for a sync that writes only
+/// what is new: these slices, in them these grids, in those these fields.
+struct Selection {
+  /// A field written whole (read back in place of the field), or only some
+  /// of its fragments (read back into the field).
+  struct FieldChoice {
+    bool partial = false;
+    std::unordered_set<const CreativeArrayBase*> fragments;
+  };
+  std::unordered_set<const Slice*> slices;
+  std::unordered_set<const Grid*> grids;
+  std::unordered_map<const Field*, FieldChoice> fields;
+  /// Whose attributes are written (also when there are none any more).
+  bool bundleAttributes = false;
+  std::unordered_set<const Slice*> sliceAttributes;
+  std::unordered_set<const Grid*> gridAttributes;
+};
 
 /// What a save takes besides the bundle and the file name.
 struct WriteRequest {
@@ -18,6 +39,10 @@ struct WriteRequest {
   Ostrak::StrongPtr<Ostrak::LoaderProgress> progress;
   /// The grids to write; null: all.
   Ostrak::StrongPtr<Ostrak::StringList> gridNames;
+  /// Only this part of the bundle; null: all of it.
+  const Selection* selection = nullptr;
+  /// Receives the index of the file written; may be null.
+  Index* written = nullptr;
 };
 
 /// Writes `bundle` to `path`: into a new file beside it, flushed to disk and

@@ -1,0 +1,98 @@
+#include "formats/hdf5/detail/Stored.hpp"
+
+namespace Quaril::H5::detail {
+
+namespace {
+
+using Ostrak::StrongPtr;
+using Ostrak::WeakPtr;
+
+/// Visits every fragment of a field.
+class EachFragment : public FragmentIterator {
+ public:
+  explicit EachFragment(Stored& stored) : stored_(stored) {}
+  bool apply(const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) override {
+    if (creator) stored_.add(creator.referenceBlock());
+    return true;
+  }
+
+ private:
+  Stored& stored_;
+};
+
+}  // namespace
+
+Stored::~Stored() {
+  for (auto& [block, entry] : entries_) block->releaseWeak();
+}
+
+bool Stored::contains(const Ostrak::ReferenceBlock* block) const {
+  std::lock_guard lock(mutex_);
+  auto found = entries_.find(const_cast<Ostrak::ReferenceBlock*>(block));
+  return found != entries_.end() && block->alive();
+}
+
+bool Stored::sameAttributes(const Ostrak::ReferenceBlock* block,
+                            const Ostrak::Attributes& attributes) const {
+  std::lock_guard lock(mutex_);
+  auto found = entries_.find(const_cast<Ostrak::ReferenceBlock*>(block));
+  if (found == entries_.end() || !found->second.hasAttributes) {
+    return attributes.numberOfAttributes() == 0;
+  }
+  return found->second.attributes == attributes.attributes();
+}
+
+bool Stored::sameBundleAttributes(const Ostrak::Attributes& attributes) const {
+  std::lock_guard lock(mutex_);
+  return bundleAttributes_ == attributes.attributes();
+}
+
+void Stored::add(Ostrak::ReferenceBlock* block, const Ostrak::Attributes* attributes) {
+  if (!block) return;
+  std::lock_guard lock(mutex_);
+  auto [entry, added] = entries_.try_emplace(block);
+  if (added) block->acquireWeak();
+  if (attributes) {
+    entry->second.attributes = attributes->attributes();
+    entry->second.hasAttributes = true;
+  }
+  // Dead entries go once the list has doubled since the last sweep, so a
+  // long run that releases what it wrote keeps the list at its live size.
+  if (entries_.size() > 2 * liveAtLastSweep_ + 1024) dropDead();
+}
+
+void Stored::addGrid(const Ostrak::StrongPtr<Grid>& grid) {
+  if (!grid) return;
+  add(grid.referenceBlock(), grid.get());
+  EachFragment fragments(*this);
+  grid->iterate([&](const SkeletonID&, const StrongPtr<Skeleton>& skeleton) {
+    skeleton->iterate([&](const WeakPtr<BaseSpace>&, const StrongPtr<Representation>& rep) {
+      rep->iterate([&](const StrongPtr<FieldID>&, const StrongPtr<Field>& field) {
+        add(field.referenceBlock());
+        field->iterate(fragments);
+        return true;
+      });
+      return true;
+    });
+    return true;
+  });
+}
+
+void Stored::setBundleAttributes(const Ostrak::Attributes& attributes) {
+  std::lock_guard lock(mutex_);
+  bundleAttributes_ = attributes.attributes();
+}
+
+void Stored::dropDead() {
+  for (auto entry = entries_.begin(); entry != entries_.end();) {
+    if (entry->first->alive()) {
+      ++entry;
+      continue;
+    }
+    entry->first->releaseWeak();
+    entry = entries_.erase(entry);
+  }
+  liveAtLastSweep_ = entries_.size();
+}
+
+}  // namespace Quaril::H5::detail

@@ -1,0 +1,56 @@
+#pragma once
+// What of a bundle a bound file holds already, so that a sync writes only
+// what is new: the objects written or read, and their attributes as they
+// were then.
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "bundle/Bundle.hpp"
+#include "ostrak/Attributes.hpp"
+
+namespace Quaril::H5::detail {
+
+/// Objects (slices, grids, fields, creators) are known by their reference
+/// blocks, each held by a weak count so that no other object can take the
+/// block's address while it is listed; a listed block whose object died no
+/// longer counts. Safe to use from several threads.
+class Stored {
+ public:
+  using AttributeMap = std::map<std::string, Ostrak::AttributeValue>;
+
+  Stored() = default;
+  Stored(const Stored&) = delete;
+  Stored& operator=(const Stored&) = delete;
+  ~Stored();
+
+  /// Whether the object of `block` is listed and alive.
+  bool contains(const Ostrak::ReferenceBlock* block) const;
+  /// Whether `attributes` are those recorded with `block` (none recorded:
+  /// whether there are none).
+  bool sameAttributes(const Ostrak::ReferenceBlock* block,
+                      const Ostrak::Attributes& attributes) const;
+  bool sameBundleAttributes(const Ostrak::Attributes& attributes) const;
+
+  /// Lists `block`, with `attributes` when given.
+  void add(Ostrak::ReferenceBlock* block, const Ostrak::Attributes* attributes = nullptr);
+  /// Lists `grid` with everything in it (fields and their creators).
+  void addGrid(const Ostrak::StrongPtr<Grid>& grid);
+  void setBundleAttributes(const Ostrak::Attributes& attributes);
+
+ private:
+  struct Entry {
+    AttributeMap attributes;
+    bool hasAttributes = false;
+  };
+  void dropDead();
+
+  mutable std::mutex mutex_;
+  std::unordered_map<Ostrak::ReferenceBlock*, Entry> entries_;
+  size_t liveAtLastSweep_ = 0;
+  AttributeMap bundleAttributes_;
+};
+
+}  // namespace Quaril::H5::detail
