@@ -1,12 +1,16 @@
 #include "formats/hdf5/Format.hpp"
 
 #include <filesystem>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 
 #include "bundle/Binder.hpp"
 #include "bundle/LoaderControl.hpp"
 #include "formats/hdf5/detail/Reader.hpp"
+#include "formats/hdf5/detail/Series.hpp"
+#include "formats/hdf5/detail/Stored.hpp"
 #include "formats/hdf5/detail/Writer.hpp"
 #include "ostrak/SaveRegistry.hpp"
 
@@ -41,8 +45,9 @@ Outcome attempt(Action&& action) {
   }
 }
 
-/// The files a bundle was loaded from, kept on the bundle so that binding
-/// to one of them does not read it a second time.
+/// The files a bundle was loaded from, each with what was read from it, kept
+/// on the bundle so that binding to one of them neither reads it a second
+/// time nor writes again what it holds.
 class LoadedFiles : public Ostrak::Interface<LoadedFiles> {
  public:
   static std::string key(const std::string& filename) {
@@ -50,21 +55,41 @@ class LoadedFiles : public Ostrak::Interface<LoadedFiles> {
     auto canonical = std::filesystem::weakly_canonical(filename, error);
     return error ? filename : canonical.string();
   }
-  std::set<std::string> files;
+  std::map<std::string, std::shared_ptr<detail::Stored>> files;
 };
 
-void recordLoaded(Bundle& bundle, const std::string& filename) {
+/// The list of what is read from `filename` into `bundle`, made when new.
+std::shared_ptr<detail::Stored> recordLoaded(Bundle& bundle, const std::string& filename) {
   auto loaded = bundle.findInterface<LoadedFiles, LoadedFiles>();
   if (!loaded) {
     loaded = StrongPtr<LoadedFiles>(new LoadedFiles);
     bundle.addInterface(StrongPtr<Ostrak::InterfaceBase>(loaded));
   }
-  loaded->files.insert(LoadedFiles::key(filename));
+  auto& stored = loaded->files[LoadedFiles::key(filename)];
+  if (!stored) stored = std::make_shared<detail::Stored>();
+  return stored;
 }
 
-bool wasLoadedFrom(const Bundle& bundle, const std::string& filename) {
+/// What was read from `filename` into `bundle`; null when it was not loaded.
+std::shared_ptr<detail::Stored> loadedFrom(const Bundle& bundle, const std::string& filename) {
   auto loaded = bundle.findInterface<LoadedFiles, LoadedFiles>();
-  return loaded && loaded->files.count(LoadedFiles::key(filename)) > 0;
+  if (!loaded) return {};
+  auto found = loaded->files.find(LoadedFiles::key(filename));
+  return found == loaded->files.end() ? nullptr : found->second;
+}
+
+/// A file opened for loading: a single file or the parts of a series.
+struct Opened {
+  std::string path;
+  std::vector<detail::Part> parts;
+};
+
+Opened openForLoading(const std::string& filename) {
+  if (detail::isJournal(filename)) {
+    return {filename, detail::partsOf(filename, detail::readJournal(filename))};
+  }
+  std::shared_ptr<detail::Source> source = detail::Source::open(filename);
+  return {filename, {{std::make_shared<detail::PartSource>(source), source->index()}}};
 }
 
 class FileLoader : public Ostrak::Loader<Bundle> {
@@ -74,47 +99,29 @@ class FileLoader : public Ostrak::Loader<Bundle> {
   bool load(const StrongPtr<Ostrak::LoaderParameters>& request, ldrpar& target) override {
     if (!target.target) target.target = StrongPtr<Bundle>(new Bundle);
     auto progress = request->findInterface<Ostrak::LoaderProgress>();
-    std::vector<std::shared_ptr<detail::Source>> sources;
+    std::vector<Opened> opened;
     // Every file is checked before the bundle changes, so a bad file among
     // several leaves the bundle as it was.
     for (const std::string& filename : request->getFilenames()) {
       if (progress) progress->OpenFile(filename);
-      Outcome opened = attempt([&] { sources.push_back(detail::Source::open(filename)); });
-      if (!opened) {
-        request->setErrorText(filename + ": " + opened.error);
+      Outcome checked = attempt([&] { opened.push_back(openForLoading(filename)); });
+      if (!checked) {
+        request->setErrorText(filename + ": " + checked.error);
         return false;
       }
     }
-    for (const auto& source : sources) {
-      Outcome attached = attempt([&] { detail::attachSource(*target.target, source, progress); });
+    for (const Opened& file : opened) {
+      Outcome attached = attempt([&] {
+        detail::attachParts(*target.target, file.parts, progress,
+                            recordLoaded(*target.target, file.path));
+      });
       if (!attached) {
-        request->setErrorText(source->path() + ": " + attached.error);
+        request->setErrorText(file.path + ": " + attached.error);
         return false;
       }
-      recordLoaded(*target.target, source->path());
     }
     return true;
   }
-};
-
-/// The binding of a bundle to a file: every synchronisation writes the
-/// bundle's whole state anew, atomically.
-class FileBinding : public StorageBinding {
- public:
-  FileBinding(std::string filename, StrongPtr<StorageTransformations> transformations)
-      : filename_(std::move(filename)), transformations_(std::move(transformations)) {}
-
-  int32_t synchronize(const Bundle& bundle, const StrongPtr<MemBase, Cacheable>&,
-                      Ostrak::Intercube&) override {
-    lastOutcome_ = save(bundle, filename_, transformations_);
-    return lastOutcome_ ? 1 : 0;
-  }
-  const Outcome& lastOutcome() const noexcept { return lastOutcome_; }
-
- private:
-  std::string filename_;
-  StrongPtr<StorageTransformations> transformations_;
-  Outcome lastOutcome_;
 };
 
 /// The saver attached to every bundle: one-time saves (apply_const) and
@@ -143,22 +150,16 @@ class Saver : public Ostrak::Interface<Saver> {
       return false;
     }
     const std::string& filename = request->getFilename();
+    auto progress = request->findInterface<Ostrak::LoaderProgress>();
     Outcome bound = attempt([&] {
-      if (parameters->bindsExistingFile()) {
-        detail::require(std::filesystem::exists(filename),
-                        "no such file; bindToNew makes a new one");
-        if (!wasLoadedFrom(*bundle, filename) && !parameters->getLoadRequest()) {
-          detail::attachSource(*bundle, detail::Source::open(filename), {});
-          recordLoaded(*bundle, filename);
-        }
-      }
-      StrongPtr<FileBinding> binding(
-          new FileBinding(filename, request->findInterface<StorageTransformations>()));
-      binding->synchronize(*bundle, {}, *bundle);
-      detail::require(binding->lastOutcome().ok, binding->lastOutcome().error);
-      bundle->setStorage(StrongPtr<StorageBinding>(binding));
+      const bool existing = parameters->bindsExistingFile();
+      detail::require(!existing || std::filesystem::exists(filename),
+                      "no such file; bindToNew makes a new one");
+      detail::bindSeries(*bundle, filename, existing,
+                         request->findInterface<StorageTransformations>(), progress,
+                         existing ? loadedFrom(*bundle, filename) : nullptr);
     });
-    return answer(*request, bound, request->findInterface<Ostrak::LoaderProgress>());
+    return answer(*request, bound, progress);
   }
 
  private:
@@ -211,8 +212,25 @@ Outcome save(const Bundle& bundle, const std::string& filename,
   });
 }
 
+Outcome lastSync(const Bundle& bundle) {
+  std::string error;
+  if (!detail::lastSyncOf(bundle.getStorage().get(), error)) {
+    return {false, "not bound to a file of this format"};
+  }
+  return {error.empty(), error};
+}
+
 Outcome check(const std::string& filename) {
-  Outcome checked = attempt([&] { detail::checkSource(detail::Source::open(filename)); });
+  Outcome checked = attempt([&] {
+    if (!detail::isJournal(filename)) return detail::checkSource(detail::Source::open(filename));
+    for (const detail::Part& part : detail::partsOf(filename, detail::readJournal(filename))) {
+      try {
+        detail::checkSource(part.source->get());
+      } catch (const detail::Failure& failure) {
+        throw detail::Failure(part.source->path() + ": " + failure.what());
+      }
+    }
+  });
   if (!checked) checked.error = filename + ": " + checked.error;
   return checked;
 }

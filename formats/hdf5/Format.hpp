@@ -58,6 +58,10 @@ Outcome save(const Bundle& bundle, const std::string& filename,
              const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress = {},
              const Ostrak::StrongPtr<Ostrak::StringList>& gridNames = {});
 
+/// The outcome of the last sync of `bundle` (Bundle::sync, or the one at
+/// binding) with a file of this format; an error when it is not bound to one.
+Outcome lastSync(const Bundle& bundle);
+
 /// Reads everything of `filename` (index, every grid, every data set, each
 /// dropped after reading) and reports the first problem. Loads into no bundle.
 Outcome check(const std::string& filename);

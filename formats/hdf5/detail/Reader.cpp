@@ -694,6 +694,8 @@ void attachParts(Bundle& bundle, const std::vector<Part>& parts,
     ++done;
     if (vetoes && !vetoes->CreateSlice(time)) continue;
     SlicePtr slice = bundle[time];
+    // The slice is in the file: a binding to it need not write it again.
+    if (stored) stored->add(slice.referenceBlock());
     slice->addLoader(
         StrongPtr<Slice::Loader>(new SliceLoader(std::move(sliceRows), progress, stored)));
     if (progress && done % 4096 == 0) progress->progress(done, total);

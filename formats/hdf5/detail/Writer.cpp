@@ -258,6 +258,9 @@ class BundleWriter {
       return true;
     });
     Json structure{{layout::Skeletons, std::move(skeletons)}};
+    if (request_.selection && request_.selection->grids.at(&grid)) {
+      structure[layout::Partial] = true;
+    }
     const bool attributes = request_.selection
                                 ? request_.selection->gridAttributes.count(&grid) > 0
                                 : grid.numberOfAttributes() > 0;
@@ -557,6 +560,8 @@ class BundleWriter {
   std::set<std::string> externalPlaces_;
 };
 
+}  // namespace
+
 // ---- the file beside the target ---------------------------------------------------
 
 std::string systemError(const std::string& what) {
@@ -599,8 +604,6 @@ void syncToDisk(const std::string& path, bool directory) {
   errno = error;
   require(result == 0, systemError("cannot flush " + path));
 }
-
-}  // namespace
 
 void writeBundle(const Bundle& bundle, const std::string& path, const WriteRequest& request) {
   Session session;

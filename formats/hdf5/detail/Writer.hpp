@@ -23,7 +23,9 @@ struct Selection {
     std::unordered_set<const CreativeArrayBase*> fragments;
   };
   std::unordered_set<const Slice*> slices;
-  std::unordered_set<const Grid*> grids;
+  /// Grids written whole (false: read back in place of the grid) or adding
+  /// to the grid written before (true).
+  std::unordered_map<const Grid*, bool> grids;
   std::unordered_map<const Field*, FieldChoice> fields;
   /// Whose attributes are written (also when there are none any more).
   bool bundleAttributes = false;
@@ -44,6 +46,14 @@ struct WriteRequest {
   /// Receives the index of the file written; may be null.
   Index* written = nullptr;
 };
+
+/// "what: " and the system's reason for the last failed system call.
+std::string systemError(const std::string& what);
+/// Makes a new, empty file beside `path` (hidden, named after it) with the
+/// permissions of `path`, or those of a new file; returns its name.
+std::string makeTemporary(const std::string& path);
+/// Flushes the file, or folder, `path` to disk.
+void syncToDisk(const std::string& path, bool directory);
 
 /// Writes `bundle` to `path`: into a new file beside it, flushed to disk and
 /// renamed over `path` only when everything was written. Pending slices are

@@ -1,0 +1,574 @@
+#include "formats/hdf5/detail/Series.hpp"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <filesystem>
+#include <random>
+
+#include "formats/hdf5/detail/Stored.hpp"
+#include "formats/hdf5/detail/Writer.hpp"
+
+namespace Quaril::H5::detail {
+
+namespace {
+
+namespace fs = std::filesystem;
+using Ostrak::StrongPtr;
+using Ostrak::WeakPtr;
+
+// ---- the bytes of a journal ------------------------------------------------------
+
+constexpr char Magic[8] = {'Q', 'B', 'S', 'E', 'R', 'I', 'E', 'S'};
+constexpr uint32_t VersionMajor = 1;
+constexpr uint32_t VersionMinor = 0;
+constexpr size_t TokenBytes = 16;
+constexpr size_t HeaderBytes = sizeof(Magic) + 8 + TokenBytes;
+constexpr uint32_t RecordMagic = 0x43455251;  // "QREC"
+constexpr size_t RecordHeaderBytes = 12;
+/// No record is this long; a length beyond it is a damaged record.
+constexpr uint32_t LongestRecord = 1u << 30;
+/// Parts of one series open at once while reading.
+constexpr size_t OpenPartsLimit = 64;
+
+uint32_t crc32(const uint8_t* data, size_t size) {
+  static const std::array<uint32_t, 256> table = [] {
+    std::array<uint32_t, 256> made{};
+    for (uint32_t i = 0; i < 256; ++i) {
+      uint32_t c = i;
+      for (int bit = 0; bit < 8; ++bit) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+      made[i] = c;
+    }
+    return made;
+  }();
+  uint32_t crc = 0xFFFFFFFFu;
+  for (size_t i = 0; i < size; ++i) crc = table[(crc ^ data[i]) & 0xFF] ^ (crc >> 8);
+  return crc ^ 0xFFFFFFFFu;
+}
+
+/// Little-endian numbers and texts appended to a byte buffer.
+class Encoder {
+ public:
+  template <class T>
+  void put(T value) {
+    uint8_t bytes[sizeof(T)];
+    std::memcpy(bytes, &value, sizeof(T));
+    if constexpr (std::endian::native == std::endian::big) std::reverse(bytes, bytes + sizeof(T));
+    out.insert(out.end(), bytes, bytes + sizeof(T));
+  }
+  void put(const std::string& text) {
+    put<uint64_t>(text.size());
+    out.insert(out.end(), text.begin(), text.end());
+  }
+  std::vector<uint8_t> out;
+};
+
+/// The reading counterpart; throws Failure past the end.
+class Decoder {
+ public:
+  Decoder(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+  template <class T>
+  T get() {
+    need(sizeof(T));
+    uint8_t bytes[sizeof(T)];
+    std::memcpy(bytes, data_ + at_, sizeof(T));
+    if constexpr (std::endian::native == std::endian::big) std::reverse(bytes, bytes + sizeof(T));
+    at_ += sizeof(T);
+    T value;
+    std::memcpy(&value, bytes, sizeof(T));
+    return value;
+  }
+  std::string text() {
+    const uint64_t length = count(1);
+    std::string made(reinterpret_cast<const char*>(data_ + at_), length);
+    at_ += length;
+    return made;
+  }
+  /// A count of items of `bytes` each that must fit in what is left.
+  uint64_t count(size_t bytes) {
+    const uint64_t n = get<uint64_t>();
+    require(n <= (size_ - at_) / bytes, "a journal record is malformed");
+    return n;
+  }
+  bool done() const noexcept { return at_ == size_; }
+
+ private:
+  void need(size_t bytes) const { require(bytes <= size_ - at_, "a journal record is malformed"); }
+  const uint8_t* data_;
+  size_t size_;
+  size_t at_ = 0;
+};
+
+std::vector<uint8_t> encodeRecord(uint64_t number, const Index& index) {
+  Encoder payload;
+  payload.put<uint64_t>(number);
+  payload.put<uint64_t>(index.times.size());
+  for (double time : index.times) payload.put(time);
+  for (size_t row = 0; row < index.times.size(); ++row) {
+    payload.put<uint8_t>(index.sliceAttributes[row] ? 1 : 0);
+  }
+  payload.put<uint8_t>(index.bundleAttributes ? 1 : 0);
+  payload.put<uint64_t>(index.names.size());
+  for (size_t row = 0; row < index.names.size(); ++row) {
+    payload.put(index.names[row]);
+    payload.put<int64_t>(index.parents[row]);
+  }
+  payload.put<uint64_t>(index.entries.size());
+  for (const IndexEntry& entry : index.entries) {
+    payload.put<uint64_t>(entry.timeRow);
+    payload.put<uint64_t>(entry.nameRow);
+  }
+  Encoder record;
+  record.put<uint32_t>(RecordMagic);
+  record.put<uint32_t>(static_cast<uint32_t>(payload.out.size()));
+  record.put<uint32_t>(crc32(payload.out.data(), payload.out.size()));
+  record.out.insert(record.out.end(), payload.out.begin(), payload.out.end());
+  return std::move(record.out);
+}
+
+/// A record's part, checked as far as the series needs it before the part
+/// is opened (the part's own index is checked when it is).
+Journal::Record decodeRecord(const uint8_t* data, size_t size) {
+  Decoder in(data, size);
+  Journal::Record record;
+  record.number = in.get<uint64_t>();
+  Index& index = record.index;
+  const uint64_t times = in.count(9);
+  for (uint64_t row = 0; row < times; ++row) {
+    index.times.push_back(in.get<double>());
+    require(!std::isnan(index.times.back()) &&
+                (row == 0 || index.times[row] > index.times[row - 1]),
+            "a journal record lists times out of order");
+  }
+  for (uint64_t row = 0; row < times; ++row) index.sliceAttributes.push_back(in.get<uint8_t>());
+  index.bundleAttributes = in.get<uint8_t>() != 0;
+  const uint64_t names = in.count(16);
+  for (uint64_t row = 0; row < names; ++row) {
+    index.names.push_back(in.text());
+    index.parents.push_back(in.get<int64_t>());
+  }
+  for (int64_t parent : index.parents) {
+    require(parent >= -1 && parent < static_cast<int64_t>(names),
+            "a journal record names a parent that does not exist");
+  }
+  const uint64_t entries = in.count(16);
+  for (uint64_t i = 0; i < entries; ++i) {
+    const uint64_t timeRow = in.get<uint64_t>(), nameRow = in.get<uint64_t>();
+    require(timeRow < times && nameRow < names, "a journal record names a grid that is not there");
+    index.entries.push_back({timeRow, nameRow, 0});
+  }
+  require(in.done(), "a journal record is malformed");
+  return record;
+}
+
+std::string readAll(int fd) {
+  std::string bytes;
+  char buffer[1 << 16];
+  for (;;) {
+    const ssize_t got = read(fd, buffer, sizeof(buffer));
+    if (got < 0 && errno == EINTR) continue;
+    require(got >= 0, systemError("cannot read the journal"));
+    if (got == 0) return bytes;
+    bytes.append(buffer, static_cast<size_t>(got));
+  }
+}
+
+Journal parseJournal(const std::string& bytes) {
+  require(bytes.size() >= HeaderBytes && std::memcmp(bytes.data(), Magic, sizeof(Magic)) == 0,
+          "not a bundle series");
+  const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
+  Decoder header(data + sizeof(Magic), 8);
+  const uint32_t major = header.get<uint32_t>();
+  require(major <= VersionMajor, "a series of journal version " + std::to_string(major) +
+                                     ", newer than this reader's " +
+                                     std::to_string(VersionMajor));
+  Journal journal;
+  journal.token.assign(bytes.data() + sizeof(Magic) + 8, TokenBytes);
+  for (char c : journal.token) require(std::isxdigit(static_cast<unsigned char>(c)), "a bad journal");
+  size_t at = HeaderBytes;
+  while (bytes.size() - at >= RecordHeaderBytes) {
+    Decoder head(data + at, RecordHeaderBytes);
+    const uint32_t magic = head.get<uint32_t>(), length = head.get<uint32_t>();
+    const uint32_t crc = head.get<uint32_t>();
+    // A record cut short, or never finished, ends the complete ones.
+    if (magic != RecordMagic || length > LongestRecord ||
+        length > bytes.size() - at - RecordHeaderBytes ||
+        crc32(data + at + RecordHeaderBytes, length) != crc) {
+      break;
+    }
+    journal.records.push_back(decodeRecord(data + at + RecordHeaderBytes, length));
+    at += RecordHeaderBytes + length;
+  }
+  journal.validBytes = at;
+  return journal;
+}
+
+std::string newToken() {
+  std::random_device device;
+  std::mt19937_64 random((static_cast<uint64_t>(device()) << 32) ^ device() ^
+                         static_cast<uint64_t>(getpid()));
+  char text[TokenBytes + 1];
+  std::snprintf(text, sizeof(text), "%016llx", static_cast<unsigned long long>(random()));
+  return text;
+}
+
+std::string partsFolder(const std::string& journal) {
+  return journal + ".parts";
+}
+
+/// Writes `bytes` at `offset` of `fd` whole.
+void writeAt(int fd, const std::vector<uint8_t>& bytes, uint64_t offset, const std::string& what) {
+  size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t wrote = pwrite(fd, bytes.data() + done, bytes.size() - done,
+                                 static_cast<off_t>(offset + done));
+    if (wrote < 0 && errno == EINTR) continue;
+    require(wrote > 0, systemError("cannot write " + what));
+    done += static_cast<size_t>(wrote);
+  }
+}
+
+// ---- what a sync writes ------------------------------------------------------------
+
+/// Everything of `bundle` that `stored` does not list, or lists with other
+/// attributes. Slices still to be read from the bound series are skipped;
+/// other pending slices are read, to be written.
+Selection planSync(const Bundle& bundle, const Stored& stored) {
+  Selection plan;
+  plan.bundleAttributes = !stored.sameBundleAttributes(bundle);
+  for (const auto& [time, slice] : bundle.getSlices()) {
+    if (!slice) continue;
+    const bool sliceKnown = stored.contains(slice.referenceBlock());
+    if (slice->hasPendingLoaders()) {
+      if (sliceKnown) continue;
+      slice->accessSlice();
+    }
+    bool news = !sliceKnown;
+    if (!stored.sameAttributes(slice.referenceBlock(), *slice)) {
+      plan.sliceAttributes.insert(slice.get());
+      news = true;
+    }
+    for (const auto& [id, grid] : slice->getGrids()) {
+      if (!id || !grid) continue;
+      const bool gridKnown = stored.contains(grid.referenceBlock());
+      bool gridNews = !gridKnown;
+      if (!stored.sameAttributes(grid.referenceBlock(), *grid)) {
+        plan.gridAttributes.insert(grid.get());
+        gridNews = true;
+      }
+      grid->iterate([&](const SkeletonID&, const StrongPtr<Skeleton>& skeleton) {
+        skeleton->iterate([&](const WeakPtr<BaseSpace>&, const StrongPtr<Representation>& rep) {
+          rep->iterate([&](const StrongPtr<FieldID>&, const StrongPtr<Field>& field) {
+            if (!gridKnown || !stored.contains(field.referenceBlock())) {
+              plan.fields[field.get()];
+              gridNews = true;
+              return true;
+            }
+            struct NewFragments : FragmentIterator {
+              const Stored& stored;
+              Selection::FieldChoice choice{true, {}};
+              explicit NewFragments(const Stored& stored) : stored(stored) {}
+              bool apply(const StrongPtr<FragmentID>&,
+                         const StrongPtr<CreativeArrayBase>& creator) override {
+                if (creator && !stored.contains(creator.referenceBlock())) {
+                  choice.fragments.insert(creator.get());
+                }
+                return true;
+              }
+            } fresh(stored);
+            field->iterate(fresh);
+            if (!fresh.choice.fragments.empty()) {
+              plan.fields[field.get()] = std::move(fresh.choice);
+              gridNews = true;
+            }
+            return true;
+          });
+          return true;
+        });
+        return true;
+      });
+      if (!gridNews) continue;
+      plan.grids.emplace(grid.get(), gridKnown);
+      news = true;
+    }
+    if (news) plan.slices.insert(slice.get());
+  }
+  return plan;
+}
+
+bool nothingIn(const Selection& plan) {
+  return plan.slices.empty() && !plan.bundleAttributes;
+}
+
+/// Lists what a completed sync wrote.
+void recordWritten(const Bundle& bundle, const Selection& plan, Stored& stored) {
+  if (plan.bundleAttributes) stored.setBundleAttributes(bundle);
+  for (const auto& [time, slice] : bundle.getSlices()) {
+    if (!slice || !plan.slices.count(slice.get())) continue;
+    stored.add(slice.referenceBlock(), slice.get());
+    for (const auto& [id, grid] : slice->getGrids()) {
+      if (grid && plan.grids.count(grid.get())) stored.addGrid(grid);
+    }
+  }
+}
+
+// ---- the binding -------------------------------------------------------------------
+
+/// A bundle bound to a series: every sync adds one part with what is new.
+class SeriesBinding : public StorageBinding {
+ public:
+  SeriesBinding(std::string journal, int fd, Journal read, std::shared_ptr<Stored> stored,
+                StrongPtr<StorageTransformations> transformations,
+                StrongPtr<Ostrak::LoaderProgress> progress)
+      : journal_(std::move(journal)),
+        fd_(fd),
+        token_(std::move(read.token)),
+        next_(read.records.empty() ? 0 : read.records.back().number + 1),
+        length_(read.validBytes),
+        stored_(std::move(stored)),
+        transformations_(std::move(transformations)),
+        progress_(std::move(progress)) {}
+  ~SeriesBinding() override { close(fd_); }
+
+  int32_t synchronize(const Bundle& bundle, const StrongPtr<MemBase, Cacheable>&,
+                      Ostrak::Intercube&) override {
+    Session session;
+    try {
+      sync(bundle);
+      error_.clear();
+      return 1;
+    } catch (const Failure& failure) {
+      error_ = journal_ + ": " + failure.what();
+    } catch (const std::bad_alloc&) {
+      error_ = journal_ + ": out of memory";
+    } catch (const std::exception& error) {
+      error_ = journal_ + ": stopped by an exception: " + error.what();
+    } catch (...) {
+      error_ = journal_ + ": stopped by an exception";
+    }
+    if (progress_) progress_->message(error_);
+    return 0;
+  }
+
+  const std::string& lastError() const noexcept { return error_; }
+
+ private:
+  void sync(const Bundle& bundle) {
+    const Selection plan = planSync(bundle, *stored_);
+    if (nothingIn(plan)) return;
+    const std::string part = partPath(journal_, token_, next_);
+    Index written;
+    writeBundle(bundle, part, {transformations_, {}, {}, &plan, &written});
+    try {
+      const std::vector<uint8_t> record = encodeRecord(next_, written);
+      writeAt(fd_, record, length_, journal_);
+      require(fsync(fd_) == 0, systemError("cannot flush " + journal_));
+      length_ += record.size();
+    } catch (...) {
+      // Neither the record nor its part may stay: the journal ends where it did.
+      if (ftruncate(fd_, static_cast<off_t>(length_)) == 0) fsync(fd_);
+      std::remove(part.c_str());
+      throw;
+    }
+    ++next_;
+    recordWritten(bundle, plan, *stored_);
+  }
+
+  std::string journal_;
+  int fd_;
+  std::string token_;
+  uint64_t next_;
+  uint64_t length_;
+  std::shared_ptr<Stored> stored_;
+  StrongPtr<StorageTransformations> transformations_;
+  StrongPtr<Ostrak::LoaderProgress> progress_;
+  std::string error_;
+};
+
+/// Opens the journal `path` for appending, locked against other writers.
+int openLocked(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  require(fd >= 0, systemError("cannot open"));
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    const int error = errno;
+    close(fd);
+    require(error != EWOULDBLOCK, "bound already, by another binding or process");
+    errno = error;
+    throw Failure(systemError("cannot lock"));
+  }
+  return fd;
+}
+
+/// Writes a journal of no records (or of the one record `first`) as `path`,
+/// atomically.
+void writeJournal(const std::string& path, const std::string& token,
+                  const std::vector<uint8_t>& first) {
+  Encoder header;
+  header.out.assign(Magic, Magic + sizeof(Magic));
+  header.put<uint32_t>(VersionMajor);
+  header.put<uint32_t>(VersionMinor);
+  header.out.insert(header.out.end(), token.begin(), token.end());
+  header.out.insert(header.out.end(), first.begin(), first.end());
+  const std::string temporary = makeTemporary(path);
+  try {
+    const int fd = open(temporary.c_str(), O_WRONLY | O_CLOEXEC);
+    require(fd >= 0, systemError("cannot open " + temporary));
+    try {
+      writeAt(fd, header.out, 0, path);
+      require(fsync(fd) == 0, systemError("cannot flush " + path));
+    } catch (...) {
+      close(fd);
+      throw;
+    }
+    close(fd);
+    require(std::rename(temporary.c_str(), path.c_str()) == 0,
+            systemError("cannot replace " + path));
+  } catch (...) {
+    std::remove(temporary.c_str());
+    throw;
+  }
+  const fs::path folder = fs::path(path).parent_path();
+  syncToDisk(folder.empty() ? "." : folder.string(), true);
+}
+
+/// Removes what is in the parts folder but not a part of the journal: parts
+/// of a series replaced since, of a sync that did not complete, and their
+/// temporary files.
+void removeStrayParts(const std::string& journal, const Journal& read, uint64_t next) {
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(partsFolder(journal), error)) {
+    const std::string name = entry.path().filename().string();
+    bool ours = false;
+    if (name.rfind(read.token + "-", 0) == 0) {
+      const std::string number = name.substr(read.token.size() + 1);
+      char* end = nullptr;
+      const unsigned long long n = std::strtoull(number.c_str(), &end, 10);
+      ours = end && std::string(end) == ".h5" && n < next;
+    }
+    if (!ours) fs::remove(entry.path(), error);
+  }
+}
+
+}  // namespace
+
+bool isJournal(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  char head[sizeof(Magic)] = {};
+  const bool found = pread(fd, head, sizeof(head), 0) == static_cast<ssize_t>(sizeof(head)) &&
+                     std::memcmp(head, Magic, sizeof(Magic)) == 0;
+  close(fd);
+  return found;
+}
+
+Journal readJournal(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  require(fd >= 0, systemError("cannot open"));
+  std::string bytes;
+  try {
+    bytes = readAll(fd);
+  } catch (...) {
+    close(fd);
+    throw;
+  }
+  close(fd);
+  return parseJournal(bytes);
+}
+
+std::string partPath(const std::string& journal, const std::string& token, uint64_t number) {
+  return (fs::path(partsFolder(journal)) / (token + "-" + std::to_string(number) + ".h5")).string();
+}
+
+std::vector<Part> partsOf(const std::string& journal, const Journal& read) {
+  auto pool = std::make_shared<PartSource::Pool>(OpenPartsLimit);
+  std::vector<Part> parts;
+  for (const Journal::Record& record : read.records) {
+    parts.push_back({std::make_shared<PartSource>(partPath(journal, read.token, record.number), pool),
+                     record.index});
+  }
+  return parts;
+}
+
+void bindSeries(Bundle& bundle, const std::string& path, bool existing,
+                const StrongPtr<StorageTransformations>& transformations,
+                const StrongPtr<Ostrak::LoaderProgress>& progress, std::shared_ptr<Stored> stored) {
+  Session session;
+  require(!path.empty(), "no file name");
+  std::error_code error;
+  fs::create_directory(partsFolder(path), error);
+  require(!error, "cannot make the folder " + partsFolder(path) + ": " + error.message());
+  if (!existing && isJournal(path)) close(openLocked(path));  // not while bound elsewhere
+  if (!existing) {
+    // A new series replaces whatever `path` was once its first sync is complete.
+    stored = std::make_shared<Stored>();
+    const std::string token = newToken();
+    const Selection plan = planSync(bundle, *stored);
+    Index written;
+    const std::string first = partPath(path, token, 0);
+    writeBundle(bundle, first, {transformations, progress, {}, &plan, &written});
+    try {
+      writeJournal(path, token, encodeRecord(0, written));
+    } catch (...) {
+      std::remove(first.c_str());
+      throw;
+    }
+    recordWritten(bundle, plan, *stored);
+  } else if (!isJournal(path)) {
+    // A single file becomes the first part of a series: linked under the
+    // part's name first, so that it is never missing under either name.
+    require(looksLikeHdf5(path), "neither a bundle file nor a bundle series");
+    const std::shared_ptr<Source> source = Source::open(path);
+    const std::string token = newToken();
+    const std::string first = partPath(path, token, 0);
+    require(link(path.c_str(), first.c_str()) == 0, systemError("cannot link " + first));
+    try {
+      writeJournal(path, token, encodeRecord(0, source->index()));
+    } catch (...) {
+      std::remove(first.c_str());
+      throw;
+    }
+    if (!stored) {
+      stored = std::make_shared<Stored>();
+      attachSource(bundle, source, progress, stored);
+    }
+  }
+  const int fd = openLocked(path);
+  Journal read;
+  try {
+    read = readJournal(path);
+    if (!stored) {
+      stored = std::make_shared<Stored>();
+      attachParts(bundle, partsOf(path, read), progress, stored);
+    }
+    // A record cut short by a crash goes before the next is appended.
+    struct stat status {};
+    require(fstat(fd, &status) == 0, systemError("cannot read " + path));
+    if (static_cast<uint64_t>(status.st_size) > read.validBytes) {
+      require(ftruncate(fd, static_cast<off_t>(read.validBytes)) == 0 && fsync(fd) == 0,
+              systemError("cannot cut the unfinished record off " + path));
+    }
+  } catch (...) {
+    close(fd);
+    throw;
+  }
+  removeStrayParts(path, read, read.records.empty() ? 0 : read.records.back().number + 1);
+  StrongPtr<SeriesBinding> binding(
+      new SeriesBinding(path, fd, std::move(read), stored, transformations, progress));
+  if (existing && binding->synchronize(bundle, {}, bundle) == 0) {
+    throw Failure(binding->lastError());
+  }
+  bundle.setStorage(StrongPtr<StorageBinding>(binding));
+}
+
+bool lastSyncOf(const StorageBinding* binding, std::string& error) {
+  const auto* series = dynamic_cast<const SeriesBinding*>(binding);
+  if (!series) return false;
+  error = series->lastError();
+  return true;
+}
+
+}  // namespace Quaril::H5::detail
