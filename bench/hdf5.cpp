@@ -7,7 +7,9 @@
 //    arrays (its time beside ours, and the ratio of the two);
 //  - Open / Open_Baseline: opening files of 10^4 steps of 10 grids and of
 //    10^5 steps of one grid, against a walk over all of the file's objects;
-//  - OpenMemory: heap bytes per time step right after opening.
+//  - OpenMemory: heap bytes per time step right after opening;
+//  - SyncAtStep: the sync of one more step into a bound series of 10^4 steps,
+//    in turns with the same into a series of 10 (the ratio of the two).
 
 #include <fcntl.h>
 #include <hdf5.h>
@@ -241,6 +243,77 @@ void OpenMemory(benchmark::State& state) {
   }
 }
 BENCHMARK(OpenMemory)->Arg(100000)->Unit(benchmark::kMillisecond)->Iterations(1);
+
+/// Adds time step `step` to `bundle`: a small point cloud with a field.
+void addStep(const BundlePtr& bundle, int64_t step) {
+  Grid& grid = *(*(*bundle)[static_cast<double>(step)])["tracer"];
+  makePointCloud(grid, {{static_cast<double>(step), 0, 0}, {0, 1, 0}});
+  addVertexField(grid, "id", std::vector<int64_t>{step, -step});
+}
+
+/// A bundle of `steps` time steps bound to a new series that holds them.
+BundlePtr boundSeries(const std::string& name, int64_t steps) {
+  BundlePtr bundle;
+  bundle.create();
+  for (int64_t step = 0; step < steps; ++step) addStep(bundle, step);
+  std::filesystem::remove(scratch(name));
+  std::filesystem::remove_all(scratch(name + ".parts"));
+  if (bundle->bindToNew(scratch(name)).status != 1) return {};
+  return bundle;
+}
+
+/// A new bundle bound to the series `name`, its steps left in the file.
+BundlePtr rebound(const std::string& name) {
+  BundlePtr bundle;
+  bundle.create();
+  if (bundle->bindTo(scratch(name)).status != 1) return {};
+  return bundle;
+}
+
+/// The sync of one new step into a series of range(0) steps, held in memory
+/// too (range(1) 0) or only in the file (1), in turns with the same sync
+/// into a series of 10 steps held alike.
+void SyncAtStep(benchmark::State& state) {
+  const int64_t steps = state.range(0);
+  BundlePtr large = boundSeries("large.h5", steps), small = boundSeries("small.h5", 10);
+  if (state.range(1) == 1) {
+    large.reset();
+    small.reset();
+    large = rebound("large.h5");
+    small = rebound("small.h5");
+  }
+  if (!large || !small) {
+    state.SkipWithError("cannot bind");
+    return;
+  }
+  auto timedSync = [](const BundlePtr& bundle, int64_t step) {
+    addStep(bundle, step);
+    const auto start = std::chrono::steady_clock::now();
+    const bool synced = bundle->sync() == 1;
+    const double time =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return synced ? time : -1;
+  };
+  double ours = 0, baseline = 0;
+  int64_t step = 0;
+  for (auto _ : state) {
+    const double atSmall = timedSync(small, 10 + step);
+    const double atLarge = timedSync(large, steps + step);
+    ++step;
+    if (atSmall < 0 || atLarge < 0) state.SkipWithError("sync failed");
+    baseline += atSmall;
+    ours += atLarge;
+    state.SetIterationTime(atLarge);
+  }
+  state.counters["step10_ms"] = 1e3 * baseline / static_cast<double>(state.iterations());
+  state.counters[QuarilBench::PairedRatio] = ours / baseline;
+}
+BENCHMARK(SyncAtStep)
+    ->Args({10000, 0})
+    ->Args({10000, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(100)
+    ->UseManualTime();
 
 }  // namespace
 

@@ -412,34 +412,5 @@ TEST_F(FileTest, failedSaveLeavesTheOldFileByteForByteAndNoTemporary) {
   EXPECT_EQ(listing(), std::vector<std::string>{"keep.h5"});
 }
 
-TEST_F(FileTest, boundBundleWritesEverySyncAndItsEnd) {
-  BundlePtr bundle;
-  bundle.create();
-  auto result = bundle->bindToNew(path("run.h5"));
-  ASSERT_EQ(result.status, 1) << result.text;
-  for (double t : {0.0, 1.0}) makePointCloud(gridIn(bundle, t, "tracer"), {{t, 0, 0}});
-  EXPECT_EQ(bundle->sync(), 1);
-  BundlePtr reader;
-  ASSERT_TRUE(reader.load(path("run.h5")));
-  EXPECT_EQ(reader->getSlices().size(), 2u) << "a reader sees the completed sync";
-
-  makePointCloud(gridIn(bundle, 2, "tracer"), {{2, 0, 0}});
-  bundle.reset();  // the end of life syncs once more
-  BundlePtr after;
-  ASSERT_TRUE(after.load(path("run.h5")));
-  EXPECT_EQ(after->getSlices().size(), 3u);
-
-  // Continuing the file: its contents join the bundle and the next sync keeps them.
-  BundlePtr continued;
-  continued.create();
-  ASSERT_EQ(continued->bindTo(path("run.h5")).status, 1);
-  makePointCloud(gridIn(continued, 3, "tracer"), {{3, 0, 0}});
-  ASSERT_EQ(continued->sync(), 1);
-  BundlePtr all;
-  ASSERT_TRUE(all.load(path("run.h5")));
-  EXPECT_EQ(all->NumberOfGrids("tracer", false), 4u);
-  EXPECT_NE(continued->bindTo(path("absent.h5")).status, 1);
-}
-
 }  // namespace
 }  // namespace Quaril::Testing

@@ -133,6 +133,9 @@ TEST_F(FileTest, aSeriesOrASingleFileContinuesAndHasOneWriterAtATime) {
     EXPECT_NE(refused.text.find("bound already"), std::string::npos) << refused.text;
     EXPECT_EQ(differences(*writer, *loaded(path(name))), "");
   }
+  BundlePtr absent;
+  absent.create();
+  EXPECT_NE(absent->bindTo(path("absent.h5")).text.find("no such file"), std::string::npos);
   BundlePtr all = loaded(path("single.h5"));
   EXPECT_EQ(all->getSlices().size(), 6u) << "the sample's four times and two more";
   // A bundle loaded from the series and bound to it writes only its news.
