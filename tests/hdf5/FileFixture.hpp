@@ -2,10 +2,15 @@
 // A scratch folder per test and small file helpers for the format tests.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -61,6 +66,27 @@ inline BundlePtr roundTrip(const Bundle& bundle, const std::string& path) {
   H5::Outcome read = H5::load(loaded, {path});
   EXPECT_TRUE(read.ok) << read.error;
   return loaded;
+}
+
+/// Runs `failsWithReason` in a child process whose files may not grow past
+/// `bytes` (a full disk, as writes see it); true when it answered true there.
+inline bool onAFullDisk(rlim_t bytes, const std::function<bool()>& failsWithReason) {
+  const pid_t child = fork();
+  if (child == 0) {
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{bytes, bytes};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    _exit(failsWithReason() ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+/// Adds the grid "big" at time `t`: 16,384 doubles, more than a small disk holds.
+inline void addBigGrid(const BundlePtr& bundle, double t) {
+  makeUniformGrid(gridIn(bundle, t, "big"), {32, 32, 16}, {0, 0, 0}, {1, 1, 1});
+  addVertexField(gridIn(bundle, t, "big"), "values", std::vector<double>(32 * 32 * 16, 1.0));
 }
 
 }  // namespace Quaril::Testing
