@@ -1,11 +1,13 @@
-# Entry points: `make test`, `make sanitize`, `make bench`.
+# Entry points: `make test`, `make sanitize`, `make bench`, `make fuzz`.
 BUILD_DIR      ?= build
 SANITIZE_DIR   ?= build-sanitize
 THREAD_DIR     ?= build-thread
 BENCH_DIR      ?= build-bench
+FUZZ_DIR       ?= build-fuzz
+FUZZ_SECONDS   ?= 60
 JOBS           ?= 2
 
-.PHONY: test sanitize tsan bench deps format clean
+.PHONY: test sanitize tsan bench fuzz deps format clean
 
 deps:
 	@bash scripts/install-deps.sh
@@ -37,8 +39,17 @@ bench: deps
 	  if [ -x "$$program" ] && [ -f "$$program" ]; then echo "== $$program"; "$$program" || exit 1; fi; \
 	done
 
+# The loader's fuzz target, built with clang and run for FUZZ_SECONDS.
+fuzz:
+	@bash scripts/install-deps.sh fuzz
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	      -DQUARIL_FUZZ=ON -DQUARIL_SANITIZE=fuzzer-no-link,address,undefined \
+	      -DQUARIL_BUILD_TESTS=OFF -DQUARIL_BUILD_BENCHMARKS=OFF -DQUARIL_BUILD_EXAMPLES=OFF
+	cmake --build $(FUZZ_DIR) -j$(JOBS) --target load_fuzzer fuzz_seeds
+	bash fuzz/run.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
+
 format:
 	clang-format -i $$(git ls-files '*.hpp' '*.cpp')
 
 clean:
-	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(THREAD_DIR) $(BENCH_DIR)
+	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(THREAD_DIR) $(BENCH_DIR) $(FUZZ_DIR)

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build needs. As root it installs what is
-# missing; otherwise it prints the exact command and fails.
+# Installs the Debian packages the build needs (`install-deps.sh fuzz`: also
+# those of the fuzz target). As root it installs what is missing; otherwise it
+# prints the exact command and fails.
 set -euo pipefail
 
 packages=(
@@ -16,6 +17,9 @@ packages=(
   python3-numpy
   python3-pytest
 )
+if [ "${1:-}" = "fuzz" ]; then
+  packages+=(clang libclang-rt-14-dev)
+fi
 
 missing=()
 for package in "${packages[@]}"; do
