@@ -157,7 +157,7 @@ class Saver : public Ostrak::Interface<Saver> {
                       "no such file; bindToNew makes a new one");
       detail::bindSeries(*bundle, filename, existing,
                          request->findInterface<StorageTransformations>(), progress,
-                         existing ? loadedFrom(*bundle, filename) : nullptr);
+                         loadedFrom(*bundle, filename));
     });
     return answer(*request, bound, progress);
   }

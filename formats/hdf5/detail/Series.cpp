@@ -438,11 +438,13 @@ void writeJournal(const std::string& path, const std::string& token,
 /// Removes what is in the parts folder but not a part of the journal: parts
 /// of a series replaced since, of a sync that did not complete, and their
 /// temporary files.
-void removeStrayParts(const std::string& journal, const Journal& read, uint64_t next) {
+void removeStrayParts(const std::string& journal, const Journal& read, uint64_t next,
+                      bool keepOtherSeries) {
   std::error_code error;
   for (const auto& entry : fs::directory_iterator(partsFolder(journal), error)) {
     const std::string name = entry.path().filename().string();
     bool ours = false;
+    if (keepOtherSeries && name.rfind(read.token + "-", 0) != 0 && name[0] != '.') continue;
     if (name.rfind(read.token + "-", 0) == 0) {
       const std::string number = name.substr(read.token.size() + 1);
       char* end = nullptr;
@@ -502,6 +504,8 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
   fs::create_directory(partsFolder(path), error);
   require(!error, "cannot make the folder " + partsFolder(path) + ": " + error.message());
   if (!existing && isJournal(path)) close(openLocked(path));  // not while bound elsewhere
+  // A bundle that still reads parts of the series it replaces keeps them.
+  const bool readsReplacedParts = !existing && stored;
   if (!existing) {
     // A new series replaces whatever `path` was once its first sync is complete.
     stored = std::make_shared<Stored>();
@@ -555,7 +559,8 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
     close(fd);
     throw;
   }
-  removeStrayParts(path, read, read.records.empty() ? 0 : read.records.back().number + 1);
+  removeStrayParts(path, read, read.records.empty() ? 0 : read.records.back().number + 1,
+                   readsReplacedParts);
   StrongPtr<SeriesBinding> binding(
       new SeriesBinding(path, fd, std::move(read), stored, transformations, progress));
   if (existing && binding->synchronize(bundle, {}, bundle) == 0) {

@@ -46,10 +46,12 @@ std::string partPath(const std::string& journal, const std::string& token, uint6
 std::vector<Part> partsOf(const std::string& journal, const Journal& read);
 
 /// Binds `bundle` to the series `path`: a new one (`existing` false;
-/// whatever `path` was is replaced once the first sync is complete), or the
-/// existing series or single file `path`, whose contents join the bundle
-/// unless `stored` says the bundle was loaded from it (a single file becomes
-/// the first part of a series). Writes what the bundle holds that the file
+/// whatever `path` was is replaced once the first sync is complete, its
+/// parts removed unless the bundle was loaded from it), or the existing
+/// series or single file `path`, whose contents join the bundle unless the
+/// bundle was loaded from it (a single file becomes the first part of a
+/// series). `stored` is what was read from `path` into the bundle, null when
+/// it was not loaded from it. Writes what the bundle holds that the file
 /// does not, and installs the binding. Throws Failure.
 void bindSeries(Bundle& bundle, const std::string& path, bool existing,
                 const Ostrak::StrongPtr<StorageTransformations>& transformations,
