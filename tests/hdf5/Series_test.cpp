@@ -139,6 +139,11 @@ TEST_F(FileTest, aSeriesOrASingleFileContinuesAndHasOneWriterAtATime) {
   for (const auto& [time, slice] : reader->getSlices()) slice->accessSlice();
   EXPECT_EQ(reader->sync(), 1);
   EXPECT_EQ(partsOf(path("single.h5")).size(), parts) << "nothing new to write";
+  reader.reset();
+  // Replacing the series it was read from keeps the parts the bundle reads.
+  BundlePtr again = loaded(path("single.h5"));
+  ASSERT_EQ(again->bindToNew(path("single.h5")).status, 1);
+  EXPECT_EQ(differences(*again, *loaded(path("single.h5"))), "");
 }
 
 /// Throws at the k-th fragment it is asked about, when armed.
