@@ -484,11 +484,13 @@ void report(const StrongPtr<Ostrak::LoaderProgress>& progress, const std::string
 /// every part that holds some of them, in the parts' order.
 class SliceLoader : public Slice::Loader {
  public:
-  using Rows = std::vector<std::pair<std::shared_ptr<PartSource>, uint64_t>>;
+  using Row = std::pair<std::shared_ptr<PartSource>, uint64_t>;
 
-  SliceLoader(Rows rows, const StrongPtr<Ostrak::LoaderProgress>& progress,
+  /// Reads `first`, then `more` (a slice of one file has none).
+  SliceLoader(Row first, std::vector<Row> more, const StrongPtr<Ostrak::LoaderProgress>& progress,
               std::shared_ptr<Stored> stored)
-      : rows_(std::move(rows)),
+      : first_(std::move(first)),
+        more_(std::move(more)),
         progress_(progress),
         vetoes_(Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(progress)),
         stored_(std::move(stored)) {}
@@ -500,7 +502,8 @@ class SliceLoader : public Slice::Loader {
     Session session;
     bool complete = true;
     std::vector<StrongPtr<Grid>> grids;
-    for (const auto& [part, row] : rows_) {
+    for (size_t i = 0; i <= more_.size(); ++i) {
+      const auto& [part, row] = i == 0 ? first_ : more_[i - 1];
       try {
         const std::shared_ptr<Source> source = part->get();
         require(row < source->index().times.size() &&
@@ -570,7 +573,8 @@ class SliceLoader : public Slice::Loader {
     return found == slice.getGrids().end() ? StrongPtr<Grid>() : found->second;
   }
 
-  Rows rows_;
+  Row first_;
+  std::vector<Row> more_;
   StrongPtr<Ostrak::LoaderProgress> progress_;
   StrongPtr<BundleLoaderProgress> vetoes_;
   std::shared_ptr<Stored> stored_;
@@ -679,26 +683,36 @@ void attachParts(Bundle& bundle, const std::vector<Part>& parts,
       }
     }
   }
-  // Each time's rows in the parts' order; one loader per slice applies them.
-  std::map<double, SliceLoader::Rows> rows;
-  for (const Part& part : parts) {
-    const Index& index = part.index;
-    for (uint64_t row = 0; row < index.times.size(); ++row) {
-      rows[index.times[row]].emplace_back(part.source, row);
-    }
-  }
   auto vetoes = Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(progress);
-  const uint64_t total = rows.size();
-  uint64_t done = 0;
-  for (auto& [time, sliceRows] : rows) {
-    ++done;
-    if (vetoes && !vetoes->CreateSlice(time)) continue;
-    SlicePtr slice = bundle[time];
-    // The slice is in the file: a binding to it need not write it again.
-    if (stored) stored->add(slice.referenceBlock());
-    slice->addLoader(
-        StrongPtr<Slice::Loader>(new SliceLoader(std::move(sliceRows), progress, stored)));
-    if (progress && done % 4096 == 0) progress->progress(done, total);
+  auto attach = [&](double time, SliceLoader::Row first, std::vector<SliceLoader::Row> more) {
+    if (vetoes && !vetoes->CreateSlice(time)) return;
+    bundle[time]->addLoader(StrongPtr<Slice::Loader>(
+        new SliceLoader(std::move(first), std::move(more), progress, stored)));
+  };
+  uint64_t total = 0;
+  if (parts.size() == 1) {
+    const Part& part = parts.front();
+    total = part.index.times.size();
+    for (uint64_t row = 0; row < total; ++row) {
+      attach(part.index.times[row], {part.source, row}, {});
+      if (progress && (row + 1) % 4096 == 0) progress->progress(row + 1, total);
+    }
+  } else {
+    // Each time's rows in the parts' order; one loader per slice applies them.
+    std::map<double, std::vector<SliceLoader::Row>> rows;
+    for (const Part& part : parts) {
+      for (uint64_t row = 0; row < part.index.times.size(); ++row) {
+        rows[part.index.times[row]].emplace_back(part.source, row);
+      }
+    }
+    total = rows.size();
+    uint64_t done = 0;
+    for (auto& [time, sliceRows] : rows) {
+      SliceLoader::Row first = std::move(sliceRows.front());
+      sliceRows.erase(sliceRows.begin());
+      attach(time, std::move(first), std::move(sliceRows));
+      if (progress && ++done % 4096 == 0) progress->progress(done, total);
+    }
   }
   if (progress) progress->progress(total, total);
 }

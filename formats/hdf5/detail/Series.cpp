@@ -235,18 +235,19 @@ void writeAt(int fd, const std::vector<uint8_t>& bytes, uint64_t offset, const s
 // ---- what a sync writes ------------------------------------------------------------
 
 /// Everything of `bundle` that `stored` does not list, or lists with other
-/// attributes. Slices still to be read from the bound series are skipped;
-/// other pending slices are read, to be written.
-Selection planSync(const Bundle& bundle, const Stored& stored) {
+/// attributes. Slices still to be read from a file are read and written
+/// when `readPending`, and otherwise left alone: they are in the bound
+/// series, or are written once something reads them.
+Selection planSync(const Bundle& bundle, const Stored& stored, bool readPending) {
   Selection plan;
   plan.bundleAttributes = !stored.sameBundleAttributes(bundle);
   for (const auto& [time, slice] : bundle.getSlices()) {
     if (!slice) continue;
-    const bool sliceKnown = stored.contains(slice.referenceBlock());
     if (slice->hasPendingLoaders()) {
-      if (sliceKnown) continue;
+      if (!readPending) continue;
       slice->accessSlice();
     }
+    const bool sliceKnown = stored.contains(slice.referenceBlock());
     bool news = !sliceKnown;
     if (!stored.sameAttributes(slice.referenceBlock(), *slice)) {
       plan.sliceAttributes.insert(slice.get());
@@ -358,7 +359,7 @@ class SeriesBinding : public StorageBinding {
 
  private:
   void sync(const Bundle& bundle) {
-    const Selection plan = planSync(bundle, *stored_);
+    const Selection plan = planSync(bundle, *stored_, false);
     if (nothingIn(plan)) return;
     const std::string part = partPath(journal_, token_, next_);
     Index written;
@@ -510,7 +511,7 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
     // A new series replaces whatever `path` was once its first sync is complete.
     stored = std::make_shared<Stored>();
     const std::string token = newToken();
-    const Selection plan = planSync(bundle, *stored);
+    const Selection plan = planSync(bundle, *stored, true);
     Index written;
     const std::string first = partPath(path, token, 0);
     writeBundle(bundle, first, {transformations, progress, {}, &plan, &written});
@@ -521,7 +522,14 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
       throw;
     }
     recordWritten(bundle, plan, *stored);
-  } else if (!isJournal(path)) {
+  }
+  // Slices still to be read from other files are read now, to be written.
+  if (existing && !stored) {
+    for (const auto& [time, slice] : bundle.getSlices()) {
+      if (slice) slice->accessSlice();
+    }
+  }
+  if (existing && !isJournal(path)) {
     // A single file becomes the first part of a series: linked under the
     // part's name first, so that it is never missing under either name.
     require(looksLikeHdf5(path), "neither a bundle file nor a bundle series");
