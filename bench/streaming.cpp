@@ -31,21 +31,13 @@ constexpr uint64_t Values = Edge * Edge * Edge;
 const char* const FieldNames[] = {"density", "pressure"};
 constexpr uint64_t StepBytes = 2 * Values * sizeof(float);
 
-/// The peak resident bytes of this process since the last reset.
-uint64_t peakResident() {
+/// A size of this process from /proc/self/status ("VmHWM:", the peak
+/// resident size since the last reset; "VmRSS:", the resident size now).
+uint64_t statusBytes(const std::string& key) {
   std::ifstream status("/proc/self/status");
   std::string line;
   while (std::getline(status, line)) {
-    if (line.rfind("VmHWM:", 0) == 0) return std::stoull(line.substr(6)) * 1024;
-  }
-  return 0;
-}
-
-uint64_t resident() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("VmRSS:", 0) == 0) return std::stoull(line.substr(6)) * 1024;
+    if (line.rfind(key, 0) == 0) return std::stoull(line.substr(key.size())) * 1024;
   }
   return 0;
 }
@@ -154,9 +146,9 @@ int readAllWithTheCApi(const std::string& path, double& sum) {
 template <class Visit>
 int64_t peakGrowth(Visit&& visit, int& arrays) {
   resetPeak();
-  const uint64_t before = resident();
+  const uint64_t before = statusBytes("VmRSS:");
   arrays = visit();
-  return static_cast<int64_t>(peakResident()) - static_cast<int64_t>(before);
+  return static_cast<int64_t>(statusBytes("VmHWM:")) - static_cast<int64_t>(before);
 }
 
 }  // namespace
