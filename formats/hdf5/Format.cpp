@@ -31,18 +31,8 @@ bool isOurFileName(const std::string& filename) {
 /// Runs `action`, turning whatever it throws into an error text.
 template <class Action>
 Outcome attempt(Action&& action) {
-  try {
-    action();
-    return {true, ""};
-  } catch (const detail::Failure& failure) {
-    return {false, failure.what()};
-  } catch (const std::bad_alloc&) {
-    return {false, "out of memory"};
-  } catch (const std::exception& error) {
-    return {false, std::string("stopped by an exception: ") + error.what()};
-  } catch (...) {
-    return {false, "stopped by an exception"};
-  }
+  std::optional<std::string> error = detail::failureOf(std::forward<Action>(action));
+  return {!error, error.value_or("")};
 }
 
 /// The files a bundle was loaded from, each with what was read from it, kept

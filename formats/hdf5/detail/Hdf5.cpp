@@ -184,19 +184,6 @@ bool linkExists(hid_t parent, const std::string& name) {
   return check(H5Lexists(parent, name.c_str(), H5P_DEFAULT), "cannot look up \"" + name + "\"") > 0;
 }
 
-uint64_t countLinks(hid_t group) {
-  H5G_info_t info{};
-  check(H5Gget_info(group, &info), "cannot read a group");
-  return info.nlinks;
-}
-
-bool isGroup(hid_t parent, const std::string& name) {
-  H5O_info_t info{};
-  check(H5Oget_info_by_name2(parent, name.c_str(), &info, H5O_INFO_BASIC, H5P_DEFAULT),
-        "cannot read \"" + name + "\"");
-  return info.type == H5O_TYPE_GROUP;
-}
-
 void linkExternal(hid_t parent, const std::string& name, const std::string& file,
                   const std::string& path) {
   check(H5Lcreate_external(file.c_str(), path.c_str(), parent, name.c_str(), H5P_DEFAULT,

@@ -9,6 +9,8 @@
 
 #include <cstdint>
 #include <mutex>
+#include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -22,6 +24,24 @@ class Failure : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+/// Runs `action`; returns nothing when it succeeds, otherwise what it threw
+/// as an error text (the format's own failures as they are).
+template <class Action>
+std::optional<std::string> failureOf(Action&& action) {
+  try {
+    action();
+    return std::nullopt;
+  } catch (const Failure& failure) {
+    return failure.what();
+  } catch (const std::bad_alloc&) {
+    return "out of memory";
+  } catch (const std::exception& error) {
+    return std::string("stopped by an exception: ") + error.what();
+  } catch (...) {
+    return "stopped by an exception";
+  }
+}
 
 /// Throws a Failure with `text` when `condition` is false.
 inline void require(bool condition, const std::string& text) {
@@ -129,10 +149,6 @@ bool linkExists(hid_t parent, const std::string& name);
 void removeLink(hid_t parent, const std::string& name);
 /// The names of the links in `group`, in name order.
 std::vector<std::string> linkNames(hid_t group);
-/// Number of links in the group.
-uint64_t countLinks(hid_t group);
-/// Whether the object `name` in `parent` is a group (false: a dataset).
-bool isGroup(hid_t parent, const std::string& name);
 /// Makes `name` in `parent` an external link to `path` in the file `file`.
 void linkExternal(hid_t parent, const std::string& name, const std::string& file,
                   const std::string& path);

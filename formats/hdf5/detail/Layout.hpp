@@ -28,8 +28,8 @@ inline constexpr const char* GridNames = "grid_names";  // uint8[B], the names o
 inline constexpr const char* GridNameEnds = "grid_name_ends";  // uint64[G], end of each name
 inline constexpr const char* GridParents = "grid_parents";     // int64[G], parent row or -1
 inline constexpr const char* Entries = "entries";  // int64[E, 3]: time row, grid row, structure row
-inline constexpr const char* EntryBytes = "entry_bytes";        // uint64[E], data bytes of the entry
-inline constexpr const char* Structures = "structures";         // uint8[C], the JSON texts
+inline constexpr const char* EntryBytes = "entry_bytes";  // uint64[E], data bytes of the entry
+inline constexpr const char* Structures = "structures";   // uint8[C], the JSON texts
 inline constexpr const char* StructureEnds = "structure_ends";  // uint64[D], end of each text
 inline constexpr size_t EntryColumns = 3;
 

@@ -9,6 +9,7 @@
 #include "field/CreativeArrayBase.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
 #include "formats/hdf5/detail/Stored.hpp"
+#include "formats/hdf5/detail/Walk.hpp"
 #include "ostrak/Diagnostics.hpp"
 
 namespace Quaril::H5::detail {
@@ -81,7 +82,8 @@ void checkParents(const std::vector<int64_t>& parents) {
 }
 
 void readEntries(hid_t index, Index& result) {
-  const std::vector<int64_t> rows = readVector<int64_t>(index, layout::Entries, layout::EntryColumns);
+  const std::vector<int64_t> rows =
+      readVector<int64_t>(index, layout::Entries, layout::EntryColumns);
   const uint64_t times = result.times.size();
   const uint64_t names = result.names.size();
   const uint64_t structures = result.structureEnds.size();
@@ -171,22 +173,25 @@ Index readIndex(hid_t file, hid_t structures) {
 
 // ---- attributes ------------------------------------------------------------------
 
+/// Replaces the attributes of `into` by those of `object`; on a failure
+/// `into` keeps the ones it had.
 void readAttributes(hid_t object, Ostrak::Attributes& into) {
+  Ostrak::Attributes read;
   for (const std::string& name : attributeNames(object)) {
     const AttributeShape shape = attributeShape(object, name);
     // A scalar is one value, a one-dimensional attribute a vector (even of one).
     auto setNumbers = [&](auto values) {
       if (shape.scalar) {
-        into.setAttribute(name, values.at(0));
+        read.setAttribute(name, values.at(0));
       } else {
-        into.setAttribute(name, std::move(values));
+        read.setAttribute(name, std::move(values));
       }
     };
     if (shape.typeClass == H5T_STRING) {
       if (shape.scalar) {
-        into.setAttribute(name, readString(object, name));
+        read.setAttribute(name, readString(object, name));
       } else {
-        into.setAttribute(name, readStrings(object, name));
+        read.setAttribute(name, readStrings(object, name));
       }
     } else if (shape.typeClass == H5T_INTEGER) {
       setNumbers(readNumbers<int64_t>(object, name));
@@ -196,6 +201,7 @@ void readAttributes(hid_t object, Ostrak::Attributes& into) {
       throw Failure("attribute " + inQuotes(name) + " is neither a number nor a text");
     }
   }
+  into = read;
 }
 
 // ---- one grid ----------------------------------------------------------------------
@@ -262,9 +268,7 @@ class GridReader {
     try {
       if (structure().value(layout::HasAttributes, false)) {
         Group group = openGroup(source_.file(), layout::gridPath(entry_));
-        Ostrak::Attributes attributes;
-        readAttributes(group.id(), attributes);
-        static_cast<Ostrak::Attributes&>(grid_) = attributes;
+        readAttributes(group.id(), grid_);
       }
       collectFragments();
       const Json& skeletons = structure().at(layout::Skeletons);
@@ -370,24 +374,10 @@ class GridReader {
   /// The fragment identities the grid has already, by name, so that a later
   /// part's fragment replaces the one of the same name.
   void collectFragments() {
-    struct Collect : FragmentIterator {
-      std::map<std::string, StrongPtr<FragmentID>>& into;
-      explicit Collect(std::map<std::string, StrongPtr<FragmentID>>& into) : into(into) {}
-      bool apply(const StrongPtr<FragmentID>& fragment,
-                 const StrongPtr<CreativeArrayBase>&) override {
-        if (fragment) into.emplace(fragment->Name(), fragment);
-        return true;
-      }
-    } collect(fragments_);
-    grid_.iterate([&](const SkeletonID&, const StrongPtr<Skeleton>& skeleton) {
-      skeleton->iterate([&](const WeakPtr<BaseSpace>&, const StrongPtr<Representation>& rep) {
-        rep->iterate([&](const StrongPtr<FieldID>&, const StrongPtr<Field>& field) {
-          field->iterate(collect);
-          return true;
-        });
-        return true;
+    forEachField(grid_, [&](const StrongPtr<Field>& field) {
+      forEachFragment(*field, [&](const StrongPtr<FragmentID>& fragment, const auto&) {
+        if (fragment) fragments_.emplace(fragment->Name(), fragment);
       });
-      return true;
     });
   }
 
@@ -506,10 +496,10 @@ class SliceLoader : public Slice::Loader {
       const auto& [part, row] = i == 0 ? first_ : more_[i - 1];
       try {
         const std::shared_ptr<Source> source = part->get();
-        require(row < source->index().times.size() &&
-                    source->index().times[row] == slice->getTime(),
-                "it does not hold the time " + std::to_string(slice->getTime()) +
-                    " that the series lists");
+        require(
+            row < source->index().times.size() && source->index().times[row] == slice->getTime(),
+            "it does not hold the time " + std::to_string(slice->getTime()) +
+                " that the series lists");
         complete = loadRow(*slice, *bundle, part, *source, row, grids) && complete;
       } catch (const Failure& failure) {
         report(progress_, part->path() + ": " + failure.what());
@@ -532,9 +522,7 @@ class SliceLoader : public Slice::Loader {
     if (index.sliceAttributes[row]) {
       try {
         Group group = openGroup(source.file(), layout::slicePath(row));
-        Ostrak::Attributes attributes;
-        readAttributes(group.id(), attributes);
-        static_cast<Ostrak::Attributes&>(slice) = attributes;
+        readAttributes(group.id(), slice);
       } catch (const Failure& failure) {
         report(progress_, source.path() + ": slice attributes: " + failure.what());
         complete = false;
@@ -547,8 +535,8 @@ class SliceLoader : public Slice::Loader {
       try {
         // A partial entry adds to the grid read before; any other makes a
         // grid that replaces it.
-        const bool adds = source.structure(index.entries[entry].structureRow)
-                              ->value(layout::Partial, false);
+        const bool adds =
+            source.structure(index.entries[entry].structureRow)->value(layout::Partial, false);
         StrongPtr<Grid> grid = adds ? existingGrid(slice, id) : StrongPtr<Grid>();
         const bool made = !grid;
         if (made) {
@@ -665,9 +653,7 @@ void attachParts(Bundle& bundle, const std::vector<Part>& parts,
     if (!part->index.bundleAttributes) continue;
     const std::shared_ptr<Source> source = part->source->get();
     Group group = openGroup(source->file(), layout::BundleAttributes);
-    Ostrak::Attributes attributes;
-    readAttributes(group.id(), attributes);
-    static_cast<Ostrak::Attributes&>(bundle) = attributes;
+    readAttributes(group.id(), bundle);
     if (stored) stored->setBundleAttributes(bundle);
     break;
   }

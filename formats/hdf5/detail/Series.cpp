@@ -11,6 +11,7 @@
 #include <random>
 
 #include "formats/hdf5/detail/Stored.hpp"
+#include "formats/hdf5/detail/Walk.hpp"
 #include "formats/hdf5/detail/Writer.hpp"
 
 namespace Quaril::H5::detail {
@@ -140,9 +141,9 @@ Journal::Record decodeRecord(const uint8_t* data, size_t size) {
   const uint64_t times = in.count(9);
   for (uint64_t row = 0; row < times; ++row) {
     index.times.push_back(in.get<double>());
-    require(!std::isnan(index.times.back()) &&
-                (row == 0 || index.times[row] > index.times[row - 1]),
-            "a journal record lists times out of order");
+    require(
+        !std::isnan(index.times.back()) && (row == 0 || index.times[row] > index.times[row - 1]),
+        "a journal record lists times out of order");
   }
   for (uint64_t row = 0; row < times; ++row) index.sliceAttributes.push_back(in.get<uint8_t>());
   index.bundleAttributes = in.get<uint8_t>() != 0;
@@ -184,11 +185,11 @@ Journal parseJournal(const std::string& bytes) {
   Decoder header(data + sizeof(Magic), 8);
   const uint32_t major = header.get<uint32_t>();
   require(major <= VersionMajor, "a series of journal version " + std::to_string(major) +
-                                     ", newer than this reader's " +
-                                     std::to_string(VersionMajor));
+                                     ", newer than this reader's " + std::to_string(VersionMajor));
   Journal journal;
   journal.token.assign(bytes.data() + sizeof(Magic) + 8, TokenBytes);
-  for (char c : journal.token) require(std::isxdigit(static_cast<unsigned char>(c)), "a bad journal");
+  for (char c : journal.token)
+    require(std::isxdigit(static_cast<unsigned char>(c)), "a bad journal");
   size_t at = HeaderBytes;
   while (bytes.size() - at >= RecordHeaderBytes) {
     Decoder head(data + at, RecordHeaderBytes);
@@ -224,8 +225,8 @@ std::string partsFolder(const std::string& journal) {
 void writeAt(int fd, const std::vector<uint8_t>& bytes, uint64_t offset, const std::string& what) {
   size_t done = 0;
   while (done < bytes.size()) {
-    const ssize_t wrote = pwrite(fd, bytes.data() + done, bytes.size() - done,
-                                 static_cast<off_t>(offset + done));
+    const ssize_t wrote =
+        pwrite(fd, bytes.data() + done, bytes.size() - done, static_cast<off_t>(offset + done));
     if (wrote < 0 && errno == EINTR) continue;
     require(wrote > 0, systemError("cannot write " + what));
     done += static_cast<size_t>(wrote);
@@ -261,36 +262,22 @@ Selection planSync(const Bundle& bundle, const Stored& stored, bool readPending)
         plan.gridAttributes.insert(grid.get());
         gridNews = true;
       }
-      grid->iterate([&](const SkeletonID&, const StrongPtr<Skeleton>& skeleton) {
-        skeleton->iterate([&](const WeakPtr<BaseSpace>&, const StrongPtr<Representation>& rep) {
-          rep->iterate([&](const StrongPtr<FieldID>&, const StrongPtr<Field>& field) {
-            if (!gridKnown || !stored.contains(field.referenceBlock())) {
-              plan.fields[field.get()];
-              gridNews = true;
-              return true;
-            }
-            struct NewFragments : FragmentIterator {
-              const Stored& stored;
-              Selection::FieldChoice choice{true, {}};
-              explicit NewFragments(const Stored& stored) : stored(stored) {}
-              bool apply(const StrongPtr<FragmentID>&,
-                         const StrongPtr<CreativeArrayBase>& creator) override {
-                if (creator && !stored.contains(creator.referenceBlock())) {
-                  choice.fragments.insert(creator.get());
-                }
-                return true;
-              }
-            } fresh(stored);
-            field->iterate(fresh);
-            if (!fresh.choice.fragments.empty()) {
-              plan.fields[field.get()] = std::move(fresh.choice);
-              gridNews = true;
-            }
-            return true;
-          });
-          return true;
+      forEachField(*grid, [&](const StrongPtr<Field>& field) {
+        if (!gridKnown || !stored.contains(field.referenceBlock())) {
+          plan.fields[field.get()];
+          gridNews = true;
+          return;
+        }
+        Selection::FieldChoice fresh{true, {}};
+        forEachFragment(*field, [&](const auto&, const StrongPtr<CreativeArrayBase>& creator) {
+          if (creator && !stored.contains(creator.referenceBlock())) {
+            fresh.fragments.insert(creator.get());
+          }
         });
-        return true;
+        if (!fresh.fragments.empty()) {
+          plan.fields[field.get()] = std::move(fresh);
+          gridNews = true;
+        }
       });
       if (!gridNews) continue;
       plan.grids.emplace(grid.get(), gridKnown);
@@ -338,19 +325,9 @@ class SeriesBinding : public StorageBinding {
   int32_t synchronize(const Bundle& bundle, const StrongPtr<MemBase, Cacheable>&,
                       Ostrak::Intercube&) override {
     Session session;
-    try {
-      sync(bundle);
-      error_.clear();
-      return 1;
-    } catch (const Failure& failure) {
-      error_ = journal_ + ": " + failure.what();
-    } catch (const std::bad_alloc&) {
-      error_ = journal_ + ": out of memory";
-    } catch (const std::exception& error) {
-      error_ = journal_ + ": stopped by an exception: " + error.what();
-    } catch (...) {
-      error_ = journal_ + ": stopped by an exception";
-    }
+    const std::optional<std::string> error = failureOf([&] { sync(bundle); });
+    error_ = error ? journal_ + ": " + *error : "";
+    if (!error) return 1;
     if (progress_) progress_->message(error_);
     return 0;
   }
@@ -490,8 +467,9 @@ std::vector<Part> partsOf(const std::string& journal, const Journal& read) {
   auto pool = std::make_shared<PartSource::Pool>(OpenPartsLimit);
   std::vector<Part> parts;
   for (const Journal::Record& record : read.records) {
-    parts.push_back({std::make_shared<PartSource>(partPath(journal, read.token, record.number), pool),
-                     record.index});
+    parts.push_back(
+        {std::make_shared<PartSource>(partPath(journal, read.token, record.number), pool),
+         record.index});
   }
   return parts;
 }

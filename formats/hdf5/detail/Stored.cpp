@@ -1,26 +1,8 @@
 #include "formats/hdf5/detail/Stored.hpp"
 
+#include "formats/hdf5/detail/Walk.hpp"
+
 namespace Quaril::H5::detail {
-
-namespace {
-
-using Ostrak::StrongPtr;
-using Ostrak::WeakPtr;
-
-/// Visits every fragment of a field.
-class EachFragment : public FragmentIterator {
- public:
-  explicit EachFragment(Stored& stored) : stored_(stored) {}
-  bool apply(const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) override {
-    if (creator) stored_.add(creator.referenceBlock());
-    return true;
-  }
-
- private:
-  Stored& stored_;
-};
-
-}  // namespace
 
 Stored::~Stored() {
   for (auto& [block, entry] : entries_) block->releaseWeak();
@@ -64,17 +46,11 @@ void Stored::add(Ostrak::ReferenceBlock* block, const Ostrak::Attributes* attrib
 void Stored::addGrid(const Ostrak::StrongPtr<Grid>& grid) {
   if (!grid) return;
   add(grid.referenceBlock(), grid.get());
-  EachFragment fragments(*this);
-  grid->iterate([&](const SkeletonID&, const StrongPtr<Skeleton>& skeleton) {
-    skeleton->iterate([&](const WeakPtr<BaseSpace>&, const StrongPtr<Representation>& rep) {
-      rep->iterate([&](const StrongPtr<FieldID>&, const StrongPtr<Field>& field) {
-        add(field.referenceBlock());
-        field->iterate(fragments);
-        return true;
-      });
-      return true;
+  forEachField(*grid, [&](const Ostrak::StrongPtr<Field>& field) {
+    add(field.referenceBlock());
+    forEachFragment(*field, [&](const auto&, const Ostrak::StrongPtr<CreativeArrayBase>& creator) {
+      if (creator) add(creator.referenceBlock());
     });
-    return true;
   });
 }
 

@@ -21,6 +21,7 @@
 #include "formats/hdf5/detail/Hdf5.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
 #include "formats/hdf5/detail/Values.hpp"
+#include "formats/hdf5/detail/Walk.hpp"
 
 namespace Quaril::H5::detail {
 
@@ -261,9 +262,8 @@ class BundleWriter {
     if (request_.selection && request_.selection->grids.at(&grid)) {
       structure[layout::Partial] = true;
     }
-    const bool attributes = request_.selection
-                                ? request_.selection->gridAttributes.count(&grid) > 0
-                                : grid.numberOfAttributes() > 0;
+    const bool attributes = request_.selection ? request_.selection->gridAttributes.count(&grid) > 0
+                                               : grid.numberOfAttributes() > 0;
     if (policy_->getSaveAttributes() && attributes) {
       if (!grids_) grids_ = createGroup(file_, layout::GridsGroup);
       Group group = createGroup(grids_.id(), std::to_string(row));
@@ -323,14 +323,12 @@ class BundleWriter {
       }
       policy_->writtenFields().insert(id);
       Json fragments = Json::array();
-      FragmentVisitor visit(
-          [&](const StrongPtr<FragmentID>& fragment, const StrongPtr<CreativeArrayBase>& creator) {
-            if (choice && choice->partial && !choice->fragments.count(creator.get())) return true;
-            Json written = writeFragment(writing, *id, *field, fragment, creator, place);
-            if (!written.is_null()) fragments.push_back(std::move(written));
-            return true;
-          });
-      field->iterate(visit);
+      forEachFragment(*field, [&](const StrongPtr<FragmentID>& fragment,
+                                  const StrongPtr<CreativeArrayBase>& creator) {
+        if (choice && choice->partial && !choice->fragments.count(creator.get())) return;
+        Json written = writeFragment(writing, *id, *field, fragment, creator, place);
+        if (!written.is_null()) fragments.push_back(std::move(written));
+      });
       fields.push_back({{layout::FieldName, id->Name()},
                         {layout::ElementType, field->getElementDescriptor().name()},
                         {layout::Fragments, std::move(fragments)}});
@@ -341,20 +339,6 @@ class BundleWriter {
   }
 
   // ---- one fragment -------------------------------------------------------------
-
-  class FragmentVisitor : public FragmentIterator {
-   public:
-    using Visit =
-        std::function<bool(const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>&)>;
-    explicit FragmentVisitor(Visit visit) : visit_(std::move(visit)) {}
-    bool apply(const StrongPtr<FragmentID>& fragment,
-               const StrongPtr<CreativeArrayBase>& creator) override {
-      return visit_(fragment, creator);
-    }
-
-   private:
-    Visit visit_;
-  };
 
   /// Writes one fragment and returns its description; null when the policy
   /// leaves it out.

@@ -7,8 +7,8 @@
 
 #include "bundle/Bundle.hpp"
 #include "bundle/StorageTransformations.hpp"
-#include "ostrak/Loader.hpp"
 #include "formats/hdf5/detail/Index.hpp"
+#include "ostrak/Loader.hpp"
 #include "ostrak/StringList.hpp"
 
 namespace Quaril::H5::detail {
