@@ -75,6 +75,28 @@ int Bundle::sync() const {
   return storage_->synchronize(*this, {}, nothing);
 }
 
+void Bundle::trackSliceChanges() {
+  // Objects marked before now would not pass a new mark up again at the
+  // same clock time.
+  Ostrak::Ageable::advanceGlobalTime();
+  if (!changedSlices_) changedSlices_ = std::make_unique<std::set<double>>();
+}
+
+std::vector<double> Bundle::takeChangedSlices() const {
+  if (!changedSlices_) return {};
+  Ostrak::Ageable::advanceGlobalTime();
+  std::vector<double> times(changedSlices_->begin(), changedSlices_->end());
+  changedSlices_->clear();
+  return times;
+}
+
+void Bundle::ownedChanged(Ostrak::OwnerBase& owned) {
+  Ostrak::OwnerBase::ownedChanged(owned);
+  if (!changedSlices_) return;
+  const auto* slice = dynamic_cast<const Slice*>(&owned);
+  if (slice && !std::isnan(slice->getTime())) changedSlices_->insert(slice->getTime());
+}
+
 void Bundle::extremeUnction() {
   if (storage_) {
     sync();
@@ -138,6 +160,7 @@ SlicePtr Bundle::operator[](double t) {
   if (!entry->second) {
     entry->second = SlicePtr(new Slice(*this, charts_));
     entry->second->time_ = t;
+    entry->second->markChanged();
   }
   return entry->second;
 }

@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "bundle/GridID.hpp"
 #include "bundle/Slice.hpp"
@@ -138,6 +139,19 @@ class Bundle : public Ostrak::Ownable<Slice>::Container,
 
   /// Synchronises and drops the storage binding, then releases the slices.
   void extremeUnction() override;
+
+  /// Starts listing, from now on, the times of the slices that change: a
+  /// slice made; a grid put into a slice; skeletons, representations,
+  /// fields and fragments added below its grids; attributes of the slice or
+  /// of its grids set or removed. Values changed inside an array are not
+  /// seen. Lets a writer of a bound file visit only what changed.
+  void trackSliceChanges();
+  /// The times listed since tracking started or since the last call, in
+  /// ascending order, each once; the list starts anew. Empty when not
+  /// tracking.
+  std::vector<double> takeChangedSlices() const;
+  /// Lists `owned` when it is a filed slice and changes are tracked.
+  void ownedChanged(Ostrak::OwnerBase& owned) override;
 
   // ---- contents --------------------------------------------------------------
 
@@ -303,6 +317,8 @@ class Bundle : public Ostrak::Ownable<Slice>::Container,
   Ostrak::StrongPtr<GridList> gridList_;
   Ostrak::StrongPtr<StorageBinding> storage_;
   std::set<Ostrak::StrongPtr<Notifier>> notifiers_;
+  // Taken by writers that are handed a const bundle.
+  mutable std::unique_ptr<std::set<double>> changedSlices_;
 };
 
 /// The strong handle on a bundle.

@@ -132,6 +132,10 @@ class Slice : public Ostrak::Ownable<Grid>::Container,
   /// every grid.
   void extremeUnction() override;
 
+ protected:
+  /// A slice whose attributes change counts as changed (Ostrak::OwnerBase).
+  void attributesChanged() override { markChanged(); }
+
  private:
   friend class Bundle;
 

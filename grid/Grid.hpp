@@ -87,6 +87,10 @@ class Grid : public SkeletonMap, public Ownable<Grid>, public Ostrak::SaveableAt
   /// Loads nothing.
   std::string xml() const;
 
+ protected:
+  /// A grid whose attributes change counts as changed (Ostrak::OwnerBase).
+  void attributesChanged() override { markChanged(); }
+
  private:
   /// The attribute naming a representation's base space in `xml`.
   std::string describeBaseSpace(const WeakPtr<BaseSpace>& base) const;

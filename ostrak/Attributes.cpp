@@ -6,10 +6,13 @@ Attributes::~Attributes() = default;
 
 void Attributes::setAttribute(const std::string& name, AttributeValue value) {
   attributes_[name] = std::move(value);
+  attributesChanged();
 }
 
 bool Attributes::removeAttribute(const std::string& name) {
-  return attributes_.erase(name) > 0;
+  if (attributes_.erase(name) == 0) return false;
+  attributesChanged();
+  return true;
 }
 
 bool Attributes::hasAttribute(const std::string& name) const {

@@ -40,6 +40,10 @@ class Attributes {
   const std::map<std::string, AttributeValue>& attributes() const noexcept { return attributes_; }
   size_t numberOfAttributes() const noexcept { return attributes_.size(); }
 
+ protected:
+  /// Called after an attribute was set or removed.
+  virtual void attributesChanged() {}
+
  private:
   std::map<std::string, AttributeValue> attributes_;
 };

@@ -4,6 +4,17 @@ namespace Ostrak {
 
 OwnerBase::~OwnerBase() = default;
 
+void OwnerBase::markChanged() {
+  const Age now = Ageable::getGlobalTime();
+  if (marked_ == now) return;
+  marked_ = now;
+  tellOwners();
+}
+
+void OwnerBase::ownedChanged(OwnerBase&) {
+  markChanged();
+}
+
 }  // namespace Ostrak
 
 #include "ostrak/ChunkBase.hpp"

@@ -4,15 +4,40 @@
 
 #include <memory>
 
+#include "ostrak/Ageable.hpp"
 #include "ostrak/ReferenceBase.hpp"
 
 namespace Ostrak {
 
 /// Common virtual base of owned objects and owner containers, so that one
 /// object can be both and a container can be cast to its concrete class.
+///
+/// It also carries a change mark, so that whoever writes a data model out
+/// again can find what changed without visiting everything: an object that
+/// gains an owned object, or that is marked itself, passes the mark up to
+/// every live owner, and on to theirs. A mark travels at most once per time
+/// of the global clock (Ageable); advancing the clock starts a new round.
 class OwnerBase {
  public:
+  OwnerBase() = default;
+  OwnerBase(const OwnerBase&) noexcept {}
+  OwnerBase& operator=(const OwnerBase&) noexcept { return *this; }
   virtual ~OwnerBase();
+
+  /// Marks the object changed and tells its owners, unless it was marked at
+  /// the clock's current time already.
+  void markChanged();
+  /// Told that `owned`, an object this one owns, gained something or was
+  /// marked. Marks this object; containers that keep track of what changed
+  /// below them override it.
+  virtual void ownedChanged(OwnerBase& owned);
+
+ protected:
+  /// Passes a new mark on to the owners; nothing for an object without any.
+  virtual void tellOwners() {}
+
+ private:
+  Age marked_ = 0;
 };
 
 /// An object of kind `T` that knows its owners. The owner list is singly
@@ -46,16 +71,22 @@ class Ownable : public virtual OwnerBase {
     while (owners_) owners_ = std::move(owners_->next);
   }
 
-  /// Appends `owner` unless it is listed already. Returns whether it was added.
+  /// Appends `owner` unless it is listed already, and marks it changed
+  /// either way (it may hold the object once more). Returns whether it was
+  /// added.
   bool addOwner(const Container& owner) {
     std::unique_ptr<OwnerEntry>* slot = &owners_;
     ReferenceBlock* block = owner.referenceBlock();
     while (*slot) {
-      if ((*slot)->owner.referenceBlock() == block) return false;
+      if ((*slot)->owner.referenceBlock() == block) {
+        const_cast<Container&>(owner).ownedChanged(*this);
+        return false;
+      }
       slot = &(*slot)->next;
     }
     *slot = std::make_unique<OwnerEntry>();
     (*slot)->owner = OwnerPtr(const_cast<Container*>(&owner));
+    const_cast<Container&>(owner).ownedChanged(*this);
     return true;
   }
 
@@ -88,6 +119,13 @@ class Ownable : public virtual OwnerBase {
       if (entry->owner.referenceBlock() == owner.referenceBlock()) return true;
     }
     return false;
+  }
+
+ protected:
+  void tellOwners() override {
+    for (const OwnerEntry* entry = owners_.get(); entry; entry = entry->next.get()) {
+      if (entry->owner.valid()) entry->owner->ownedChanged(*this);
+    }
   }
 
  private:

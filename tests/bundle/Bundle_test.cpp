@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <limits>
 
 #include "BundleFixture.hpp"
@@ -59,6 +60,56 @@ TEST(Bundle, storageSyncsOnRequestForOwnedItemsAndOnceAtTheEndBeforeTheSlicesGo)
   }
   EXPECT_TRUE(syncs == 3 && runs == 0);
   EXPECT_FALSE(slice.valid());
+}
+
+TEST(Bundle, trackedChangesListEachChangedSliceOnceAndReadsNothing) {
+  BundlePtr bundle = bundleWith({1.0, 2.0, 3.0}, "g");
+  makePointCloud(gridIn(bundle, 1, "g"), {{0, 0, 0}});
+  EXPECT_TRUE(bundle->takeChangedSlices().empty()) << "nothing before tracking starts";
+  bundle->trackSliceChanges();
+  StrongPtr<Grid> shared = (*(*bundle)[2.0])("g");
+  (*bundle)[3.0]->insert("shared", shared);
+  bundle->takeChangedSlices();
+  StrongPtr<Field> positions = gridIn(bundle, 1, "g").CartesianPositions();
+  struct Change {
+    const char* what;
+    std::function<void()> make;
+    std::vector<double> listed;
+  };
+  const std::vector<Change> changes{
+      {"reading",
+       [&] {
+         double t = 2.0;
+         (*bundle)(t)->xml();
+         (*(*bundle)[1.0])("g")->CartesianPositions()->getData();
+       },
+       {}},
+      {"a new slice and a grid in an old one",
+       [&] { (*bundle)[0.5]; (*(*bundle)[3.0])["h"]; }, {0.5, 3.0}},
+      {"a grid held by two slices gets a skeleton",
+       [&] { makePointCloud(*shared, {{1, 1, 1}}); }, {2.0, 3.0}},
+      {"a field on a held skeleton, a fragment of a held field",
+       [&] {
+         addVertexField(*shared, "mass", std::vector<double>{1});
+         positions->setCreator(
+             StrongPtr<CreativeArrayBase>(new MemCreator(MemArray<1, point>::create(DynamicSize{1}))),
+             StrongPtr<FragmentID>(new FragmentID("b")));
+       },
+       {1.0, 2.0, 3.0}},
+      {"attributes of a grid and of a slice set",
+       [&] {
+         gridIn(bundle, 1, "g").setAttribute("a", int64_t{1});
+         (*bundle)[0.5]->setAttribute("b", 2.0);
+       },
+       {0.5, 1.0}},
+      {"a grid attribute removed", [&] { gridIn(bundle, 1, "g").removeAttribute("a"); }, {1.0}},
+      {"removing an attribute that is not there", [&] { (*bundle)[0.5]->removeAttribute("c"); },
+       {}},
+  };
+  for (const Change& change : changes) {
+    change.make();
+    EXPECT_EQ(bundle->takeChangedSlices(), change.listed) << change.what;
+  }
 }
 
 TEST(Bundle, exactLookUpNeverCreatesAndNaNMatchesNothing) {

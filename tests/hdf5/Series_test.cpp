@@ -34,6 +34,7 @@ TEST_F(FileTest, eachSyncAddsWhatIsNewAndTheSeriesLoadsAsTheBundle) {
   BundlePtr bundle;
   bundle.create();
   ASSERT_EQ(bundle->bindToNew(path("run.h5")).status, 1);
+  StrongPtr<Grid> held;
   struct Edit {
     const char* what;
     std::function<void()> change;
@@ -88,6 +89,16 @@ TEST_F(FileTest, eachSyncAddsWhatIsNewAndTheSeriesLoadsAsTheBundle) {
       {"a grid replaced",
        [&] { makePointCloud(*(*bundle)[1.0]->newGrid("points"), {{9, 9, 9}}); }, true},
       {"an empty slice", [&] { (*bundle)[3.0]; }, true},
+      {"a grid held by two slices",
+       [&] {
+         makePointCloud(gridIn(bundle, 5, "static"), {{5, 5, 5}});
+         held = (*(*bundle)[5.0])("static");
+         (*bundle)[1.0]->insert("static", held);
+       },
+       true},
+      // Found through the handle alone, syncs after the grid was written.
+      {"a field in the grid both hold",
+       [&] { addVertexField(*held, "height", std::vector<float>{7}); }, true},
   };
   size_t parts = partsOf(path("run.h5")).size();
   for (const Edit& edit : edits) {
@@ -98,6 +109,7 @@ TEST_F(FileTest, eachSyncAddsWhatIsNewAndTheSeriesLoadsAsTheBundle) {
     EXPECT_EQ(differences(*bundle, *loaded(path("run.h5"))), "") << edit.what;
   }
   EXPECT_EQ(fieldOf(loaded(path("run.h5")), 2, "blocks", "id")->nFragments(), 2u);
+  held.reset();
 
   // The end of life syncs once more; a consolidating save gives one file.
   makePointCloud(gridIn(bundle, 4, "points"), {{4, 4, 4}});

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <random>
+#include <set>
 
 #include "formats/hdf5/detail/Stored.hpp"
 #include "formats/hdf5/detail/Walk.hpp"
@@ -235,55 +236,66 @@ void writeAt(int fd, const std::vector<uint8_t>& bytes, uint64_t offset, const s
 
 // ---- what a sync writes ------------------------------------------------------------
 
-/// Everything of `bundle` that `stored` does not list, or lists with other
-/// attributes. Slices still to be read from a file are read and written
-/// when `readPending`, and otherwise left alone: they are in the bound
-/// series, or are written once something reads them.
-Selection planSync(const Bundle& bundle, const Stored& stored, bool readPending) {
-  Selection plan;
-  plan.bundleAttributes = !stored.sameBundleAttributes(bundle);
-  for (const auto& [time, slice] : bundle.getSlices()) {
-    if (!slice) continue;
-    if (slice->hasPendingLoaders()) {
-      if (!readPending) continue;
-      slice->accessSlice();
+/// What a slice holds that `stored` does not list, or lists with other
+/// attributes, added to `plan`. A slice still to be read from a file is read
+/// and written when `readPending`, and otherwise left alone: it is in the
+/// bound series, or is written once something reads it.
+void planSlice(const SlicePtr& slice, const Stored& stored, bool readPending, Selection& plan) {
+  if (!slice) return;
+  if (slice->hasPendingLoaders()) {
+    if (!readPending) return;
+    slice->accessSlice();
+  }
+  bool news = !stored.contains(slice.referenceBlock());
+  if (!stored.sameAttributes(slice.referenceBlock(), *slice)) {
+    plan.sliceAttributes.insert(slice.get());
+    news = true;
+  }
+  for (const auto& [id, grid] : slice->getGrids()) {
+    if (!id || !grid) continue;
+    const bool gridKnown = stored.contains(grid.referenceBlock());
+    bool gridNews = !gridKnown;
+    if (!stored.sameAttributes(grid.referenceBlock(), *grid)) {
+      plan.gridAttributes.insert(grid.get());
+      gridNews = true;
     }
-    const bool sliceKnown = stored.contains(slice.referenceBlock());
-    bool news = !sliceKnown;
-    if (!stored.sameAttributes(slice.referenceBlock(), *slice)) {
-      plan.sliceAttributes.insert(slice.get());
-      news = true;
-    }
-    for (const auto& [id, grid] : slice->getGrids()) {
-      if (!id || !grid) continue;
-      const bool gridKnown = stored.contains(grid.referenceBlock());
-      bool gridNews = !gridKnown;
-      if (!stored.sameAttributes(grid.referenceBlock(), *grid)) {
-        plan.gridAttributes.insert(grid.get());
+    forEachField(*grid, [&](const StrongPtr<Field>& field) {
+      if (!gridKnown || !stored.contains(field.referenceBlock())) {
+        plan.fields[field.get()];
         gridNews = true;
+        return;
       }
-      forEachField(*grid, [&](const StrongPtr<Field>& field) {
-        if (!gridKnown || !stored.contains(field.referenceBlock())) {
-          plan.fields[field.get()];
-          gridNews = true;
-          return;
-        }
-        Selection::FieldChoice fresh{true, {}};
-        forEachFragment(*field, [&](const auto&, const StrongPtr<CreativeArrayBase>& creator) {
-          if (creator && !stored.contains(creator.referenceBlock())) {
-            fresh.fragments.insert(creator.get());
-          }
-        });
-        if (!fresh.fragments.empty()) {
-          plan.fields[field.get()] = std::move(fresh);
-          gridNews = true;
+      Selection::FieldChoice fresh{true, {}};
+      forEachFragment(*field, [&](const auto&, const StrongPtr<CreativeArrayBase>& creator) {
+        if (creator && !stored.contains(creator.referenceBlock())) {
+          fresh.fragments.insert(creator.get());
         }
       });
-      if (!gridNews) continue;
-      plan.grids.emplace(grid.get(), gridKnown);
-      news = true;
-    }
-    if (news) plan.slices.insert(slice.get());
+      if (!fresh.fragments.empty()) {
+        plan.fields[field.get()] = std::move(fresh);
+        gridNews = true;
+      }
+    });
+    if (!gridNews) continue;
+    plan.grids.emplace(grid.get(), gridKnown);
+    news = true;
+  }
+  if (news) plan.slices.insert(slice.get());
+}
+
+/// What of `bundle` a sync writes: of every slice, or only of the slices
+/// at `times` (those that changed since the last sync).
+Selection planSync(const Bundle& bundle, const Stored& stored, bool readPending,
+                   const std::set<double>* times = nullptr) {
+  Selection plan;
+  plan.bundleAttributes = !stored.sameBundleAttributes(bundle);
+  if (!times) {
+    for (const auto& [time, slice] : bundle.getSlices()) planSlice(slice, stored, readPending, plan);
+    return plan;
+  }
+  for (const double time : *times) {
+    const auto found = bundle.getSlices().find(time);
+    if (found != bundle.getSlices().end()) planSlice(found->second, stored, readPending, plan);
   }
   return plan;
 }
@@ -295,8 +307,10 @@ bool nothingIn(const Selection& plan) {
 /// Lists what a completed sync wrote.
 void recordWritten(const Bundle& bundle, const Selection& plan, Stored& stored) {
   if (plan.bundleAttributes) stored.setBundleAttributes(bundle);
-  for (const auto& [time, slice] : bundle.getSlices()) {
-    if (!slice || !plan.slices.count(slice.get())) continue;
+  for (const Slice* written : plan.slices) {
+    const auto found = bundle.getSlices().find(written->getTime());
+    if (found == bundle.getSlices().end() || found->second.get() != written) continue;
+    const SlicePtr& slice = found->second;
     stored.add(slice.referenceBlock(), slice.get());
     for (const auto& [id, grid] : slice->getGrids()) {
       if (grid && plan.grids.count(grid.get())) stored.addGrid(grid);
@@ -311,8 +325,9 @@ class SeriesBinding : public StorageBinding {
  public:
   SeriesBinding(std::string journal, int fd, Journal read, std::shared_ptr<Stored> stored,
                 StrongPtr<StorageTransformations> transformations,
-                StrongPtr<Ostrak::LoaderProgress> progress)
-      : journal_(std::move(journal)),
+                StrongPtr<Ostrak::LoaderProgress> progress, bool walkAll)
+      : walkAll_(walkAll),
+        journal_(std::move(journal)),
         fd_(fd),
         token_(std::move(read.token)),
         next_(read.records.empty() ? 0 : read.records.back().number + 1),
@@ -336,8 +351,16 @@ class SeriesBinding : public StorageBinding {
 
  private:
   void sync(const Bundle& bundle) {
-    const Selection plan = planSync(bundle, *stored_, false);
-    if (nothingIn(plan)) return;
+    // Only slices that changed since the last sync are visited, so that a
+    // sync costs the same at any length of the series. They stay listed
+    // until a sync has written them.
+    for (double time : bundle.takeChangedSlices()) changed_.insert(time);
+    const Selection plan = planSync(bundle, *stored_, false, walkAll_ ? nullptr : &changed_);
+    if (nothingIn(plan)) {
+      walkAll_ = false;
+      changed_.clear();
+      return;
+    }
     const std::string part = partPath(journal_, token_, next_);
     Index written;
     writeBundle(bundle, part, {transformations_, {}, {}, &plan, &written});
@@ -354,8 +377,14 @@ class SeriesBinding : public StorageBinding {
     }
     ++next_;
     recordWritten(bundle, plan, *stored_);
+    walkAll_ = false;
+    changed_.clear();
   }
 
+  // The first sync visits every slice: changes before the binding are not
+  // listed.
+  bool walkAll_;
+  std::set<double> changed_;
   std::string journal_;
   int fd_;
   std::string token_;
@@ -479,6 +508,7 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
                 const StrongPtr<Ostrak::LoaderProgress>& progress, std::shared_ptr<Stored> stored) {
   Session session;
   require(!path.empty(), "no file name");
+  bundle.trackSliceChanges();
   std::error_code error;
   fs::create_directory(partsFolder(path), error);
   require(!error, "cannot make the folder " + partsFolder(path) + ": " + error.message());
@@ -548,7 +578,7 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
   removeStrayParts(path, read, read.records.empty() ? 0 : read.records.back().number + 1,
                    readsReplacedParts);
   StrongPtr<SeriesBinding> binding(
-      new SeriesBinding(path, fd, std::move(read), stored, transformations, progress));
+      new SeriesBinding(path, fd, std::move(read), stored, transformations, progress, existing));
   if (existing && binding->synchronize(bundle, {}, bundle) == 0) {
     throw Failure(binding->lastError());
   }

@@ -134,9 +134,9 @@ class BundleWriter {
   void collect() {
     std::set<std::string> names;
     const Selection* selection = request_.selection;
-    for (const auto& [time, slice] : bundle_.getSlices()) {
+    for (const auto* entry : slicesToWrite()) {
+      const auto& [time, slice] = *entry;
       if (!slice || !policy_->isSaveableTime(time)) continue;
-      if (selection && !selection->slices.count(slice.get())) continue;
       slice->accessSlice();
       const size_t before = entries_.size();
       for (const auto& [id, grid] : slice->getGrids()) {
@@ -159,6 +159,26 @@ class BundleWriter {
     std::stable_sort(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
       return a.timeRow != b.timeRow ? a.timeRow < b.timeRow : a.nameRow < b.nameRow;
     });
+  }
+
+  /// The bundle's slices, or those of the selection (looked up by time, so
+  /// that a small selection costs the same in a bundle of any length), in
+  /// time order.
+  std::vector<const Bundle::SliceTable::value_type*> slicesToWrite() const {
+    std::vector<const Bundle::SliceTable::value_type*> slices;
+    if (!request_.selection) {
+      for (const auto& entry : bundle_.getSlices()) slices.push_back(&entry);
+      return slices;
+    }
+    for (const Slice* slice : request_.selection->slices) {
+      const auto found = bundle_.getSlices().find(slice->getTime());
+      if (found != bundle_.getSlices().end() && found->second.get() == slice) {
+        slices.push_back(&*found);
+      }
+    }
+    std::sort(slices.begin(), slices.end(),
+              [](const auto* a, const auto* b) { return a->first < b->first; });
+    return slices;
   }
 
   void writeIndex(hid_t file, const std::vector<uint64_t>& entryBytes) {
