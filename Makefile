@@ -1,4 +1,4 @@
-# Entry points: `make test`, `make sanitize`, `make bench`, `make fuzz`.
+# Entry points: `make demo`, `make test`, `make sanitize`, `make bench`, `make fuzz`.
 BUILD_DIR      ?= build
 SANITIZE_DIR   ?= build-sanitize
 THREAD_DIR     ?= build-thread
@@ -7,10 +7,17 @@ FUZZ_DIR       ?= build-fuzz
 FUZZ_SECONDS   ?= 60
 JOBS           ?= 2
 
-.PHONY: test sanitize tsan bench fuzz deps format clean
+.PHONY: demo test sanitize tsan bench fuzz deps format clean
 
 deps:
 	@bash scripts/install-deps.sh
+
+# Builds bundle-tool and runs its demo: a sample data set written, reopened
+# lazily and summarised (the file stays in $(BUILD_DIR)/demo).
+demo: deps
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD_DIR) -j$(JOBS) --target bundle-tool
+	$(BUILD_DIR)/tools/bundle-tool demo $(BUILD_DIR)/demo
 
 test: deps
 	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUARIL_BUILD_BENCHMARKS=ON

@@ -301,8 +301,8 @@ class Bundle : public Ostrak::Ownable<Slice>::Container,
   friend class Slice;
 
   template <class Visit>
-  unsigned walkOccurrences(SliceTable::const_iterator from, double until,
-                           const std::string& name, bool skipUnloaded, Visit&& visit) const;
+  unsigned walkOccurrences(SliceTable::const_iterator from, double until, const std::string& name,
+                           bool skipUnloaded, Visit&& visit) const;
   void releaseSlices();
   Ostrak::StrongPtr<Grid> lookUp(Slice& slice, const std::string& name,
                                  Ostrak::StrongPtr<GridID>& id) const;

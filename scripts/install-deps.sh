@@ -12,6 +12,7 @@ packages=(
   libgmock-dev
   libbenchmark-dev
   libhdf5-dev
+  libcli11-dev
   nlohmann-json3-dev
   python3-h5py
   python3-numpy

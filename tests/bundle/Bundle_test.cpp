@@ -85,15 +85,22 @@ TEST(Bundle, trackedChangesListEachChangedSliceOnceAndReadsNothing) {
        },
        {}},
       {"a new slice and a grid in an old one",
-       [&] { (*bundle)[0.5]; (*(*bundle)[3.0])["h"]; }, {0.5, 3.0}},
+       [&] {
+         (*bundle)[0.5];
+         (*(*bundle)[3.0])["h"];
+       },
+       {0.5, 3.0}},
       {"a grid held by two slices gets a skeleton",
-       [&] { makePointCloud(*shared, {{1, 1, 1}}); }, {2.0, 3.0}},
+       [&] {
+         makePointCloud(*shared, {{1, 1, 1}});
+       },
+       {2.0, 3.0}},
       {"a field on a held skeleton, a fragment of a held field",
        [&] {
          addVertexField(*shared, "mass", std::vector<double>{1});
-         positions->setCreator(
-             StrongPtr<CreativeArrayBase>(new MemCreator(MemArray<1, point>::create(DynamicSize{1}))),
-             StrongPtr<FragmentID>(new FragmentID("b")));
+         positions->setCreator(StrongPtr<CreativeArrayBase>(
+                                   new MemCreator(MemArray<1, point>::create(DynamicSize{1}))),
+                               StrongPtr<FragmentID>(new FragmentID("b")));
        },
        {1.0, 2.0, 3.0}},
       {"attributes of a grid and of a slice set",
@@ -103,7 +110,8 @@ TEST(Bundle, trackedChangesListEachChangedSliceOnceAndReadsNothing) {
        },
        {0.5, 1.0}},
       {"a grid attribute removed", [&] { gridIn(bundle, 1, "g").removeAttribute("a"); }, {1.0}},
-      {"removing an attribute that is not there", [&] { (*bundle)[0.5]->removeAttribute("c"); },
+      {"removing an attribute that is not there",
+       [&] { (*bundle)[0.5]->removeAttribute("c"); },
        {}},
   };
   for (const Change& change : changes) {

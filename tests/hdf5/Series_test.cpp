@@ -51,9 +51,14 @@ TEST_F(FileTest, eachSyncAddsWhatIsNewAndTheSeriesLoadsAsTheBundle) {
        true},
       {"nothing", [] {}, false},
       {"a grid in an old slice",
-       [&] { makeUniformGrid(gridIn(bundle, 1, "box"), {2, 2, 2}, {0, 0, 0}, {1, 1, 1}); }, true},
+       [&] {
+         makeUniformGrid(gridIn(bundle, 1, "box"), {2, 2, 2}, {0, 0, 0}, {1, 1, 1});
+       },
+       true},
       {"a field in an old grid",
-       [&] { addVertexField(gridIn(bundle, 1, "points"), "speed", std::vector<float>{3, 4}); },
+       [&] {
+         addVertexField(gridIn(bundle, 1, "points"), "speed", std::vector<float>{3, 4});
+       },
        true},
       {"a fragment of an old field",
        [&] {
@@ -66,8 +71,8 @@ TEST_F(FileTest, eachSyncAddsWhatIsNewAndTheSeriesLoadsAsTheBundle) {
       {"",
        [&] {
          auto field = fieldOf(bundle, 2, "blocks", "id");
-         field->setCreator(StrongPtr<CreativeArrayBase>(new MemCreator(MemArray<1, int32_t>::create(
-                               DynamicSize{2}))),
+         field->setCreator(StrongPtr<CreativeArrayBase>(
+                               new MemCreator(MemArray<1, int32_t>::create(DynamicSize{2}))),
                            StrongPtr<FragmentID>(new FragmentID("east")));
        },
        true},
@@ -87,7 +92,10 @@ TEST_F(FileTest, eachSyncAddsWhatIsNewAndTheSeriesLoadsAsTheBundle) {
        true},
       {"", [&] { (*bundle)[1.0]->removeAttribute("cycle"); }, true},
       {"a grid replaced",
-       [&] { makePointCloud(*(*bundle)[1.0]->newGrid("points"), {{9, 9, 9}}); }, true},
+       [&] {
+         makePointCloud(*(*bundle)[1.0]->newGrid("points"), {{9, 9, 9}});
+       },
+       true},
       {"an empty slice", [&] { (*bundle)[3.0]; }, true},
       {"a grid held by two slices",
        [&] {

@@ -9,12 +9,22 @@
 #include "field/CreativeArrayBase.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
 #include "formats/hdf5/detail/Stored.hpp"
-#include "formats/hdf5/detail/Walk.hpp"
+#include "grid/GridConstructors.hpp"
+#include "grid/GridWalk.hpp"
 #include "ostrak/Diagnostics.hpp"
 
 namespace Quaril::H5::detail {
 
 namespace {
+
+/// The element type stored under `name`. Besides the types the field layer
+/// always knows, the triangles' vertex triples: a process that reads a
+/// surface before it made one has not described them yet.
+const QuarilTypeBase* elementType(const std::string& name) {
+  static const QuarilTypeBase& triangles = QuarilTypeBase::getType<TriangleIndices>();
+  (void)triangles;
+  return QuarilTypeBase::findType(name);
+}
 
 using Json = nlohmann::json;
 using Ostrak::StrongPtr;
@@ -341,7 +351,7 @@ class GridReader {
     const std::string what = "field " + inQuotes(name);
     require(!name.empty(), "a field has no name");
     require(names.insert(name).second, what + " appears twice");
-    const QuarilTypeBase* type = QuarilTypeBase::findType(typeName);
+    const QuarilTypeBase* type = elementType(typeName);
     require(type != nullptr, what + ": unknown element type " + inQuotes(typeName));
     const layout::StoredType stored = layout::storedType(*type);
     require(stored.component >= 0,

@@ -12,8 +12,8 @@
 #include <set>
 
 #include "formats/hdf5/detail/Stored.hpp"
-#include "formats/hdf5/detail/Walk.hpp"
 #include "formats/hdf5/detail/Writer.hpp"
+#include "grid/GridWalk.hpp"
 
 namespace Quaril::H5::detail {
 
@@ -290,7 +290,8 @@ Selection planSync(const Bundle& bundle, const Stored& stored, bool readPending,
   Selection plan;
   plan.bundleAttributes = !stored.sameBundleAttributes(bundle);
   if (!times) {
-    for (const auto& [time, slice] : bundle.getSlices()) planSlice(slice, stored, readPending, plan);
+    for (const auto& [time, slice] : bundle.getSlices())
+      planSlice(slice, stored, readPending, plan);
     return plan;
   }
   for (const double time : *times) {

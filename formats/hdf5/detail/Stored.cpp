@@ -1,6 +1,6 @@
 #include "formats/hdf5/detail/Stored.hpp"
 
-#include "formats/hdf5/detail/Walk.hpp"
+#include "grid/GridWalk.hpp"
 
 namespace Quaril::H5::detail {
 

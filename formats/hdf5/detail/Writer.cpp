@@ -21,7 +21,7 @@
 #include "formats/hdf5/detail/Hdf5.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
 #include "formats/hdf5/detail/Values.hpp"
-#include "formats/hdf5/detail/Walk.hpp"
+#include "grid/GridWalk.hpp"
 
 namespace Quaril::H5::detail {
 

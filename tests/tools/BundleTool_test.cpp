@@ -1,0 +1,184 @@
+// bundle-tool run as a user runs it: exit codes, output, JSON read back, and
+// the library calls behind it.
+
+#include <nlohmann/json.hpp>
+
+#include "tests/hdf5/FileFixture.hpp"
+#include "tools/Copy.hpp"
+#include "tools/Summary.hpp"
+
+namespace Quaril::Testing {
+namespace {
+
+struct ToolRun {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+class ToolTest : public FileTest {
+ protected:
+  /// Runs bundle-tool with `arguments` (words for the shell) in the test's
+  /// folder.
+  ToolRun tool(const std::string& arguments) const {
+    const std::string command = "cd '" + folder_.string() + "' && " QUARIL_BUNDLE_TOOL " " +
+                                arguments + " > out.txt 2> err.txt";
+    const int status = std::system(command.c_str());
+    ToolRun run{WIFEXITED(status) ? WEXITSTATUS(status) : -1, fileBytes(path("out.txt")),
+                fileBytes(path("err.txt"))};
+    std::filesystem::remove(path("out.txt"));
+    std::filesystem::remove(path("err.txt"));
+    return run;
+  }
+
+  /// A file of three steps: a triangle surface at each, a point cloud at 1
+  /// and 2, "child" under "surface" at 2.
+  void writeSample(const std::string& name) const {
+    BundlePtr bundle;
+    bundle.create();
+    for (double t : {0.0, 1.0, 2.0}) {
+      makeTriangleSurface(gridIn(bundle, t, "surface"), {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}},
+                          {{0, 1, 2}});
+      addCellField(gridIn(bundle, t, "surface"), "area", std::vector<float>{0.5f});
+      if (t > 0) makePointCloud(gridIn(bundle, t, "points"), {{t, t, t}});
+    }
+    makePointCloud(*(*bundle)[2.0]->newGrid("child", "surface"), {{0, 0, 0}});
+    ASSERT_TRUE(H5::save(*bundle, path(name)).ok);
+  }
+};
+
+TEST_F(ToolTest, infoSummarisesInAFreshProcessAndItsJsonReadsBack) {
+  writeSample("sample.h5");
+  const ToolRun run = tool("info --json sample.h5");
+  ASSERT_EQ(run.status, 0) << run.err;
+  const nlohmann::json summary = nlohmann::json::parse(run.out);
+  EXPECT_EQ(summary["times"], nlohmann::json({0.0, 1.0, 2.0}));
+  std::map<std::string, nlohmann::json> grids;
+  for (const auto& grid : summary["grids"]) grids[grid["name"]] = grid;
+  ASSERT_EQ(grids.size(), 3u);
+  EXPECT_EQ(grids["points"]["steps"], 2);
+  EXPECT_EQ(grids["points"]["first"], 1.0);
+  EXPECT_EQ(grids["child"]["parent"], "surface");
+  EXPECT_TRUE(grids["surface"]["parent"].is_null());
+  // The vertex triples are a type this process never made before reading.
+  std::map<std::string, std::string> types;
+  for (const auto& field : grids["surface"]["fields"]) types[field["name"]] = field["type"];
+  EXPECT_EQ(types, (std::map<std::string, std::string>{
+                       {"Positions", "point"}, {"Triangles", "uint32x3"}, {"area", "float"}}));
+  EXPECT_EQ(summary["memory"]["resident"], 0) << "opening reads no field data";
+  EXPECT_GT(summary["memory"]["total"], 0);
+  EXPECT_EQ(run.err, "");
+}
+
+TEST_F(ToolTest, everyCommandAnswersWithItsExitStatusAndOneLineOnError) {
+  writeSample("sample.h5");
+  std::filesystem::create_directory(path("folder"));
+  std::ofstream(path("garbage.h5")) << "not a bundle";
+  struct Case {
+    const char* arguments;
+    int status;
+    const char* inOutput;  // "" : no check
+    const char* error;     // the whole of standard error
+  };
+  const std::vector<Case> cases{
+      {"--version", 0, "bundle-tool 0.1.0", ""},
+      {"copy --help", 0, "--times", ""},
+      {"info sample.h5", 0, "3 time steps, from 0 to 2", ""},
+      {"ls sample.h5", 0, "2            3", ""},
+      {"ls sample.h5 --grid points", 0, "2            1", ""},
+      {"xml sample.h5", 0, "<FIELD name=\"Triangles\" type=\"uint32x3\"", ""},
+      {"info missing.h5", 1, "", "bundle-tool: missing.h5: no such file\n"},
+      {"info folder", 1, "", "bundle-tool: folder: a folder, not a file\n"},
+      {"ls sample.h5 --grid nothing", 1, "", "bundle-tool: sample.h5: no grid \"nothing\"\n"},
+      {"copy sample.h5 out.h5 --grids nothing", 1, "",
+       "bundle-tool: no grid \"nothing\" in the input\n"},
+      {"copy sample.h5 out.h5 --times 2:1", 1, "",
+       "bundle-tool: bad time range \"2:1\": it ends before it begins\n"},
+      {"copy sample.h5 out.h5 --times 5:", 1, "", "bundle-tool: no time step in the range\n"},
+      {"copy sample.h5 out.h5 --compress 10", 1, "",
+       "bundle-tool: bad compression level 10: expected 0 to 9\n"},
+      {"frob", 2, "", "bundle-tool: unknown command \"frob\" (see bundle-tool --help)\n"},
+      {"copy sample.h5", 2, "", nullptr},
+      {"", 2, "", nullptr},
+  };
+  for (const Case& c : cases) {
+    const ToolRun run = tool(c.arguments);
+    EXPECT_EQ(run.status, c.status) << c.arguments << ": " << run.err;
+    EXPECT_NE(run.out.find(c.inOutput), std::string::npos) << c.arguments << ": " << run.out;
+    if (c.error) {
+      EXPECT_EQ(run.err, c.error) << c.arguments;
+    }
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), run.err.empty() ? 0 : 1)
+        << c.arguments << ": " << run.err;
+  }
+  EXPECT_FALSE(std::filesystem::exists(path("out.h5"))) << "a failed copy writes nothing";
+  const ToolRun garbage = tool("info garbage.h5");
+  EXPECT_EQ(garbage.status, 1);
+  EXPECT_NE(garbage.err.find("garbage.h5: not an HDF5 file"), std::string::npos) << garbage.err;
+}
+
+TEST_F(ToolTest, copyMergesSelectsAndTurnsASeriesIntoOneFile) {
+  writeSample("sample.h5");
+  BundlePtr series;
+  series.create();
+  makePointCloud(gridIn(series, 3.0, "points"), {{3, 3, 3}});
+  ASSERT_EQ(series->bindToNew(path("run.h5")).status, 1);
+  makePointCloud(gridIn(series, 4.0, "points"), {{4, 4, 4}});
+  ASSERT_EQ(series->sync(), 1);
+
+  const ToolRun run = tool("copy sample.h5 run.h5 out.h5 --grids points --times 1:3 --compress 4");
+  ASSERT_EQ(run.status, 0) << run.err;
+  BundlePtr copied, expected;
+  ASSERT_TRUE(H5::load(copied, {path("out.h5")}).ok);
+  ASSERT_TRUE(H5::load(expected, {path("sample.h5"), path("run.h5")}).ok);
+  BundlePtr selected;
+  selected.create();
+  for (double t : {1.0, 2.0, 3.0}) (*selected)[t]->insert("points", (*(*expected)[t])("points"));
+  EXPECT_EQ(differences(*selected, *copied), "");
+  series.reset();
+  ASSERT_EQ(tool("copy run.h5 whole.h5").status, 0);
+  BundlePtr whole;
+  ASSERT_TRUE(H5::load(whole, {path("whole.h5")}).ok);
+  EXPECT_EQ(whole->getSlices().size(), 2u);
+}
+
+TEST_F(ToolTest, demoWritesTheSampleAndSummarisesItReopenedLazily) {
+  const ToolRun run = tool("demo demo");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("50 time steps, from 0 to 0.98"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("grid \"refined\" (child of \"fluid\")"), std::string::npos);
+  EXPECT_NE(run.out.find("memory: 0 B resident of"), std::string::npos);
+  EXPECT_TRUE(H5::check(path("demo/demo.qb.h5")).ok);
+}
+
+TEST(TimeRange, readsBothEndsOneEndOrOneTimeAndRefusesTheRest) {
+  const double inf = std::numeric_limits<double>::infinity();
+  struct Case {
+    const char* text;
+    bool ok;
+    double first, last;
+  };
+  for (const Case& c : std::vector<Case>{{"0.5:2", true, 0.5, 2},
+                                         {"-1e3:", true, -1e3, inf},
+                                         {":7", true, -inf, 7},
+                                         {"3", true, 3, 3},
+                                         {"2:2", true, 2, 2},
+                                         {":", false, 0, 0},
+                                         {"", false, 0, 0},
+                                         {"a:b", false, 0, 0},
+                                         {"1:2:3", false, 0, 0},
+                                         {"nan:1", false, 0, 0},
+                                         {"1e999", false, 0, 0},
+                                         {"3:1", false, 0, 0}}) {
+    std::string error;
+    const std::optional<Tools::TimeRange> range = Tools::parseTimeRange(c.text, error);
+    EXPECT_EQ(range.has_value(), c.ok) << c.text;
+    EXPECT_EQ(error.empty(), c.ok) << c.text;
+    if (range) {
+      EXPECT_TRUE(range->first == c.first && range->last == c.last) << c.text;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace Quaril::Testing

@@ -1,0 +1,51 @@
+#pragma once
+// Opening files for the tool, and copying a selection of them into one
+// file: `bundle-tool copy`, also what turns a bound series into one file.
+
+#include <limits>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "bundle/Bundle.hpp"
+#include "formats/hdf5/Format.hpp"
+#include "ostrak/Loader.hpp"
+
+namespace Quaril::Tools {
+
+/// Loads `files`, merged into one bundle, with the HDF5 format registered.
+/// Fails with one line naming the file: "no such file", "cannot be read"
+/// (with the system's reason), or what the loader says.
+H5::Outcome openFiles(BundlePtr& bundle, const std::vector<std::string>& files,
+                      const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress = {});
+
+/// Times from `first` to `last`, both included.
+struct TimeRange {
+  double first = -std::numeric_limits<double>::infinity();
+  double last = std::numeric_limits<double>::infinity();
+};
+
+/// Reads "T0:T1", "T0:" (from T0 on), ":T1" (up to T1) or "T" (exactly T).
+/// Nothing, with the reason in `error`, for anything else, a NaN or
+/// T0 > T1.
+std::optional<TimeRange> parseTimeRange(const std::string& text, std::string& error);
+
+struct CopyRequest {
+  std::vector<std::string> inputs;
+  std::string output;
+  /// The grids to copy; empty: all.
+  std::vector<std::string> grids;
+  /// The time steps to copy; none: all.
+  std::optional<TimeRange> times;
+  /// Deflate level 1 to 9 (with shuffling); 0 writes the data unfiltered.
+  int compression = 0;
+};
+
+/// Loads and merges the inputs (single files or bound series) and saves the
+/// selection as one self-contained file, atomically. Fails, writing
+/// nothing, for an input that cannot be read, a grid that no input holds, a
+/// time range that holds no step, or a compression level outside 0 to 9.
+H5::Outcome copyBundle(const CopyRequest& request,
+                       const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress = {});
+
+}  // namespace Quaril::Tools

@@ -1,0 +1,181 @@
+// bundle-tool: looks into, lists, copies and demonstrates bundle files.
+// Every command is a call of the tools library; this file only reads the
+// command line and prints.
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tools/Copy.hpp"
+#include "tools/DemoData.hpp"
+#include "tools/Progress.hpp"
+#include "tools/Summary.hpp"
+
+namespace {
+
+using namespace Quaril;
+
+int fail(const std::string& error) {
+  std::fprintf(stderr, "bundle-tool: %s\n", error.c_str());
+  return 1;
+}
+
+/// Opens `files` with a progress bar; null (and the error printed) on failure.
+BundlePtr open(const std::vector<std::string>& files) {
+  BundlePtr bundle;
+  Ostrak::StrongPtr<Tools::TerminalProgress> progress(new Tools::TerminalProgress("reading"));
+  const H5::Outcome opened = Tools::openFiles(bundle, files, progress);
+  progress->finish();
+  if (!opened) {
+    fail(opened.error);
+    return {};
+  }
+  return bundle;
+}
+
+/// Reads the structure of every step, so that the XML shows all of them.
+void readStructure(const Bundle& bundle) {
+  for (const auto& [time, slice] : bundle.getSlices()) {
+    if (slice) slice->accessSlice();
+  }
+}
+
+int demo(const std::string& folder) {
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+  if (error) return fail("cannot make the folder " + folder + ": " + error.message());
+  const std::string file = (std::filesystem::path(folder) / "demo.qb.h5").string();
+  std::printf("building the demo data set: 50 time steps of five grids\n");
+  BundlePtr built = Tools::makeDemoBundle();
+  Ostrak::StrongPtr<Tools::TerminalProgress> progress(new Tools::TerminalProgress("writing"));
+  const H5::Outcome saved = H5::save(*built, file, {}, progress);
+  progress->finish();
+  if (!saved) return fail(saved.error);
+  built.reset();
+  std::printf("wrote %s (%s)\n", file.c_str(),
+              Tools::formatBytes(std::filesystem::file_size(file, error)).c_str());
+  std::printf("reopened lazily; nothing is read until it is asked for:\n\n");
+  BundlePtr reopened = open({file});
+  if (!reopened) return 1;
+  std::printf("%s", Tools::formatSummary(Tools::summarize(*reopened)).c_str());
+  return 0;
+}
+
+int info(const std::vector<std::string>& files, bool json) {
+  BundlePtr bundle = open(files);
+  if (!bundle) return 1;
+  const Tools::Summary summary = Tools::summarize(*bundle);
+  std::printf("%s", (json ? Tools::summaryJson(summary) : Tools::formatSummary(summary)).c_str());
+  return 0;
+}
+
+int list(const std::string& file, const std::string& grid) {
+  BundlePtr bundle = open({file});
+  if (!bundle) return 1;
+  if (!grid.empty() && !bundle->getGridList()->find(grid)) {
+    return fail(file + ": no grid \"" + grid + "\"");
+  }
+  std::printf("%s", Tools::formatListing(Tools::listSteps(*bundle, grid)).c_str());
+  return 0;
+}
+
+int xml(const std::string& file) {
+  BundlePtr bundle = open({file});
+  if (!bundle) return 1;
+  readStructure(*bundle);
+  std::printf("%s", bundle->xml().c_str());
+  return 0;
+}
+
+int copy(std::vector<std::string> paths, const std::vector<std::string>& grids,
+         const std::string& times, int compression) {
+  Tools::CopyRequest request;
+  request.output = paths.back();
+  paths.pop_back();
+  request.inputs = std::move(paths);
+  request.grids = grids;
+  request.compression = compression;
+  if (!times.empty()) {
+    std::string error;
+    request.times = Tools::parseTimeRange(times, error);
+    if (!request.times) return fail(error);
+  }
+  Ostrak::StrongPtr<Tools::TerminalProgress> progress(new Tools::TerminalProgress("copying"));
+  const H5::Outcome copied = Tools::copyBundle(request, progress);
+  progress->finish();
+  return copied ? 0 : fail(copied.error);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"Looks into, lists, copies and demonstrates Quaril bundle files.", "bundle-tool"};
+  app.set_version_flag("--version", std::string("bundle-tool ") + QUARIL_VERSION);
+  app.require_subcommand(1);
+
+  std::string folder = ".";
+  CLI::App* demoCommand = app.add_subcommand(
+      "demo", "Build a sample data set, save it as DIR/demo.qb.h5, reopen it and summarise it");
+  demoCommand->add_option("DIR", folder, "Folder for the file (made when missing)");
+
+  std::vector<std::string> infoFiles;
+  bool json = false;
+  CLI::App* infoCommand =
+      app.add_subcommand("info", "Summarise files: time steps, grids, fields, memory");
+  infoCommand->add_option("FILE", infoFiles, "Files, read as one bundle")->required();
+  infoCommand->add_flag("--json", json, "Print the summary as JSON");
+
+  std::string listFile, listGrid;
+  CLI::App* listCommand =
+      app.add_subcommand("ls", "List the time steps, or the steps that hold one grid");
+  listCommand->add_option("FILE", listFile, "The file")->required();
+  listCommand->add_option("--grid", listGrid,
+                          "Only the steps that hold this grid, with its fields");
+
+  std::string xmlFile;
+  CLI::App* xmlCommand = app.add_subcommand("xml", "Print the bundle's XML description");
+  xmlCommand->add_option("FILE", xmlFile, "The file")->required();
+
+  std::vector<std::string> copyPaths, copyGrids;
+  std::string copyTimes;
+  int compression = 0;
+  CLI::App* copyCommand = app.add_subcommand(
+      "copy", "Merge inputs (files or bound series) and save a selection as one file");
+  copyCommand->add_option("IN... OUT", copyPaths, "Input files, then the output file")
+      ->required()
+      ->expected(2, -1);
+  copyCommand->add_option("--grids", copyGrids, "Only these grids (comma-separated)")
+      ->delimiter(',');
+  copyCommand->add_option("--times", copyTimes, "Only the steps in T0:T1 (T0:, :T1 or T also)");
+  copyCommand->add_option("--compress", compression, "Deflate level 1 to 9; 0: none");
+
+  const auto isCommand = [&app](const std::string& name) {
+    for (const CLI::App* command : app.get_subcommands({})) {
+      if (command->get_name() == name) return true;
+    }
+    return false;
+  };
+  if (argc > 1 && argv[1][0] != '-' && !isCommand(argv[1])) {
+    std::fprintf(stderr, "bundle-tool: unknown command \"%s\" (see bundle-tool --help)\n", argv[1]);
+    return 2;
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& help) {
+    return app.exit(help);
+  } catch (const CLI::CallForAllHelp& help) {
+    return app.exit(help);
+  } catch (const CLI::CallForVersion& version) {
+    return app.exit(version);
+  } catch (const CLI::ParseError& error) {
+    std::fprintf(stderr, "bundle-tool: %s (see bundle-tool --help)\n", error.what());
+    return 2;
+  }
+  if (demoCommand->parsed()) return demo(folder);
+  if (infoCommand->parsed()) return info(infoFiles, json);
+  if (listCommand->parsed()) return list(listFile, listGrid);
+  if (xmlCommand->parsed()) return xml(xmlFile);
+  return copy(copyPaths, copyGrids, copyTimes, compression);
+}
