@@ -11,6 +11,11 @@ SliceMap::~SliceMap() = default;
 
 bool SliceMap::insert(double time, const SliceWeakPtr& slice) {
   if (std::isnan(time)) return false;
+  // Occurrences mostly arrive in time order: appending needs no search.
+  if (slices_.empty() || slices_.rbegin()->first < time) {
+    slices_.emplace_hint(slices_.end(), time, slice);
+    return true;
+  }
   auto position = slices_.lower_bound(time);
   if (position != slices_.end() && !(time < position->first)) {
     position->second = slice;

@@ -151,11 +151,14 @@ TEST_F(FileTest, openingReadsTheIndexAndEachArrayOnFirstRequest) {
   ASSERT_EQ(loaded->getSlices().size(), 4u);
   for (const auto& [time, slice] : loaded->getSlices()) EXPECT_TRUE(slice->hasPendingLoaders());
   EXPECT_EQ(loaded->getGridList()->getNumberOfGrids(), 4u) << "identities come with the index";
+  const Bundle::GridInfo recent = loaded->findMostRecentGrid(2.5, "points");
+  ASSERT_TRUE(recent.grid) << "identities know where they occur before slices are read";
+  EXPECT_EQ(recent.slice.lock()->getTime(), 1.0);
 
   double t = 1;
   Ostrak::StrongPtr<Grid> grid = (*(*loaded)(t))("uniform");
   ASSERT_TRUE(grid);
-  EXPECT_TRUE(loaded->getSlices().at(2.0)->hasPendingLoaders()) << "only the slice asked for";
+  EXPECT_TRUE(loaded->getSlices().at(2.0)->hasPendingLoaders()) << "only the slices asked for";
   for (const auto& [time, slice] : loaded->getSlices()) slice->accessSlice();
   unsigned long long resident = 0, deferred = 0;
   loaded->getMemoryUsage(resident, deferred);

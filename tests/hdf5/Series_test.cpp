@@ -125,6 +125,7 @@ TEST_F(FileTest, eachSyncAddsWhatIsNewAndTheSeriesLoadsAsTheBundle) {
   makePointCloud(gridIn(expected, 4, "points"), {{4, 4, 4}});
   bundle.reset();
   BundlePtr series = loaded(path("run.h5"));
+  EXPECT_EQ(series->findMostRecentGrid(10, "static").slice.lock()->getTime(), 5.0);
   EXPECT_EQ(differences(*expected, *series), "");
   ASSERT_TRUE(H5::save(*series, path("one.h5")).ok);
   EXPECT_EQ(differences(*expected, *loaded(path("one.h5"))), "");

@@ -668,9 +668,10 @@ void attachParts(Bundle& bundle, const std::vector<Part>& parts,
     break;
   }
   GridList& list = *bundle.getGridList();
+  std::vector<std::vector<StrongPtr<GridID>>> partIds;
   for (const Part& part : parts) {
     const Index& index = part.index;
-    std::vector<StrongPtr<GridID>> ids;
+    std::vector<StrongPtr<GridID>>& ids = partIds.emplace_back();
     for (const std::string& name : index.names) ids.push_back(list[name]);
     for (size_t row = 0; row < ids.size(); ++row) {
       const int64_t parent = index.parents[row];
@@ -681,32 +682,54 @@ void attachParts(Bundle& bundle, const std::vector<Part>& parts,
   }
   auto vetoes = Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(progress);
   auto attach = [&](double time, SliceLoader::Row first, std::vector<SliceLoader::Row> more) {
-    if (vetoes && !vetoes->CreateSlice(time)) return;
-    bundle[time]->addLoader(StrongPtr<Slice::Loader>(
+    if (vetoes && !vetoes->CreateSlice(time)) return SlicePtr();
+    SlicePtr slice = bundle[time];
+    slice->addLoader(StrongPtr<Slice::Loader>(
         new SliceLoader(std::move(first), std::move(more), progress, stored)));
+    return slice;
+  };
+  // Identities know where they occur before any slice is read, so that a
+  // grid can be followed through time in a bundle just opened.
+  auto registerOccurrences = [&](size_t p, const IndexEntry* begin, const IndexEntry* end,
+                                 const SlicePtr& slice) {
+    if (!slice) return;
+    for (const IndexEntry* entry = begin; entry != end; ++entry) {
+      partIds[p][entry->nameRow]->insert(slice->getTime(), SliceWeakPtr(slice.get()));
+    }
   };
   uint64_t total = 0;
   if (parts.size() == 1) {
     const Part& part = parts.front();
+    const IndexEntry* entries = part.index.entries.data();
     total = part.index.times.size();
     for (uint64_t row = 0; row < total; ++row) {
-      attach(part.index.times[row], {part.source, row}, {});
+      const SlicePtr slice = attach(part.index.times[row], {part.source, row}, {});
+      registerOccurrences(0, entries + part.index.sliceBegin[row],
+                          entries + part.index.sliceBegin[row + 1], slice);
       if (progress && (row + 1) % 4096 == 0) progress->progress(row + 1, total);
     }
   } else {
     // Each time's rows in the parts' order; one loader per slice applies them.
-    std::map<double, std::vector<SliceLoader::Row>> rows;
-    for (const Part& part : parts) {
-      for (uint64_t row = 0; row < part.index.times.size(); ++row) {
-        rows[part.index.times[row]].emplace_back(part.source, row);
+    std::map<double, std::vector<std::pair<size_t, uint64_t>>> rows;
+    for (size_t p = 0; p < parts.size(); ++p) {
+      for (uint64_t row = 0; row < parts[p].index.times.size(); ++row) {
+        rows[parts[p].index.times[row]].emplace_back(p, row);
       }
     }
     total = rows.size();
     uint64_t done = 0;
-    for (auto& [time, sliceRows] : rows) {
-      SliceLoader::Row first = std::move(sliceRows.front());
-      sliceRows.erase(sliceRows.begin());
-      attach(time, std::move(first), std::move(sliceRows));
+    for (const auto& [time, sliceRows] : rows) {
+      std::vector<SliceLoader::Row> more;
+      for (size_t k = 1; k < sliceRows.size(); ++k) {
+        more.emplace_back(parts[sliceRows[k].first].source, sliceRows[k].second);
+      }
+      const auto& [firstPart, firstRow] = sliceRows.front();
+      const SlicePtr slice = attach(time, {parts[firstPart].source, firstRow}, std::move(more));
+      for (const auto& [p, row] : sliceRows) {
+        const Index& index = parts[p].index;
+        registerOccurrences(p, index.entries.data() + index.sliceBegin[row],
+                            index.entries.data() + index.sliceBegin[row + 1], slice);
+      }
       if (progress && ++done % 4096 == 0) progress->progress(done, total);
     }
   }

@@ -158,11 +158,16 @@ Journal::Record decodeRecord(const uint8_t* data, size_t size) {
             "a journal record names a parent that does not exist");
   }
   const uint64_t entries = in.count(16);
+  index.sliceBegin.assign(times + 1, 0);
   for (uint64_t i = 0; i < entries; ++i) {
     const uint64_t timeRow = in.get<uint64_t>(), nameRow = in.get<uint64_t>();
     require(timeRow < times && nameRow < names, "a journal record names a grid that is not there");
+    require(i == 0 || timeRow >= index.entries.back().timeRow,
+            "a journal record lists grids out of time order");
     index.entries.push_back({timeRow, nameRow, 0});
+    ++index.sliceBegin[timeRow + 1];
   }
+  for (uint64_t row = 1; row <= times; ++row) index.sliceBegin[row] += index.sliceBegin[row - 1];
   require(in.done(), "a journal record is malformed");
   return record;
 }
