@@ -1,5 +1,7 @@
 # Shared settings of every target of the project.
 
+include(GNUInstallDirs)
+
 function(quaril_set_warnings target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic)
@@ -24,7 +26,12 @@ function(quaril_add_library target)
   file(GLOB headers CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.hpp)
   add_library(${target} SHARED ${sources} ${headers})
   add_library(quaril::${target} ALIAS ${target})
-  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+  # Quaril::<name> both from the source tree and from the installed package.
+  string(REGEX REPLACE "^quaril_" "" exported ${target})
+  add_library(Quaril::${exported} ALIAS ${target})
+  set_target_properties(${target} PROPERTIES EXPORT_NAME ${exported})
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+                                              $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_link_libraries(${target} PUBLIC ${ARG_DEPENDS})
   quaril_set_warnings(${target})
   set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
@@ -67,4 +74,39 @@ function(quaril_find_python variable)
     endif()
   endforeach()
   set(${variable} "" PARENT_SCOPE)
+endfunction()
+
+# quaril_install()
+# Installs the libraries, their public headers (under include/<folder>/),
+# bundle-tool, and a CMake package: find_package(Quaril) gives Quaril::ostrak,
+# Quaril::field, Quaril::grid, Quaril::bundle, Quaril::hdf5 and Quaril::tools.
+function(quaril_install)
+  include(CMakePackageConfigHelpers)
+  get_property(libraries GLOBAL PROPERTY QUARIL_LIBRARIES)
+  get_property(headers GLOBAL PROPERTY QUARIL_PUBLIC_HEADERS)
+  set(programs)
+  if(TARGET bundle-tool)
+    set(programs bundle-tool)
+  endif()
+  # Installed programs and libraries find the libraries beside them.
+  set_target_properties(${libraries} ${programs} PROPERTIES
+                        INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  install(TARGETS ${libraries} ${programs} EXPORT QuarilTargets
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+          RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  foreach(header ${headers})
+    file(RELATIVE_PATH relative ${PROJECT_SOURCE_DIR} ${header})
+    get_filename_component(folder ${relative} DIRECTORY)
+    install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder})
+  endforeach()
+  set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Quaril)
+  install(EXPORT QuarilTargets NAMESPACE Quaril:: DESTINATION ${package_dir})
+  configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/QuarilConfig.cmake.in
+                                ${PROJECT_BINARY_DIR}/QuarilConfig.cmake
+                                INSTALL_DESTINATION ${package_dir})
+  write_basic_package_version_file(${PROJECT_BINARY_DIR}/QuarilConfigVersion.cmake
+                                   VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+  install(FILES ${PROJECT_BINARY_DIR}/QuarilConfig.cmake
+                ${PROJECT_BINARY_DIR}/QuarilConfigVersion.cmake
+          DESTINATION ${package_dir})
 endfunction()
