@@ -7,13 +7,13 @@
 namespace Quaril::Tools {
 
 namespace {
-constexpr auto Delay = std::chrono::milliseconds(500);
 constexpr auto Interval = std::chrono::milliseconds(100);
 constexpr int Width = 30;
 }  // namespace
 
-TerminalProgress::TerminalProgress(std::string label, std::FILE* out)
-    : label_(std::move(label)), out_(out), terminal_(isatty(fileno(out)) == 1) {}
+TerminalProgress::TerminalProgress(std::string label, std::FILE* out,
+                                   std::chrono::milliseconds delay)
+    : label_(std::move(label)), out_(out), terminal_(isatty(fileno(out)) == 1), delay_(delay) {}
 
 TerminalProgress::~TerminalProgress() {
   finish();
@@ -22,7 +22,7 @@ TerminalProgress::~TerminalProgress() {
 void TerminalProgress::progress(unsigned long long done, unsigned long long total) {
   if (!terminal_ || total == 0) return;
   const Clock::time_point now = Clock::now();
-  if (now - start_ < Delay || (drawn_ && now - lastDraw_ < Interval && done < total)) return;
+  if (now - start_ < delay_ || (drawn_ && now - lastDraw_ < Interval && done < total)) return;
   const double part = std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
   const int filled = static_cast<int>(part * Width);
   std::fprintf(out_, "\r%s [%s%s] %3d%%", label_.c_str(), std::string(filled, '#').c_str(),

@@ -10,12 +10,13 @@
 namespace Quaril::Tools {
 
 /// Draws "label [#####     ]  50%" on `out` once an operation has run for
-/// half a second, redrawn at most ten times a second, and clears it at the
-/// end. Draws nothing when `out` is not a terminal. Messages go to `out` as
-/// lines of their own.
+/// `delay` (half a second by default), redrawn at most ten times a second,
+/// and clears it at the end. Draws nothing when `out` is not a terminal.
+/// Messages go to `out` as lines of their own.
 class TerminalProgress : public Ostrak::LoaderProgress {
  public:
-  explicit TerminalProgress(std::string label, std::FILE* out = stderr);
+  explicit TerminalProgress(std::string label, std::FILE* out = stderr,
+                            std::chrono::milliseconds delay = std::chrono::milliseconds(500));
   ~TerminalProgress() override;
 
   void progress(unsigned long long done, unsigned long long total) override;
@@ -29,6 +30,7 @@ class TerminalProgress : public Ostrak::LoaderProgress {
   std::string label_;
   std::FILE* out_;
   bool terminal_;
+  std::chrono::milliseconds delay_;
   bool drawn_ = false;
   Clock::time_point start_ = Clock::now();
   Clock::time_point lastDraw_{};

@@ -1,10 +1,13 @@
 // bundle-tool run as a user runs it: exit codes, output, JSON read back, and
 // the library calls behind it.
 
+#include <pty.h>
+
 #include <nlohmann/json.hpp>
 
 #include "tests/hdf5/FileFixture.hpp"
 #include "tools/Copy.hpp"
+#include "tools/Progress.hpp"
 #include "tools/Summary.hpp"
 
 namespace Quaril::Testing {
@@ -149,6 +152,32 @@ TEST_F(ToolTest, demoWritesTheSampleAndSummarisesItReopenedLazily) {
   EXPECT_NE(run.out.find("grid \"refined\" (child of \"fluid\")"), std::string::npos);
   EXPECT_NE(run.out.find("memory: 0 B resident of"), std::string::npos);
   EXPECT_TRUE(H5::check(path("demo/demo.qb.h5")).ok);
+}
+
+TEST(TerminalProgress, drawsOnATerminalOnlyAfterItsDelayAndClearsItsLine) {
+  int terminal = -1, device = -1;
+  ASSERT_EQ(openpty(&terminal, &device, nullptr, nullptr, nullptr), 0);
+  std::FILE* onTerminal = fdopen(device, "w");
+  std::FILE* inFile = std::tmpfile();
+  using std::chrono::milliseconds;
+  {
+    Tools::TerminalProgress waiting("slow", onTerminal, milliseconds(60000));
+    Tools::TerminalProgress drawing("reading", onTerminal, milliseconds(0));
+    Tools::TerminalProgress redirected("copying", inFile, milliseconds(0));
+    for (auto* sink : {&waiting, &drawing, &redirected}) sink->progress(1, 2);
+  }
+  std::fflush(onTerminal);
+  char bytes[512] = {};
+  const ssize_t got = read(terminal, bytes, sizeof bytes - 1);
+  const std::string drawn(bytes, got > 0 ? static_cast<size_t>(got) : 0);
+  EXPECT_NE(drawn.find("reading [###############               ]  50%"), std::string::npos)
+      << drawn;
+  EXPECT_EQ(drawn.find("slow"), std::string::npos) << "drawn before its delay";
+  EXPECT_EQ(drawn.back(), '\r') << "the line is cleared at the end";
+  EXPECT_EQ(std::ftell(inFile), 0) << "nothing drawn into a file";
+  std::fclose(inFile);
+  std::fclose(onTerminal);
+  close(terminal);
 }
 
 TEST(TimeRange, readsBothEndsOneEndOrOneTimeAndRefusesTheRest) {

@@ -1,5 +1,6 @@
 #include "formats/hdf5/detail/Reader.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <map>
 #include <set>
@@ -485,6 +486,9 @@ void report(const StrongPtr<Ostrak::LoaderProgress>& progress, const std::string
 class SliceLoader : public Slice::Loader {
  public:
   using Row = std::pair<std::shared_ptr<PartSource>, uint64_t>;
+  /// The row of a `first` that stands for the row of the slice's time, so
+  /// that all slices of one file share one loader.
+  static constexpr uint64_t RowOfTime = UINT64_MAX;
 
   /// Reads `first`, then `more` (a slice of one file has none).
   SliceLoader(Row first, std::vector<Row> more, const StrongPtr<Ostrak::LoaderProgress>& progress,
@@ -503,9 +507,11 @@ class SliceLoader : public Slice::Loader {
     bool complete = true;
     std::vector<StrongPtr<Grid>> grids;
     for (size_t i = 0; i <= more_.size(); ++i) {
-      const auto& [part, row] = i == 0 ? first_ : more_[i - 1];
+      const auto& [part, listedRow] = i == 0 ? first_ : more_[i - 1];
       try {
         const std::shared_ptr<Source> source = part->get();
+        const uint64_t row =
+            listedRow == RowOfTime ? rowOf(source->index(), slice->getTime()) : listedRow;
         require(
             row < source->index().times.size() && source->index().times[row] == slice->getTime(),
             "it does not hold the time " + std::to_string(slice->getTime()) +
@@ -524,6 +530,11 @@ class SliceLoader : public Slice::Loader {
   }
 
  private:
+  static uint64_t rowOf(const Index& index, double time) {
+    const auto found = std::lower_bound(index.times.begin(), index.times.end(), time);
+    return static_cast<uint64_t>(found - index.times.begin());
+  }
+
   bool loadRow(Slice& slice, Bundle& bundle, const std::shared_ptr<PartSource>& part,
                Source& source, uint64_t row, std::vector<StrongPtr<Grid>>& grids) {
     const Index& index = source.index();
@@ -681,11 +692,10 @@ void attachParts(Bundle& bundle, const std::vector<Part>& parts,
     }
   }
   auto vetoes = Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(progress);
-  auto attach = [&](double time, SliceLoader::Row first, std::vector<SliceLoader::Row> more) {
+  auto attach = [&](double time, const StrongPtr<Slice::Loader>& loader) {
     if (vetoes && !vetoes->CreateSlice(time)) return SlicePtr();
     SlicePtr slice = bundle[time];
-    slice->addLoader(StrongPtr<Slice::Loader>(
-        new SliceLoader(std::move(first), std::move(more), progress, stored)));
+    slice->addLoader(loader);
     return slice;
   };
   // Identities know where they occur before any slice is read, so that a
@@ -701,9 +711,11 @@ void attachParts(Bundle& bundle, const std::vector<Part>& parts,
   if (parts.size() == 1) {
     const Part& part = parts.front();
     const IndexEntry* entries = part.index.entries.data();
+    const StrongPtr<Slice::Loader> loader(
+        new SliceLoader({part.source, SliceLoader::RowOfTime}, {}, progress, stored));
     total = part.index.times.size();
     for (uint64_t row = 0; row < total; ++row) {
-      const SlicePtr slice = attach(part.index.times[row], {part.source, row}, {});
+      const SlicePtr slice = attach(part.index.times[row], loader);
       registerOccurrences(0, entries + part.index.sliceBegin[row],
                           entries + part.index.sliceBegin[row + 1], slice);
       if (progress && (row + 1) % 4096 == 0) progress->progress(row + 1, total);
@@ -724,7 +736,9 @@ void attachParts(Bundle& bundle, const std::vector<Part>& parts,
         more.emplace_back(parts[sliceRows[k].first].source, sliceRows[k].second);
       }
       const auto& [firstPart, firstRow] = sliceRows.front();
-      const SlicePtr slice = attach(time, {parts[firstPart].source, firstRow}, std::move(more));
+      const SlicePtr slice = attach(
+          time, StrongPtr<Slice::Loader>(new SliceLoader({parts[firstPart].source, firstRow},
+                                                         std::move(more), progress, stored)));
       for (const auto& [p, row] : sliceRows) {
         const Index& index = parts[p].index;
         registerOccurrences(p, index.entries.data() + index.sliceBegin[row],
