@@ -2,15 +2,17 @@
 // occurrence before a time, and a walk over all of them.
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <string>
 #include <vector>
 
 #include "formats/hdf5/Format.hpp"
 #include "grid/GridConstructors.hpp"
 
-int main() {
-  Quaril::H5::registerFormat();
-  const std::filesystem::path file = std::filesystem::temp_directory_path() / "follow-example.h5";
+namespace {
+
+int followTheProbe(const std::filesystem::path& file) {
   {
     // A point cloud written every 0.25, a probe only every 0.5.
     Quaril::BundlePtr run;
@@ -43,6 +45,17 @@ int main() {
       },
       false);
   std::printf("%u occurrences\n", steps);
-  std::filesystem::remove(file);
   return steps == 4 && probe.slice.lock()->getTime() == 1.0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main() {
+  Quaril::H5::registerFormat();
+  // A folder of our own, so that runs side by side do not share a file.
+  std::string folder = (std::filesystem::temp_directory_path() / "quaril-follow-XXXXXX").string();
+  if (!mkdtemp(folder.data())) return 1;
+  const int status = followTheProbe(std::filesystem::path(folder) / "follow.h5");
+  std::filesystem::remove_all(folder);
+  return status;
 }

@@ -2,16 +2,18 @@
 // at each time the field comes from the most recent step that holds it.
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <string>
 #include <vector>
 
 #include "bundle/FieldSelector.hpp"
 #include "formats/hdf5/Format.hpp"
 #include "grid/GridConstructors.hpp"
 
-int main() {
-  Quaril::H5::registerFormat();
-  const std::filesystem::path file = std::filesystem::temp_directory_path() / "select-example.h5";
+namespace {
+
+int selectDensity(const std::filesystem::path& file) {
   {
     Quaril::BundlePtr run;
     run.create();
@@ -36,6 +38,17 @@ int main() {
     std::printf("density at %g comes from %g: %g\n", asked, t, first);
     sum += first;
   }
-  std::filesystem::remove(file);
   return sum == 1000 + 1001 + 1002 ? 0 : 1;
+}
+
+}  // namespace
+
+int main() {
+  Quaril::H5::registerFormat();
+  // A folder of our own, so that runs side by side do not share a file.
+  std::string folder = (std::filesystem::temp_directory_path() / "quaril-select-XXXXXX").string();
+  if (!mkdtemp(folder.data())) return 1;
+  const int status = selectDensity(std::filesystem::path(folder) / "select.h5");
+  std::filesystem::remove_all(folder);
+  return status;
 }

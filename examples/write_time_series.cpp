@@ -3,16 +3,17 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <string>
 #include <vector>
 
 #include "formats/hdf5/Format.hpp"
 #include "grid/GridConstructors.hpp"
 
-int main() {
-  Quaril::H5::registerFormat();
-  const std::filesystem::path file = std::filesystem::temp_directory_path() / "series-example.h5";
+namespace {
 
+int writeAndRead(const std::filesystem::path& file) {
   Quaril::BundlePtr run;
   run.create();
   for (int step = 0; step < 20; ++step) {
@@ -37,9 +38,20 @@ int main() {
   }
   unsigned long long resident = 0, deferred = 0;
   read->getMemoryUsage(resident, deferred);
-  std::printf("%s: %zu steps from %g to %g, %llu bytes in memory\n", file.c_str(),
+  std::printf("%s: %zu steps from %g to %g, %llu bytes in memory\n", file.filename().c_str(),
               read->getSlices().size(), read->getSlices().begin()->first,
               read->getSlices().rbegin()->first, resident);
-  std::filesystem::remove(file);
   return read->getSlices().size() == 20 ? 0 : 1;
+}
+
+}  // namespace
+
+int main() {
+  Quaril::H5::registerFormat();
+  // A folder of our own, so that runs side by side do not share a file.
+  std::string folder = (std::filesystem::temp_directory_path() / "quaril-series-XXXXXX").string();
+  if (!mkdtemp(folder.data())) return 1;
+  const int status = writeAndRead(std::filesystem::path(folder) / "series.h5");
+  std::filesystem::remove_all(folder);
+  return status;
 }

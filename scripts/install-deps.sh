@@ -14,6 +14,7 @@ packages=(
   libhdf5-dev
   libcli11-dev
   nlohmann-json3-dev
+  pybind11-dev
   python3-h5py
   python3-numpy
   python3-pytest

@@ -1,0 +1,561 @@
+// The Python module `quaril`: bundles, slices and grids as Python objects,
+// field data as numpy arrays that are views on the library's memory.
+
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+#include <pybind11/stl/filesystem.h>
+
+#include <cstring>
+#include <filesystem>
+#include <list>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "grid/GridConstructors.hpp"
+#include "grid/GridWalk.hpp"
+#include "tools/Copy.hpp"
+#include "tools/Summary.hpp"
+
+namespace py = pybind11;
+
+namespace Quaril::Python {
+namespace {
+
+using Pelorn::PhysicalSpace::point;
+using Pelorn::PhysicalSpace::tvector;
+using Data = StrongPtr<MemBase, Cacheable>;
+
+// ---- element types ------------------------------------------------------------
+
+/// Calls `visit(tag)` with a value of the scalar type described by `type`;
+/// false when it is none that numpy has.
+template <class Visit>
+bool withScalarType(const QuarilTypeBase& type, Visit&& visit) {
+  bool found = false;
+  auto tryType = [&](auto tag) {
+    using T = decltype(tag);
+    if (!found && type.is<T>()) {
+      visit(tag);
+      found = true;
+    }
+  };
+  tryType(bool{});
+  tryType(int8_t{});
+  tryType(uint8_t{});
+  tryType(int16_t{});
+  tryType(uint16_t{});
+  tryType(int32_t{});
+  tryType(uint32_t{});
+  tryType(long{});
+  tryType(static_cast<unsigned long>(0));
+  tryType(static_cast<long long>(0));
+  tryType(static_cast<unsigned long long>(0));
+  tryType(float{});
+  tryType(double{});
+  tryType(static_cast<long double>(0));
+  // Character types are integers of their size to numpy.
+  if (!found && (type.is<char>() || type.is<char8_t>())) {
+    visit(type.is<char>() ? int8_t{} : uint8_t{}), found = true;
+  }
+  if (!found && type.is<char16_t>()) visit(uint16_t{}), found = true;
+  if (!found && (type.is<char32_t>() || type.is<wchar_t>())) visit(int32_t{}), found = true;
+  return found;
+}
+
+py::dtype dtypeOf(const QuarilTypeBase& type) {
+  py::dtype result;
+  if (!withScalarType(type.componentType(),
+                      [&](auto tag) { result = py::dtype::of<decltype(tag)>(); })) {
+    throw py::type_error("elements of type " + type.name() + " have no numpy type");
+  }
+  return result;
+}
+
+/// The shape numpy sees: extents slowest first, then the components.
+std::vector<py::ssize_t> shapeOf(const DynamicSize& size, const QuarilTypeBase& type) {
+  std::vector<py::ssize_t> shape;
+  for (int d = size.rank() - 1; d >= 0; --d) shape.push_back(static_cast<py::ssize_t>(size[d]));
+  if (type.components() > 1) shape.push_back(type.components());
+  return shape;
+}
+
+/// A numpy array viewing `data`; it keeps the data alive, not the bundle.
+py::array viewOf(const Data& data, const QuarilTypeBase& type) {
+  if (!data) throw py::value_error("no data");
+  if (!data->rawData()) {
+    // Computed data (uniform positions): copied out element by element.
+    if (const auto* uniform = dynamic_cast<const UniformCartesianArray*>(data.get())) {
+      py::array_t<double> positions(shapeOf(data->getSize(), type));
+      double* out = positions.mutable_data();
+      for (uint64_t i = 0; i < data->nElements(); ++i) {
+        const point p = (*uniform)[i];
+        out[3 * i] = p.x, out[3 * i + 1] = p.y, out[3 * i + 2] = p.z;
+      }
+      return positions;
+    }
+    throw py::value_error("the data are not stored as an array");
+  }
+  auto* held = new Data(data);
+  py::capsule owner(held, [](void* pointer) { delete static_cast<Data*>(pointer); });
+  return py::array(dtypeOf(type), shapeOf(data->getSize(), type), {},
+                   const_cast<void*>(data->rawData()), owner);
+}
+
+// ---- Python objects ------------------------------------------------------------
+
+struct PyGrid {
+  BundlePtr bundle;
+  StrongPtr<Grid> grid;
+  std::string name;
+  double time;
+};
+
+struct PySlice {
+  BundlePtr bundle;
+  SlicePtr slice;
+};
+
+struct PyBundle {
+  BundlePtr bundle;
+};
+
+[[noreturn]] void raiseOSError(const std::string& text) {
+  PyErr_SetString(PyExc_OSError, text.c_str());
+  throw py::error_already_set();
+}
+
+PyGrid gridAt(const BundlePtr& bundle, const SlicePtr& slice, const std::string& name) {
+  StrongPtr<Grid> grid = (*slice)(name);
+  if (!grid)
+    throw py::key_error("no grid \"" + name + "\" at time " + Tools::formatTime(slice->getTime()));
+  return {bundle, grid, name, slice->getTime()};
+}
+
+/// The field `name` of `grid`, on its vertices ("vertices"), its cells or
+/// other skeletons ("cells"), or anywhere (""), the unrefined vertices first.
+StrongPtr<Field> findField(const Grid& grid, const std::string& name, const std::string& on) {
+  StrongPtr<Field> found;
+  forEachPlacedField(grid, [&](const SkeletonID& id, const Skeleton&, const FieldID& fieldID,
+                               const StrongPtr<Field>& field) {
+    const bool onVertices = id.dimension() == 0;
+    if (found || fieldID.Name() != name || (on == "vertices" && !onVertices) ||
+        (on == "cells" && onVertices)) {
+      return;
+    }
+    found = field;
+  });
+  return found;
+}
+
+py::object fieldValues(const PyGrid& grid, const std::string& name, const std::string& on) {
+  const StrongPtr<Field> field = findField(*grid.grid, name, on);
+  if (!field) throw py::key_error("no field \"" + name + "\" on grid \"" + grid.name + "\"");
+  std::vector<py::array> arrays;
+  std::string error;
+  forEachFragment(*field,
+                  [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
+                    const Data data = creator ? creator->getData() : Data();
+                    if (!data) {
+                      error = creator ? creator->lastError() : "a fragment has no data";
+                      return;
+                    }
+                    arrays.push_back(viewOf(data, field->getElementDescriptor()));
+                  });
+  if (!error.empty()) raiseOSError(error);
+  if (arrays.size() == 1) return arrays.front();
+  return py::cast(arrays);
+}
+
+/// The element type of `array` as a field: float64 with a last axis of 3 is
+/// a vector (`tvector`), anything else a scalar of the array's type.
+const QuarilTypeBase& fieldTypeOf(const py::array& array, bool& vector) {
+  const py::dtype type = array.dtype();
+  vector =
+      type.is(py::dtype::of<double>()) && array.ndim() >= 2 && array.shape(array.ndim() - 1) == 3;
+  if (vector) return QuarilTypeBase::getType<tvector>();
+  const QuarilTypeBase* found = nullptr;
+  auto tryType = [&](auto tag) {
+    if (!found && type.is(py::dtype::of<decltype(tag)>()))
+      found = &QuarilTypeBase::getType<decltype(tag)>();
+  };
+  tryType(bool{}), tryType(int8_t{}), tryType(uint8_t{}), tryType(int16_t{}), tryType(uint16_t{});
+  tryType(int32_t{}), tryType(uint32_t{}), tryType(int64_t{}), tryType(uint64_t{});
+  tryType(float{}), tryType(double{}), tryType(static_cast<long double>(0));
+  if (!found)
+    throw py::type_error("arrays of dtype " + py::repr(type).cast<std::string>() +
+                         " cannot be stored");
+  return *found;
+}
+
+void addField(PyGrid& grid, const std::string& name, const py::array& given,
+              const std::string& on) {
+  if (on != "vertices" && on != "cells")
+    throw py::value_error("on must be \"vertices\" or \"cells\"");
+  bool vector = false;
+  const QuarilTypeBase& type = fieldTypeOf(given, vector);
+  const py::array array = py::array::ensure(given, py::array::c_style);
+  const MakeResult<Field> made = detail::addField(
+      *grid.grid, on == "cells", name, type, 1,
+      [&](const std::string&, const DynamicSize& size, std::string& error) -> Data {
+        if (static_cast<uint64_t>(array.nbytes()) != size.elements() * type.size()) {
+          error = "the array holds " + std::to_string(array.size()) + " values, not " +
+                  std::to_string(size.elements() * type.components());
+          return {};
+        }
+        Data data = makeMemArray(type, size, false);
+        std::memcpy(data->rawData(), array.data(),
+                    static_cast<size_t>(array.nbytes()));  // the one copy
+        return data;
+      },
+      "");
+  if (!made) throw py::value_error(made.error);
+}
+
+std::vector<point> pointsOf(
+    const py::array_t<double, py::array::c_style | py::array::forcecast>& array) {
+  if (array.ndim() != 2 || array.shape(1) != 3)
+    throw py::value_error("points must be an (n, 3) array");
+  std::vector<point> points;
+  points.reserve(static_cast<size_t>(array.shape(0)));
+  for (py::ssize_t i = 0; i < array.shape(0); ++i) {
+    points.push_back(point{array.at(i, 0), array.at(i, 1), array.at(i, 2)});
+  }
+  return points;
+}
+
+template <class T>
+void check(const MakeResult<T>& made) {
+  if (!made) throw py::value_error(made.error);
+}
+
+std::vector<std::string> fieldNames(const Grid& grid) {
+  std::vector<std::string> names;
+  forEachPlacedField(grid, [&](const SkeletonID&, const Skeleton&, const FieldID& id,
+                               const StrongPtr<Field>&) { names.push_back(id.Name()); });
+  return names;
+}
+
+std::string describe(const PyGrid& grid) {
+  std::string text =
+      "<quaril.Grid \"" + grid.name + "\" at t=" + Tools::formatTime(grid.time) + ": ";
+  const std::vector<std::string> names = fieldNames(*grid.grid);
+  for (size_t i = 0; i < names.size(); ++i) text += (i ? ", " : "") + names[i];
+  return text + (names.empty() ? "no fields>" : ">");
+}
+
+/// A binding of a bundle to a series, as a context manager.
+struct PyBinding {
+  BundlePtr bundle;
+  std::string path;
+  void sync() {
+    if (bundle->sync() != 1) raiseOSError(H5::lastSync(*bundle).error);
+  }
+  void release() {
+    if (!bundle->getStorage()) return;
+    const int synced = bundle->sync();
+    const std::string error = H5::lastSync(*bundle).error;
+    bundle->setStorage({});
+    if (synced != 1) raiseOSError(error);
+  }
+};
+
+py::object evolution(const BundlePtr& bundle, const std::string& name) {
+  const StrongPtr<GridID> id = bundle->getGridList()->find(name);
+  if (!id) throw py::key_error("no grid \"" + name + "\"");
+  std::vector<double> times;
+  for (const auto& [time, slice] : id->getSliceMap().entries()) times.push_back(time);
+  // A generator that reads each step only when it is reached.
+  py::module_ builtins = py::module_::import("builtins");
+  return builtins.attr("iter")(
+      py::cpp_function([bundle, name, times, index = size_t(0)]() mutable -> py::object {
+        while (index < times.size()) {
+          const double time = times[index++];
+          double found = time;
+          if (SlicePtr slice = (*bundle)(found)) {
+            if (StrongPtr<Grid> grid = (*slice)(name))
+              return py::make_tuple(time, PyGrid{bundle, grid, name, time});
+          }
+        }
+        throw py::stop_iteration();
+      }),
+      py::none());
+}
+
+}  // namespace
+}  // namespace Quaril::Python
+
+PYBIND11_MODULE(quaril, module) {
+  using namespace Quaril;
+  using namespace Quaril::Python;
+  module.doc() = "Time-dependent scientific data: bundles of time steps holding grids with fields.";
+  H5::registerFormat();
+
+  py::class_<PyGrid>(module, "Grid", "A mesh at one time step, with its fields.")
+      .def_readonly("name", &PyGrid::name)
+      .def_readonly("time", &PyGrid::time)
+      .def_property_readonly(
+          "fields", [](const PyGrid& grid) { return fieldNames(*grid.grid); },
+          "Names of the grid's fields (vertices and cells)")
+      .def("field", &fieldValues, py::arg("name"), py::arg("on") = "",
+           "The values of field `name` as a numpy array (a list of arrays for a fragmented "
+           "field); points and vectors as (n, 3). Reads lazily loaded data now.")
+      .def_property_readonly(
+          "uniform",
+          [](const PyGrid& grid) -> py::object {
+            const StrongPtr<Field> positions = grid.grid->CartesianPositions();
+            if (!positions || positions->nFragments() != 1) return py::none();
+            const Data data = positions->getData();
+            const auto* uniform = dynamic_cast<const UniformCartesianArray*>(data.get());
+            if (!uniform) return py::none();
+            const point o = uniform->origin();
+            const tvector s = uniform->spacing();
+            py::dict result;
+            result["origin"] = py::make_tuple(o.x, o.y, o.z);
+            result["spacing"] = py::make_tuple(s.x, s.y, s.z);
+            result["extents"] = uniform->extents();
+            return result;
+          },
+          "For a uniform grid: {'origin', 'spacing', 'extents'}; None otherwise")
+      .def(
+          "set_uniform",
+          [](PyGrid& grid, std::array<uint64_t, 3> extents, std::array<double, 3> origin,
+             std::array<double, 3> spacing) {
+            check(makeUniformGrid(*grid.grid, extents, point{origin[0], origin[1], origin[2]},
+                                  tvector{spacing[0], spacing[1], spacing[2]}));
+          },
+          py::arg("extents"), py::arg("origin") = std::array<double, 3>{0, 0, 0},
+          py::arg("spacing") = std::array<double, 3>{1, 1, 1}, "Makes the grid uniform")
+      .def(
+          "set_points",
+          [](PyGrid& grid,
+             const py::array_t<double, py::array::c_style | py::array::forcecast>& points) {
+            check(makePointCloud(*grid.grid, pointsOf(points)));
+          },
+          py::arg("points"), "Makes the grid a point cloud of an (n, 3) array")
+      .def(
+          "set_triangles",
+          [](PyGrid& grid,
+             const py::array_t<double, py::array::c_style | py::array::forcecast>& points,
+             const py::array_t<uint32_t, py::array::c_style | py::array::forcecast>& cells) {
+            if (cells.ndim() != 2 || cells.shape(1) != 3)
+              throw py::value_error("cells must be an (m, 3) array");
+            std::vector<TriangleIndices> triangles(static_cast<size_t>(cells.shape(0)));
+            std::memcpy(triangles.data(), cells.data(), triangles.size() * sizeof(TriangleIndices));
+            check(makeTriangleSurface(*grid.grid, pointsOf(points), triangles));
+          },
+          py::arg("points"), py::arg("cells"), "Makes the grid a triangle surface")
+      .def("add_field", &addField, py::arg("name"), py::arg("array"), py::arg("on") = "vertices",
+           "Adds a field from a numpy array (copied once); float64 (..., 3) arrays are vectors")
+      .def("__repr__", &describe);
+
+  py::class_<PySlice>(module, "Slice", "The grids of one time step.")
+      .def_property_readonly("time", [](const PySlice& slice) { return slice.slice->getTime(); })
+      .def_property_readonly("grids",
+                             [](const PySlice& slice) {
+                               std::vector<std::string> names;
+                               slice.slice->accessSlice();
+                               for (const auto& [id, grid] : slice.slice->getGrids()) {
+                                 if (id && grid) names.push_back(id->getName());
+                               }
+                               return names;
+                             })
+      .def(
+          "__getitem__",
+          [](PySlice& slice, const std::string& name) {
+            Grid* grid = (*slice.slice)[name];
+            if (!grid) throw py::key_error(name);
+            return PyGrid{slice.bundle, (*slice.slice)(name), name, slice.slice->getTime()};
+          },
+          "The grid `name`, made when missing")
+      .def(
+          "grid",
+          [](const PySlice& slice, const std::string& name) {
+            return gridAt(slice.bundle, slice.slice, name);
+          },
+          "The grid `name`; KeyError when there is none")
+      .def("__contains__",
+           [](const PySlice& slice, const std::string& name) { return bool((*slice.slice)(name)); })
+      .def("__len__",
+           [](const PySlice& slice) {
+             slice.slice->accessSlice();
+             return slice.slice->getGrids().size();
+           })
+      .def("__repr__", [](const PySlice& slice) {
+        return "<quaril.Slice t=" + Tools::formatTime(slice.slice->getTime()) + ">";
+      });
+
+  py::class_<PyBinding>(module, "Binding", "A bundle bound to a file: sync() writes what is new.")
+      .def("sync", &PyBinding::sync, "Writes what is new since the last sync; OSError on failure")
+      .def("release", &PyBinding::release, "Syncs once more and unbinds")
+      .def("__enter__", [](PyBinding& binding) -> PyBinding& { return binding; })
+      .def("__exit__", [](PyBinding& binding, py::args) { binding.release(); })
+      .def("__repr__",
+           [](const PyBinding& binding) { return "<quaril.Binding " + binding.path + ">"; });
+
+  py::class_<PyBundle>(module, "Bundle", "A time-dependent data set: time steps holding grids.")
+      .def(py::init([] {
+        PyBundle made;
+        made.bundle.create();
+        return made;
+      }))
+      .def_property_readonly("times",
+                             [](const PyBundle& bundle) {
+                               std::vector<double> times;
+                               for (const auto& [time, slice] : bundle.bundle->getSlices()) {
+                                 if (slice) times.push_back(time);
+                               }
+                               return py::array_t<double>(static_cast<py::ssize_t>(times.size()),
+                                                          times.data());
+                             })
+      .def_property_readonly("grids",
+                             [](const PyBundle& bundle) {
+                               std::set<std::string> names;
+                               bundle.bundle->getGridList()->getGridnames(names);
+                               return std::vector<std::string>(names.begin(), names.end());
+                             })
+      .def("__len__", [](const PyBundle& bundle) { return bundle.bundle->getSlices().size(); })
+      .def("__iter__",
+           [](const PyBundle& bundle) {
+             py::list steps;
+             for (const auto& [time, slice] : bundle.bundle->getSlices()) {
+               if (slice) steps.append(py::make_tuple(time, PySlice{bundle.bundle, slice}));
+             }
+             return py::iter(steps);
+           })
+      .def(
+          "__getitem__",
+          [](PyBundle& bundle, double t) {
+            SlicePtr slice = (*bundle.bundle)[t];
+            if (!slice) throw py::key_error("no time step at NaN");
+            return PySlice{bundle.bundle, slice};
+          },
+          "The time step at exactly `t`, made when missing")
+      .def(
+          "slice",
+          [](const PyBundle& bundle, double t) {
+            double found = t;
+            SlicePtr slice = (*bundle.bundle)(found);
+            if (!slice) throw py::key_error("no time step at " + Tools::formatTime(t));
+            return PySlice{bundle.bundle, slice};
+          },
+          py::arg("t"), "The time step at exactly `t`; KeyError when there is none")
+      .def(
+          "most_recent",
+          [](const PyBundle& bundle, double t, const std::string& name) -> py::object {
+            const Bundle::GridInfo found = bundle.bundle->findMostRecentGrid(t, name);
+            SlicePtr slice = found.slice.lock();
+            if (!found.grid || !slice) return py::none();
+            return py::cast(PyGrid{bundle.bundle, found.grid, name, slice->getTime()});
+          },
+          py::arg("t"), py::arg("name"),
+          "The grid `name` as of time `t` (at or before it), or None")
+      .def(
+          "evolution",
+          [](const PyBundle& bundle, const std::string& name) {
+            return evolution(bundle.bundle, name);
+          },
+          py::arg("name"), "A generator of (time, grid) over every step that holds `name`")
+      .def(
+          "first",
+          [](const PyBundle& bundle, const std::string& name) -> py::object {
+            py::object steps = evolution(bundle.bundle, name);
+            py::object next = py::module_::import("builtins").attr("next")(steps, py::none());
+            return next;
+          },
+          py::arg("name"), "(time, grid) of the first step that holds `name`, or None")
+      .def(
+          "last",
+          [](const PyBundle& bundle, const std::string& name) -> py::object {
+            const StrongPtr<GridID> id = bundle.bundle->getGridList()->find(name);
+            if (!id || id->getSliceMap().empty()) return py::none();
+            double t = id->getSliceMap().entries().rbegin()->first;
+            const Bundle::GridInfo found = bundle.bundle->findMostRecentGrid(t, name);
+            if (!found.grid) return py::none();
+            return py::make_tuple(t, PyGrid{bundle.bundle, found.grid, name, t});
+          },
+          py::arg("name"), "(time, grid) of the last step that holds `name`, or None")
+      .def("xml",
+           [](const PyBundle& bundle) {
+             for (const auto& [time, slice] : bundle.bundle->getSlices()) {
+               if (slice) slice->accessSlice();
+             }
+             return bundle.bundle->xml();
+           })
+      .def(
+          "memory",
+          [](const PyBundle& bundle) {
+            unsigned long long resident = 0, deferred = 0;
+            bundle.bundle->getMemoryUsage(resident, deferred);
+            return py::make_tuple(resident, deferred);
+          },
+          "(resident, deferred): bytes of field data in memory, and still to be read")
+      .def(
+          "save",
+          [](const PyBundle& bundle, const std::filesystem::path& path,
+             std::optional<std::vector<std::string>> grids, std::optional<int> compress) {
+            StrongPtr<StorageTransformations> policy(new StorageTransformations);
+            if (compress) policy->setCompressionLevel(*compress);
+            StrongPtr<Ostrak::StringList> names;
+            if (grids) {
+              names = StrongPtr<Ostrak::StringList>(new Ostrak::StringList);
+              for (const std::string& name : *grids) names->push_back(name);
+            }
+            const H5::Outcome saved = H5::save(*bundle.bundle, path.string(), policy, {}, names);
+            if (!saved) raiseOSError(saved.error);
+          },
+          py::arg("path"), py::arg("grids") = py::none(), py::arg("compress") = py::none(),
+          "Saves the bundle (only `grids` when given) as one file, atomically; OSError on failure")
+      .def(
+          "bind",
+          [](PyBundle& bundle, const std::filesystem::path& file, bool append) {
+            const std::string path = file.string();
+            const Bundle::BindingResult bound =
+                append ? bundle.bundle->bindTo(path) : bundle.bundle->bindToNew(path);
+            if (bound.status != 1)
+              raiseOSError(bound.text.empty() ? H5::lastSync(*bundle.bundle).error : bound.text);
+            return PyBinding{bundle.bundle, path};
+          },
+          py::arg("path"), py::arg("append") = false,
+          "Binds the bundle to a series at `path` (a new one, or the existing one with "
+          "append=True); each sync() adds what is new. A context manager that syncs and "
+          "unbinds at its end.")
+      .def("sync",
+           [](PyBundle& bundle) {
+             if (!bundle.bundle->getStorage()) throw py::value_error("the bundle is not bound");
+             PyBinding{bundle.bundle, ""}.sync();
+           })
+      .def("__repr__", [](const PyBundle& bundle) {
+        const auto& slices = bundle.bundle->getSlices();
+        std::string text = "<quaril.Bundle " + std::to_string(slices.size()) + " steps";
+        if (!slices.empty()) {
+          text += " from " + Tools::formatTime(slices.begin()->first) + " to " +
+                  Tools::formatTime(slices.rbegin()->first);
+        }
+        return text + ", " + std::to_string(bundle.bundle->getGridList()->getNumberOfGrids()) +
+               " grids>";
+      });
+
+  module.def(
+      "load",
+      [](const py::object& paths) {
+        std::vector<std::string> files;
+        if (py::isinstance<py::str>(paths) || py::hasattr(paths, "__fspath__")) {
+          files.push_back(
+              py::str(py::module_::import("os").attr("fspath")(paths)).cast<std::string>());
+        } else {
+          for (const py::handle path : paths) {
+            files.push_back(
+                py::str(py::module_::import("os").attr("fspath")(path)).cast<std::string>());
+          }
+        }
+        PyBundle loaded;
+        const H5::Outcome opened = Tools::openFiles(loaded.bundle, files);
+        if (!opened) raiseOSError(opened.error);
+        return loaded;
+      },
+      py::arg("paths"),
+      "Opens a file (or several, merged) lazily; OSError with the reason on failure");
+}

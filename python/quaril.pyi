@@ -1,0 +1,103 @@
+"""Time-dependent scientific data: bundles of time steps holding grids with fields.
+
+    import quaril
+    run = quaril.load("run.h5")                      # opens lazily
+    for t, grid in run.evolution("fluid"):
+        pressure = grid.field("pressure")             # numpy array, read now
+"""
+
+import os
+from typing import Iterator, Literal, Optional, Sequence, Union
+
+import numpy as np
+import numpy.typing as npt
+
+Path = Union[str, os.PathLike]
+
+
+def load(paths: Union[Path, Sequence[Path]]) -> Bundle:
+    """Opens a file (or several, merged) lazily; OSError with the reason on failure."""
+
+
+class Grid:
+    """A mesh at one time step, with its fields."""
+    name: str
+    time: float
+    @property
+    def fields(self) -> list[str]:
+        """Names of the grid's fields (vertices and cells)."""
+    @property
+    def uniform(self) -> Optional[dict]:
+        """For a uniform grid: {'origin', 'spacing', 'extents'}; None otherwise."""
+    def field(self, name: str, on: Literal["", "vertices", "cells"] = "") -> Union[np.ndarray, list[np.ndarray]]:
+        """The values of field `name` as a numpy array viewing the library's memory (a list of
+        arrays for a fragmented field); points and vectors as (..., 3). KeyError when absent,
+        OSError when the data cannot be read."""
+    def set_uniform(self, extents: Sequence[int], origin: Sequence[float] = (0, 0, 0),
+                    spacing: Sequence[float] = (1, 1, 1)) -> None:
+        """Makes the grid uniform: extents vertices per axis from origin in steps of spacing."""
+    def set_points(self, points: npt.ArrayLike) -> None:
+        """Makes the grid a point cloud of an (n, 3) array."""
+    def set_triangles(self, points: npt.ArrayLike, cells: npt.ArrayLike) -> None:
+        """Makes the grid a triangle surface: (n, 3) points, (m, 3) vertex indices."""
+    def add_field(self, name: str, array: npt.ArrayLike,
+                  on: Literal["vertices", "cells"] = "vertices") -> None:
+        """Adds a field from a numpy array (copied once); float64 arrays with a last axis of 3
+        are vectors. ValueError when the sizes do not match."""
+
+
+class Slice:
+    """The grids of one time step."""
+    @property
+    def time(self) -> float: ...
+    @property
+    def grids(self) -> list[str]: ...
+    def __getitem__(self, name: str) -> Grid:
+        """The grid `name`, made when missing."""
+    def grid(self, name: str) -> Grid:
+        """The grid `name`; KeyError when there is none."""
+    def __contains__(self, name: str) -> bool: ...
+    def __len__(self) -> int: ...
+
+
+class Binding:
+    """A bundle bound to a file; a context manager that syncs and unbinds at its end."""
+    def sync(self) -> None:
+        """Writes what is new since the last sync; OSError on failure."""
+    def release(self) -> None:
+        """Syncs once more and unbinds."""
+    def __enter__(self) -> Binding: ...
+    def __exit__(self, *args) -> None: ...
+
+
+class Bundle:
+    """A time-dependent data set: time steps holding grids."""
+    def __init__(self) -> None: ...
+    @property
+    def times(self) -> np.ndarray:
+        """The times of the steps, ascending."""
+    @property
+    def grids(self) -> list[str]:
+        """The names of all grids."""
+    def __len__(self) -> int: ...
+    def __iter__(self) -> Iterator[tuple[float, Slice]]: ...
+    def __getitem__(self, t: float) -> Slice:
+        """The time step at exactly `t`, made when missing."""
+    def slice(self, t: float) -> Slice:
+        """The time step at exactly `t`; KeyError when there is none."""
+    def most_recent(self, t: float, name: str) -> Optional[Grid]:
+        """The grid `name` as of time `t` (at or before it), or None."""
+    def evolution(self, name: str) -> Iterator[tuple[float, Grid]]:
+        """(time, grid) over every step that holds `name`, each read when reached."""
+    def first(self, name: str) -> Optional[tuple[float, Grid]]: ...
+    def last(self, name: str) -> Optional[tuple[float, Grid]]: ...
+    def xml(self) -> str: ...
+    def memory(self) -> tuple[int, int]:
+        """(resident, deferred): bytes of field data in memory, and still to be read."""
+    def save(self, path: Path, grids: Optional[Sequence[str]] = None,
+             compress: Optional[int] = None) -> None:
+        """Saves the bundle (only `grids` when given) as one file, atomically; OSError on failure."""
+    def bind(self, path: Path, append: bool = False) -> Binding:
+        """Binds the bundle to a series at `path` (new, or continued with append=True)."""
+    def sync(self) -> None:
+        """Writes what is new to the bound series; ValueError when not bound."""
