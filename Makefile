@@ -1,4 +1,4 @@
-# Entry points: `make demo`, `make test`, `make sanitize`, `make bench`, `make fuzz`.
+# Entry points: `make demo`, `make test`, `make interop`, `make sanitize`, `make bench`, `make fuzz`.
 BUILD_DIR      ?= build
 SANITIZE_DIR   ?= build-sanitize
 THREAD_DIR     ?= build-thread
@@ -7,7 +7,7 @@ FUZZ_DIR       ?= build-fuzz
 FUZZ_SECONDS   ?= 60
 JOBS           ?= 2
 
-.PHONY: demo test sanitize tsan bench fuzz deps format clean
+.PHONY: demo test interop sanitize tsan bench fuzz deps format clean
 
 deps:
 	@bash scripts/install-deps.sh
@@ -23,6 +23,14 @@ test: deps
 	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUARIL_BUILD_BENCHMARKS=ON
 	cmake --build $(BUILD_DIR) -j$(JOBS)
 	cd $(BUILD_DIR) && ctest --output-on-failure -j$(JOBS)
+
+# ParaView (headless) as a real client of the XDMF descriptor of the demo data.
+interop: deps
+	@bash scripts/install-deps.sh interop
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD_DIR) -j$(JOBS) --target bundle-tool quaril_python
+	xvfb-run -a pvpython tests/interop/check_paraview.py $(BUILD_DIR)/tools/bundle-tool \
+	      $(BUILD_DIR)/python/package
 
 # The same tests under AddressSanitizer and UndefinedBehaviorSanitizer.
 sanitize: deps

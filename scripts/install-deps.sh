@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs (`install-deps.sh fuzz`: also
-# those of the fuzz target). As root it installs what is missing; otherwise it
-# prints the exact command and fails.
+# those of the fuzz target; `install-deps.sh interop`: ParaView, headless).
+# As root it installs what is missing; otherwise it prints the exact command
+# and fails.
 set -euo pipefail
 
 packages=(
@@ -21,6 +22,9 @@ packages=(
 )
 if [ "${1:-}" = "fuzz" ]; then
   packages+=(clang libclang-rt-14-dev)
+fi
+if [ "${1:-}" = "interop" ]; then
+  packages+=(python3-paraview xvfb)
 fi
 
 missing=()

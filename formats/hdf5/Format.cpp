@@ -12,6 +12,7 @@
 #include "formats/hdf5/detail/Series.hpp"
 #include "formats/hdf5/detail/Stored.hpp"
 #include "formats/hdf5/detail/Writer.hpp"
+#include "formats/hdf5/detail/Xdmf.hpp"
 #include "ostrak/SaveRegistry.hpp"
 
 namespace Quaril::H5 {
@@ -223,6 +224,18 @@ Outcome check(const std::string& filename) {
   });
   if (!checked) checked.error = filename + ": " + checked.error;
   return checked;
+}
+
+Outcome writeXdmf(const std::string& filename) {
+  Outcome written = attempt([&] {
+    detail::require(!detail::isJournal(filename),
+                    "a bound series; copy it into one file first (bundle-tool copy)");
+    const std::shared_ptr<detail::Source> source = detail::Source::open(filename);
+    const std::string dataFile = std::filesystem::path(filename).filename().string();
+    detail::writeTextAtomically(filename + ".xmf", detail::describeXdmf(*source, dataFile));
+  });
+  if (!written) written.error = filename + ": " + written.error;
+  return written;
 }
 
 }  // namespace Quaril::H5

@@ -66,4 +66,10 @@ Outcome lastSync(const Bundle& bundle);
 /// dropped after reading) and reports the first problem. Loads into no bundle.
 Outcome check(const std::string& filename);
 
+/// Writes `filename`.xmf, an XDMF 3 document through which visualisation
+/// programs read the bundle file `filename` in place as a time series (see
+/// docs/hdf5-layout.md). Replaced atomically; refused for a bound series
+/// (copy it into one file first).
+Outcome writeXdmf(const std::string& filename);
+
 }  // namespace Quaril::H5

@@ -90,6 +90,7 @@ TEST_F(ToolTest, everyCommandAnswersWithItsExitStatusAndOneLineOnError) {
       {"ls sample.h5", 0, "2            3", ""},
       {"ls sample.h5 --grid points", 0, "2            1", ""},
       {"xml sample.h5", 0, "<FIELD name=\"Triangles\" type=\"uint32x3\"", ""},
+      {"xdmf sample.h5", 0, "wrote sample.h5.xmf", ""},
       {"info missing.h5", 1, "", "bundle-tool: missing.h5: no such file\n"},
       {"info folder", 1, "", "bundle-tool: folder: a folder, not a file\n"},
       {"ls sample.h5 --grid nothing", 1, "", "bundle-tool: sample.h5: no grid \"nothing\"\n"},

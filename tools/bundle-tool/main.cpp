@@ -89,6 +89,14 @@ int xml(const std::string& file) {
   return 0;
 }
 
+int xdmf(const std::string& file) {
+  H5::registerFormat();
+  const H5::Outcome written = H5::writeXdmf(file);
+  if (!written) return fail(written.error);
+  std::printf("wrote %s.xmf\n", file.c_str());
+  return 0;
+}
+
 int copy(std::vector<std::string> paths, const std::vector<std::string>& grids,
          const std::string& times, int compression) {
   Tools::CopyRequest request;
@@ -138,6 +146,11 @@ int main(int argc, char** argv) {
   CLI::App* xmlCommand = app.add_subcommand("xml", "Print the bundle's XML description");
   xmlCommand->add_option("FILE", xmlFile, "The file")->required();
 
+  std::string xdmfFile;
+  CLI::App* xdmfCommand = app.add_subcommand(
+      "xdmf", "Write FILE.xmf, through which visualisation programs read FILE as a time series");
+  xdmfCommand->add_option("FILE", xdmfFile, "The file")->required();
+
   std::vector<std::string> copyPaths, copyGrids;
   std::string copyTimes;
   int compression = 0;
@@ -177,5 +190,6 @@ int main(int argc, char** argv) {
   if (infoCommand->parsed()) return info(infoFiles, json);
   if (listCommand->parsed()) return list(listFile, listGrid);
   if (xmlCommand->parsed()) return xml(xmlFile);
+  if (xdmfCommand->parsed()) return xdmf(xdmfFile);
   return copy(copyPaths, copyGrids, copyTimes, compression);
 }

@@ -609,6 +609,22 @@ void syncToDisk(const std::string& path, bool directory) {
   require(result == 0, systemError("cannot flush " + path));
 }
 
+void writeTextAtomically(const std::string& path, const std::string& text) {
+  const std::string temporary = makeTemporary(path);
+  try {
+    std::FILE* out = std::fopen(temporary.c_str(), "wb");
+    require(out != nullptr, systemError("cannot write " + temporary));
+    const bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
+    require(std::fclose(out) == 0 && written, systemError("cannot write " + path));
+    syncToDisk(temporary, false);
+    require(std::rename(temporary.c_str(), path.c_str()) == 0,
+            systemError("cannot replace " + path));
+  } catch (...) {
+    std::remove(temporary.c_str());
+    throw;
+  }
+}
+
 void writeBundle(const Bundle& bundle, const std::string& path, const WriteRequest& request) {
   Session session;
   require(!path.empty(), "no file name");

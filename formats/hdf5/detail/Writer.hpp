@@ -55,6 +55,10 @@ std::string makeTemporary(const std::string& path);
 /// Flushes the file, or folder, `path` to disk.
 void syncToDisk(const std::string& path, bool directory);
 
+/// Writes `text` as the file `path`: into a new file beside it, flushed and
+/// renamed over `path`. Throws Failure with `path` untouched.
+void writeTextAtomically(const std::string& path, const std::string& text);
+
 /// Writes `bundle` to `path`: into a new file beside it, flushed to disk and
 /// renamed over `path` only when everything was written. Pending slices are
 /// loaded; data read for the save only are dropped again. Throws Failure (or
