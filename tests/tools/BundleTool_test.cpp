@@ -167,17 +167,19 @@ TEST(TerminalProgress, drawsOnATerminalOnlyAfterItsDelayAndClearsItsLine) {
     Tools::TerminalProgress redirected("copying", inFile, milliseconds(0));
     for (auto* sink : {&waiting, &drawing, &redirected}) sink->progress(1, 2);
   }
-  std::fflush(onTerminal);
-  char bytes[512] = {};
-  const ssize_t got = read(terminal, bytes, sizeof bytes - 1);
-  const std::string drawn(bytes, got > 0 ? static_cast<size_t>(got) : 0);
+  std::fclose(onTerminal);
+  // The terminal hands its bytes over in pieces; it ends once its other side is closed.
+  std::string drawn;
+  char bytes[256];
+  for (ssize_t got; (got = read(terminal, bytes, sizeof bytes)) > 0;) {
+    drawn.append(bytes, static_cast<size_t>(got));
+  }
   EXPECT_NE(drawn.find("reading [###############               ]  50%"), std::string::npos)
       << drawn;
   EXPECT_EQ(drawn.find("slow"), std::string::npos) << "drawn before its delay";
   EXPECT_EQ(drawn.back(), '\r') << "the line is cleared at the end";
   EXPECT_EQ(std::ftell(inFile), 0) << "nothing drawn into a file";
   std::fclose(inFile);
-  std::fclose(onTerminal);
   close(terminal);
 }
 
