@@ -426,26 +426,17 @@ void writeJournal(const std::string& path, const std::string& token,
   header.put<uint32_t>(VersionMinor);
   header.out.insert(header.out.end(), token.begin(), token.end());
   header.out.insert(header.out.end(), first.begin(), first.end());
-  const std::string temporary = makeTemporary(path);
-  try {
+  replaceFile(path, [&](const std::string& temporary) {
     const int fd = open(temporary.c_str(), O_WRONLY | O_CLOEXEC);
     require(fd >= 0, systemError("cannot open " + temporary));
     try {
       writeAt(fd, header.out, 0, path);
-      require(fsync(fd) == 0, systemError("cannot flush " + path));
     } catch (...) {
       close(fd);
       throw;
     }
     close(fd);
-    require(std::rename(temporary.c_str(), path.c_str()) == 0,
-            systemError("cannot replace " + path));
-  } catch (...) {
-    std::remove(temporary.c_str());
-    throw;
-  }
-  const fs::path folder = fs::path(path).parent_path();
-  syncToDisk(folder.empty() ? "." : folder.string(), true);
+  });
 }
 
 /// Removes what is in the parts folder but not a part of the journal: parts

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <set>
 #include <unordered_map>
@@ -609,13 +610,10 @@ void syncToDisk(const std::string& path, bool directory) {
   require(result == 0, systemError("cannot flush " + path));
 }
 
-void writeTextAtomically(const std::string& path, const std::string& text) {
+void replaceFile(const std::string& path, const std::function<void(const std::string&)>& fill) {
   const std::string temporary = makeTemporary(path);
   try {
-    std::FILE* out = std::fopen(temporary.c_str(), "wb");
-    require(out != nullptr, systemError("cannot write " + temporary));
-    const bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
-    require(std::fclose(out) == 0 && written, systemError("cannot write " + path));
+    fill(temporary);
     syncToDisk(temporary, false);
     require(std::rename(temporary.c_str(), path.c_str()) == 0,
             systemError("cannot replace " + path));
@@ -623,26 +621,28 @@ void writeTextAtomically(const std::string& path, const std::string& text) {
     std::remove(temporary.c_str());
     throw;
   }
+  const fs::path directory = fs::path(path).parent_path();
+  syncToDisk(directory.empty() ? "." : directory.string(), true);
+}
+
+void writeTextAtomically(const std::string& path, const std::string& text) {
+  replaceFile(path, [&](const std::string& temporary) {
+    std::FILE* out = std::fopen(temporary.c_str(), "wb");
+    require(out != nullptr, systemError("cannot write " + temporary));
+    const bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
+    require(std::fclose(out) == 0 && written, systemError("cannot write " + path));
+  });
 }
 
 void writeBundle(const Bundle& bundle, const std::string& path, const WriteRequest& request) {
   Session session;
   require(!path.empty(), "no file name");
   BundleWriter writer(bundle, path, request);
-  const std::string temporary = makeTemporary(path);
-  try {
+  replaceFile(path, [&](const std::string& temporary) {
     File file = createFile(temporary);
     writer.write(file.id());
     file.close("cannot finish " + path);
-    syncToDisk(temporary, false);
-    require(std::rename(temporary.c_str(), path.c_str()) == 0,
-            systemError("cannot replace " + path));
-  } catch (...) {
-    std::remove(temporary.c_str());
-    throw;
-  }
-  fs::path directory = fs::path(path).parent_path();
-  syncToDisk(directory.empty() ? "." : directory.string(), true);
+  });
 }
 
 }  // namespace Quaril::H5::detail

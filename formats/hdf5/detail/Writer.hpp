@@ -1,6 +1,7 @@
 #pragma once
 // Writing a bundle, or some of its grids, to a file of the format.
 
+#include <functional>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -55,8 +56,13 @@ std::string makeTemporary(const std::string& path);
 /// Flushes the file, or folder, `path` to disk.
 void syncToDisk(const std::string& path, bool directory);
 
-/// Writes `text` as the file `path`: into a new file beside it, flushed and
-/// renamed over `path`. Throws Failure with `path` untouched.
+/// Makes the file `path` anew: `fill` writes a new file (its argument)
+/// beside it, which is flushed, renamed over `path`, and the folder flushed.
+/// On failure the new file is removed, `path` is left as it was, and the
+/// failure is thrown on.
+void replaceFile(const std::string& path, const std::function<void(const std::string&)>& fill);
+
+/// Writes `text` as the file `path` through replaceFile.
 void writeTextAtomically(const std::string& path, const std::string& text);
 
 /// Writes `bundle` to `path`: into a new file beside it, flushed to disk and
