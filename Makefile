@@ -1,13 +1,15 @@
-# Entry points: `make demo`, `make test`, `make interop`, `make sanitize`, `make bench`, `make fuzz`.
+# Entry points: `make demo`, `make test`, `make interop`, `make test-mpi`, `make sanitize`, `make bench`,
+# `make fuzz`.
 BUILD_DIR      ?= build
 SANITIZE_DIR   ?= build-sanitize
 THREAD_DIR     ?= build-thread
 BENCH_DIR      ?= build-bench
 FUZZ_DIR       ?= build-fuzz
+MPI_DIR        ?= build-mpi
 FUZZ_SECONDS   ?= 60
 JOBS           ?= 2
 
-.PHONY: demo test interop sanitize tsan bench fuzz deps format clean
+.PHONY: demo test interop test-mpi sanitize tsan bench fuzz deps format clean
 
 deps:
 	@bash scripts/install-deps.sh
@@ -31,6 +33,14 @@ interop: deps
 	cmake --build $(BUILD_DIR) -j$(JOBS) --target bundle-tool quaril_python
 	xvfb-run -a pvpython tests/interop/check_paraview.py $(BUILD_DIR)/tools/bundle-tool \
 	      $(BUILD_DIR)/python/package
+
+# The HDF5 format on MPI and parallel HDF5: its tests under mpiexec on 1, 2 and 4 ranks.
+test-mpi: deps
+	@bash scripts/install-deps.sh mpi
+	cmake -S . -B $(MPI_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUARIL_MPI=ON \
+	      -DQUARIL_BUILD_BENCHMARKS=OFF -DQUARIL_BUILD_EXAMPLES=OFF
+	cmake --build $(MPI_DIR) -j$(JOBS) --target test_hdf5_mpi
+	cd $(MPI_DIR) && ctest -L mpi --output-on-failure
 
 # The same tests under AddressSanitizer and UndefinedBehaviorSanitizer.
 sanitize: deps
@@ -69,4 +79,4 @@ format:
 	clang-format -i $$(git ls-files '*.hpp' '*.cpp')
 
 clean:
-	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(THREAD_DIR) $(BENCH_DIR) $(FUZZ_DIR)
+	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(THREAD_DIR) $(BENCH_DIR) $(FUZZ_DIR) $(MPI_DIR)

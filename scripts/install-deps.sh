@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs (`install-deps.sh fuzz`: also
-# those of the fuzz target; `install-deps.sh interop`: ParaView, headless).
+# those of the fuzz target; `install-deps.sh interop`: ParaView, headless;
+# `install-deps.sh mpi`: OpenMPI and the HDF5 built on it).
 # As root it installs what is missing; otherwise it prints the exact command
 # and fails.
 set -euo pipefail
@@ -25,6 +26,9 @@ if [ "${1:-}" = "fuzz" ]; then
 fi
 if [ "${1:-}" = "interop" ]; then
   packages+=(python3-paraview xvfb)
+fi
+if [ "${1:-}" = "mpi" ]; then
+  packages+=(libopenmpi-dev openmpi-bin libhdf5-openmpi-dev)
 fi
 
 missing=()
