@@ -199,7 +199,30 @@ Outcome save(const Bundle& bundle, const std::string& filename,
              const StrongPtr<Ostrak::LoaderProgress>& progress,
              const StrongPtr<Ostrak::StringList>& gridNames) {
   return attempt([&] {
-    detail::writeBundle(bundle, filename, {transformations, progress, gridNames});
+    detail::require(!filename.empty(), "no file name");
+    detail::WriteRequest request{transformations, progress, gridNames};
+    if (!detail::writesXdmf(transformations.get())) {
+      return detail::writeBundle(bundle, filename, request);
+    }
+    // The descriptor is made from what the writer reports and written beside
+    // it before the data replace the file, so that a descriptor that cannot
+    // be written fails the save before anything changed.
+    detail::Index written;
+    std::vector<std::string> structures;
+    request.written = &written;
+    request.structures = &structures;
+    const std::string descriptor = detail::descriptorOf(filename);
+    detail::require(!std::filesystem::is_directory(descriptor),
+                    "cannot write its descriptor " + descriptor + ": a folder is in the way");
+    detail::replaceFile(descriptor, [&](const std::string& temporary) {
+      request.whenComplete = [&] {
+        const std::string text = detail::describeXdmf(
+            {detail::describedWrite(written, structures, detail::fileNameOf(filename))});
+        detail::writeText(temporary, text, descriptor);
+        detail::syncToDisk(temporary, false);
+      };
+      detail::writeBundle(bundle, filename, request);
+    });
   });
 }
 
@@ -228,11 +251,8 @@ Outcome check(const std::string& filename) {
 
 Outcome writeXdmf(const std::string& filename) {
   Outcome written = attempt([&] {
-    detail::require(!detail::isJournal(filename),
-                    "a bound series; copy it into one file first (bundle-tool copy)");
-    const std::shared_ptr<detail::Source> source = detail::Source::open(filename);
-    const std::string dataFile = std::filesystem::path(filename).filename().string();
-    detail::writeTextAtomically(filename + ".xmf", detail::describeXdmf(*source, dataFile));
+    if (detail::isJournal(filename)) return detail::writeSeriesDescriptor(filename);
+    detail::writeFileDescriptor(filename);
   });
   if (!written) written.error = filename + ": " + written.error;
   return written;

@@ -33,6 +33,21 @@ inline constexpr const char* FilePatterns[] = {"*.h5", "*.hdf5", "*.qb.h5"};
 inline constexpr uint32_t FilterDeflate = 1;
 inline constexpr uint32_t FilterShuffle = 2;
 
+/// A storage policy with the options of this format: pass it, or a class
+/// derived from it, where a StorageTransformations is taken (save, bindTo,
+/// bindToNew). A plain StorageTransformations has the defaults.
+class StorageOptions : public StorageTransformations {
+ public:
+  /// Whether a save, a binding and every sync also write NAME.xmf, the XDMF
+  /// descriptor through which visualisation programs read the file or
+  /// series (default true). Switched off, an existing NAME.xmf is left alone.
+  bool getWriteXdmf() const noexcept { return writeXdmf_; }
+  void setWriteXdmf(bool write) noexcept { writeXdmf_ = write; }
+
+ private:
+  bool writeXdmf_ = true;
+};
+
 /// Registers the loader and the saver creator of the format with the object
 /// core's registries. Calling it again does nothing. Bundles made before the
 /// first call have no saver of this format attached.
@@ -67,9 +82,9 @@ Outcome lastSync(const Bundle& bundle);
 Outcome check(const std::string& filename);
 
 /// Writes `filename`.xmf, an XDMF 3 document through which visualisation
-/// programs read the bundle file `filename` in place as a time series (see
-/// docs/hdf5-layout.md). Replaced atomically; refused for a bound series
-/// (copy it into one file first).
+/// programs read the bundle file or bound series `filename` in place as a
+/// time series (see docs/hdf5-layout.md); saves and syncs write it by
+/// themselves unless StorageOptions say otherwise. Replaced atomically.
 Outcome writeXdmf(const std::string& filename);
 
 }  // namespace Quaril::H5

@@ -294,7 +294,8 @@ TEST_F(BadFileTest, everyBadFileFailsWithItsNameAndReason) {
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "") << "nothing on the terminal";
     EXPECT_FALSE(checked.ok) << bad.name;
     EXPECT_NE(checked.error.find(file + ": "), std::string::npos) << checked.error;
-    EXPECT_NE(checked.error.find(bad.expected), std::string::npos) << bad.name << ": " << checked.error;
+    EXPECT_NE(checked.error.find(bad.expected), std::string::npos)
+        << bad.name << ": " << checked.error;
     EXPECT_EQ(!loaded.ok, bad.foundOnOpening) << bad.name << ": " << loaded.error;
     if (bad.foundOnOpening) {
       EXPECT_NE(loaded.error.find(checked.error), std::string::npos) << loaded.error;

@@ -329,7 +329,7 @@ TEST_F(FileTest, externalDataLiveInTheirOwnFileAndLoadThroughLinks) {
   BundlePtr bundle = makeSampleBundle();
   ASSERT_TRUE(
       bundle.save(path("main.h5"), {}, StrongPtr<StorageTransformations>(new ExternalPolicy)));
-  EXPECT_EQ(listing(), (std::vector<std::string>{"external.h5", "main.h5"}));
+  EXPECT_EQ(listing(), (std::vector<std::string>{"external.h5", "main.h5", "main.h5.xmf"}));
   hid_t external = H5Fopen(path("external.h5").c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
   EXPECT_GT(H5Lexists(external, "data/1/0", H5P_DEFAULT), 0);
   H5Fclose(external);
@@ -368,6 +368,8 @@ TEST_F(FileTest, failedSaveLeavesTheOldFileByteForByteAndNoTemporary) {
   BundlePtr bundle = makeRichBundle();
   ASSERT_TRUE(H5::save(*makeSampleBundle(), path("keep.h5")).ok);
   const std::string before = fileBytes(path("keep.h5"));
+  const std::string described = fileBytes(path("keep.h5.xmf"));
+  const std::vector<std::string> files{"keep.h5", "keep.h5.xmf"};
   int fragments = 0;
   for (int k = 1;; ++k) {
     H5::Outcome saved = H5::save(*bundle, path("keep.h5"),
@@ -378,7 +380,8 @@ TEST_F(FileTest, failedSaveLeavesTheOldFileByteForByteAndNoTemporary) {
     }
     EXPECT_NE(saved.error.find("hook failed"), std::string::npos) << saved.error;
     ASSERT_EQ(fileBytes(path("keep.h5")), before) << "fragment " << k;
-    ASSERT_EQ(listing(), std::vector<std::string>{"keep.h5"}) << "fragment " << k;
+    ASSERT_EQ(fileBytes(path("keep.h5.xmf")), described) << "fragment " << k;
+    ASSERT_EQ(listing(), files) << "fragment " << k;
   }
   EXPECT_GT(fragments, 15);
 
@@ -392,6 +395,7 @@ TEST_F(FileTest, failedSaveLeavesTheOldFileByteForByteAndNoTemporary) {
   // A full disk: the save runs in a child whose files may not grow past 16 KiB.
   ASSERT_TRUE(H5::save(*makeSampleBundle(), path("keep.h5")).ok);
   const std::string small = fileBytes(path("keep.h5"));
+  const std::string smallDescribed = fileBytes(path("keep.h5.xmf"));
   BundlePtr large;
   large.create();
   addBigGrid(large, 0);
@@ -400,7 +404,8 @@ TEST_F(FileTest, failedSaveLeavesTheOldFileByteForByteAndNoTemporary) {
     return !saved.ok && !saved.error.empty();
   })) << "the save must fail with a reason";
   EXPECT_EQ(fileBytes(path("keep.h5")), small);
-  EXPECT_EQ(listing(), std::vector<std::string>{"keep.h5"});
+  EXPECT_EQ(fileBytes(path("keep.h5.xmf")), smallDescribed);
+  EXPECT_EQ(listing(), files);
 }
 
 }  // namespace

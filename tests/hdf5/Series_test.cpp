@@ -18,13 +18,6 @@ std::vector<std::string> partsOf(const std::string& journal) {
   return names;
 }
 
-BundlePtr loaded(const std::string& path) {
-  BundlePtr bundle;
-  H5::Outcome read = H5::load(bundle, {path});
-  EXPECT_TRUE(read.ok) << read.error;
-  return bundle;
-}
-
 StrongPtr<Field> fieldOf(const BundlePtr& bundle, double t, const std::string& grid,
                          const std::string& name) {
   return gridIn(bundle, t, grid).getCartesianRepresentation()->findField(name);
@@ -107,15 +100,25 @@ TEST_F(FileTest, eachSyncAddsWhatIsNewAndTheSeriesLoadsAsTheBundle) {
       // Found through the handle alone, syncs after the grid was written.
       {"a field in the grid both hold",
        [&] { addVertexField(*held, "height", std::vector<float>{7}); }, true},
+      {"a later step, time and again",  // beyond the room its descriptor left
+       [&] {
+         const double t = 6 + static_cast<double>(bundle->getSlices().size());
+         makePointCloud(gridIn(bundle, t, "points"), {{t, 0, 0}});
+       },
+       true},
   };
   size_t parts = partsOf(path("run.h5")).size();
-  for (const Edit& edit : edits) {
+  auto check = [&](const Edit& edit) {
     edit.change();
     ASSERT_EQ(bundle->sync(), 1) << edit.what << ": " << H5::lastSync(*bundle).error;
     EXPECT_EQ(partsOf(path("run.h5")).size(), parts + (edit.writes ? 1 : 0)) << edit.what;
     parts = partsOf(path("run.h5")).size();
     EXPECT_EQ(differences(*bundle, *loaded(path("run.h5"))), "") << edit.what;
-  }
+    // The descriptor, kept up in place, says what one written anew says.
+    EXPECT_EQ(withoutRoom(path("run.h5.xmf")), describedAnew(path("run.h5"))) << edit.what;
+  };
+  for (const Edit& edit : edits) check(edit);
+  for (int again = 0; again < 25; ++again) check(edits.back());
   EXPECT_EQ(fieldOf(loaded(path("run.h5")), 2, "blocks", "id")->nFragments(), 2u);
   held.reset();
 
@@ -187,11 +190,14 @@ TEST_F(FileTest, aFailedSyncLeavesTheSeriesByteForByteAndSaysWhy) {
   makePointCloud(gridIn(bundle, 0, "points"), {{0, 0, 0}});
   ASSERT_EQ(bundle->sync(), 1);
   const std::string journal = fileBytes(path("run.h5"));
+  const std::string described = fileBytes(path("run.h5.xmf"));
   const std::vector<std::string> parts = partsOf(path("run.h5"));
   auto unchanged = [&](const std::string& what) {
     EXPECT_EQ(fileBytes(path("run.h5")), journal) << what;
+    EXPECT_EQ(fileBytes(path("run.h5.xmf")), described) << what;
     EXPECT_EQ(partsOf(path("run.h5")), parts) << what;
-    EXPECT_EQ(listing(), (std::vector<std::string>{"run.h5", "run.h5.parts"})) << what;
+    EXPECT_EQ(listing(), (std::vector<std::string>{"run.h5", "run.h5.parts", "run.h5.xmf"}))
+        << what;
   };
 
   BundlePtr news = makeSampleBundle();

@@ -28,8 +28,7 @@ TEST_F(FileTest, xdmfDescribesEveryMeshKindInPlaceAndNamesWhatItLeavesOut) {
   addVertexField(blocks, "id",
                  std::map<std::string, std::vector<int32_t>>{{"west", {1, 2}}, {"east", {3, 4}}});
   addVertexField(gridIn(bundle, 1, "points"), "precise", std::vector<long double>{1, 2, 3});
-  ASSERT_TRUE(H5::save(*bundle, path("sample.h5")).ok);
-  ASSERT_TRUE(H5::writeXdmf(path("sample.h5")).ok);
+  ASSERT_TRUE(H5::save(*bundle, path("sample.h5")).ok);  // writes the descriptor too
   const std::string xml = fileBytes(path("sample.h5.xmf"));
 
   struct Expected {
@@ -75,14 +74,102 @@ TEST_F(FileTest, xdmfDescribesEveryMeshKindInPlaceAndNamesWhatItLeavesOut) {
   EXPECT_EQ(count(xml, "Name=\"precise\""), 0u) << "a type XDMF cannot say is never written";
   EXPECT_EQ(count(xml, "Name=\"Positions\""), 0u) << "positions are the geometry, not an attribute";
 
-  // Written again in place, atomically; a series and a missing file are refused.
+  // Written again, atomically, the same; a missing file is refused.
+  std::filesystem::remove(path("sample.h5.xmf"));
   ASSERT_TRUE(H5::writeXdmf(path("sample.h5")).ok);
+  EXPECT_EQ(fileBytes(path("sample.h5.xmf")), xml);
   EXPECT_EQ(listing(), (std::vector<std::string>{"sample.h5", "sample.h5.xmf"}));
-  BundlePtr series;
-  series.create();
-  ASSERT_EQ(series->bindToNew(path("run.h5")).status, 1);
-  EXPECT_NE(H5::writeXdmf(path("run.h5")).error.find("a bound series"), std::string::npos);
   EXPECT_NE(H5::writeXdmf(path("missing.h5")).error.find("missing.h5"), std::string::npos);
+}
+
+TEST_F(FileTest, aSeriesDescriptorIsTakenUpRepairedOrSwitchedOff) {
+  auto addStep = [](BundlePtr& bundle, double t) {
+    makePointCloud(gridIn(bundle, t, "points"), {{t, 0, 0}});
+  };
+  BundlePtr bundle;
+  bundle.create();
+  addStep(bundle, 0);
+  ASSERT_EQ(bundle->bindToNew(path("run.h5")).status, 1);
+  addStep(bundle, 1);
+  ASSERT_EQ(bundle->sync(), 1);
+  const std::string described = fileBytes(path("run.h5.xmf"));
+  EXPECT_EQ(count(described, "<Time Value="), 2u);
+  EXPECT_NE(described.find("run.h5.parts/"), std::string::npos) << "parts named beside it";
+
+  // While bound, the series' descriptor is the binding's to write.
+  EXPECT_NE(H5::writeXdmf(path("run.h5")).error.find("bound already"), std::string::npos);
+  bundle.reset();
+
+  struct Case {
+    const char* what;
+    std::function<void()> before;  // done to the descriptor before binding again
+    bool writtenAnew;
+  };
+  const std::vector<Case> cases{
+      {"taken up as it is", [] {}, false},
+      {"missing", [&] { std::filesystem::remove(path("run.h5.xmf")); }, true},
+      {"cut short", [&] { std::filesystem::resize_file(path("run.h5.xmf"), 300); }, true},
+      {"behind the journal (a crash after the sync)",
+       [&] {
+         std::string text = fileBytes(path("run.h5.xmf"));
+         const size_t count = text.rfind("<!-- described parts: ");
+         text.replace(text.find_first_not_of("0", count + 22), 1, "1");
+         std::ofstream(path("run.h5.xmf"), std::ios::binary | std::ios::trunc) << text;
+       },
+       true},
+  };
+  double t = 2;
+  for (const Case& c : cases) {
+    c.before();
+    const std::string old = fileBytes(path("run.h5.xmf"));
+    BundlePtr again;
+    again.create();
+    ASSERT_EQ(again->bindTo(path("run.h5")).status, 1) << c.what;
+    if (!c.writtenAnew) {
+      EXPECT_EQ(fileBytes(path("run.h5.xmf")), old) << c.what;
+    }
+    EXPECT_EQ(withoutRoom(path("run.h5.xmf")), describedAnew(path("run.h5"))) << c.what;
+    addStep(again, t++);
+    ASSERT_EQ(again->sync(), 1) << c.what;
+    EXPECT_EQ(withoutRoom(path("run.h5.xmf")), describedAnew(path("run.h5"))) << c.what;
+  }
+  // A new series in its place describes only itself.
+  BundlePtr replaced;
+  replaced.create();
+  addStep(replaced, 0);
+  ASSERT_EQ(replaced->bindToNew(path("run.h5")).status, 1);
+  EXPECT_EQ(count(fileBytes(path("run.h5.xmf")), "<Time Value="), 1u);
+  replaced.reset();
+
+  // A descriptor that cannot be written fails the sync, not the data; the
+  // next sync writes it anew.
+  BundlePtr bound;
+  bound.create();
+  ASSERT_EQ(bound->bindTo(path("run.h5")).status, 1);
+  std::filesystem::remove(path("run.h5.xmf"));
+  std::filesystem::create_directory(path("run.h5.xmf"));
+  addStep(bound, 10);
+  EXPECT_EQ(bound->sync(), 0);
+  EXPECT_NE(H5::lastSync(*bound).error.find("the data are synced, but the descriptor"),
+            std::string::npos)
+      << H5::lastSync(*bound).error;
+  EXPECT_EQ(differences(*bound, *loaded(path("run.h5"))), "");
+  std::filesystem::remove(path("run.h5.xmf"));
+  EXPECT_EQ(bound->sync(), 1);
+  EXPECT_EQ(withoutRoom(path("run.h5.xmf")), describedAnew(path("run.h5")));
+  bound.reset();
+
+  // Switched off: no descriptor for a save, a binding or its syncs.
+  StrongPtr<H5::StorageOptions> off(new H5::StorageOptions);
+  off->setWriteXdmf(false);
+  BundlePtr quiet = makeSampleBundle();
+  ASSERT_TRUE(H5::save(*quiet, path("quiet.h5"), off).ok);
+  ASSERT_EQ(quiet->bindToNew(path("quiet-run.h5"), off).status, 1);
+  addStep(quiet, 20);
+  ASSERT_EQ(quiet->sync(), 1);
+  for (const char* name : {"quiet.h5.xmf", "quiet-run.h5.xmf"}) {
+    EXPECT_FALSE(std::filesystem::exists(path(name))) << name;
+  }
 }
 
 }  // namespace

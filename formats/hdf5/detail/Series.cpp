@@ -13,6 +13,7 @@
 
 #include "formats/hdf5/detail/Stored.hpp"
 #include "formats/hdf5/detail/Writer.hpp"
+#include "formats/hdf5/detail/Xdmf.hpp"
 #include "grid/GridWalk.hpp"
 
 namespace Quaril::H5::detail {
@@ -324,6 +325,42 @@ void recordWritten(const Bundle& bundle, const Selection& plan, Stored& stored) 
   }
 }
 
+// ---- the descriptor ----------------------------------------------------------------
+
+/// A part as the series' descriptor (beside the journal) names it.
+std::string partReference(const std::string& journal, const std::string& token, uint64_t number) {
+  return fileNameOf(journal) + ".parts/" + token + "-" + std::to_string(number) + ".h5";
+}
+
+/// The descriptor of the series `journal` as `read`, taken up or written anew.
+/// (`anew`: written anew in any case).
+std::unique_ptr<SeriesDescriptor> openDescriptor(const std::string& journal, const Journal& read,
+                                                 bool anew = false) {
+  auto descriptor = std::make_unique<SeriesDescriptor>(
+      descriptorOf(journal), read.token,
+      [journal](const std::function<void(const DescribedFile&)>& visit) {
+        // One part open at a time: a series may have more than a process may hold.
+        const Journal now = readJournal(journal);
+        for (const Journal::Record& record : now.records) {
+          const std::string path = partPath(journal, now.token, record.number);
+          try {
+            visit(describedSource(Source::open(path),
+                                  partReference(journal, now.token, record.number)));
+          } catch (const Failure& failure) {
+            throw Failure(path + ": " + failure.what());
+          }
+        }
+      });
+  if (anew) {
+    descriptor->rewrite();
+    return descriptor;
+  }
+  std::vector<const Index*> described;
+  for (const Journal::Record& record : read.records) described.push_back(&record.index);
+  descriptor->open(described);
+  return descriptor;
+}
+
 // ---- the binding -------------------------------------------------------------------
 
 /// A bundle bound to a series: every sync adds one part with what is new.
@@ -331,7 +368,8 @@ class SeriesBinding : public StorageBinding {
  public:
   SeriesBinding(std::string journal, int fd, Journal read, std::shared_ptr<Stored> stored,
                 StrongPtr<StorageTransformations> transformations,
-                StrongPtr<Ostrak::LoaderProgress> progress, bool walkAll)
+                StrongPtr<Ostrak::LoaderProgress> progress, bool walkAll,
+                std::unique_ptr<SeriesDescriptor> descriptor)
       : walkAll_(walkAll),
         journal_(std::move(journal)),
         fd_(fd),
@@ -340,7 +378,8 @@ class SeriesBinding : public StorageBinding {
         length_(read.validBytes),
         stored_(std::move(stored)),
         transformations_(std::move(transformations)),
-        progress_(std::move(progress)) {}
+        progress_(std::move(progress)),
+        descriptor_(std::move(descriptor)) {}
   ~SeriesBinding() override { close(fd_); }
 
   int32_t synchronize(const Bundle& bundle, const StrongPtr<MemBase, Cacheable>&,
@@ -365,11 +404,13 @@ class SeriesBinding : public StorageBinding {
     if (nothingIn(plan)) {
       walkAll_ = false;
       changed_.clear();
+      if (descriptor_ && descriptor_->stale()) descriptor_->rewrite();
       return;
     }
     const std::string part = partPath(journal_, token_, next_);
     Index written;
-    writeBundle(bundle, part, {transformations_, {}, {}, &plan, &written});
+    std::vector<std::string> structures;
+    writeBundle(bundle, part, {transformations_, {}, {}, &plan, &written, &structures});
     try {
       const std::vector<uint8_t> record = encodeRecord(next_, written);
       writeAt(fd_, record, length_, journal_);
@@ -385,6 +426,14 @@ class SeriesBinding : public StorageBinding {
     recordWritten(bundle, plan, *stored_);
     walkAll_ = false;
     changed_.clear();
+    if (!descriptor_) return;
+    const std::optional<std::string> failed = failureOf([&] {
+      descriptor_->add(
+          describedWrite(written, structures, partReference(journal_, token_, next_ - 1)));
+    });
+    require(!failed,
+            "the data are synced, but the descriptor " + descriptorOf(journal_) +
+                " could not be updated (the next sync writes it anew): " + failed.value_or(""));
   }
 
   // The first sync visits every slice: changes before the binding are not
@@ -399,6 +448,7 @@ class SeriesBinding : public StorageBinding {
   std::shared_ptr<Stored> stored_;
   StrongPtr<StorageTransformations> transformations_;
   StrongPtr<Ostrak::LoaderProgress> progress_;
+  std::unique_ptr<SeriesDescriptor> descriptor_;  // null: none is written
   std::string error_;
 };
 
@@ -574,12 +624,34 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
   }
   removeStrayParts(path, read, read.records.empty() ? 0 : read.records.back().number + 1,
                    readsReplacedParts);
-  StrongPtr<SeriesBinding> binding(
-      new SeriesBinding(path, fd, std::move(read), stored, transformations, progress, existing));
+  std::unique_ptr<SeriesDescriptor> descriptor;
+  if (writesXdmf(transformations.get())) {
+    try {
+      descriptor = openDescriptor(path, read);
+    } catch (...) {
+      close(fd);
+      throw;
+    }
+  }
+  StrongPtr<SeriesBinding> binding(new SeriesBinding(path, fd, std::move(read), stored,
+                                                     transformations, progress, existing,
+                                                     std::move(descriptor)));
   if (existing && binding->synchronize(bundle, {}, bundle) == 0) {
     throw Failure(binding->lastError());
   }
   bundle.setStorage(StrongPtr<StorageBinding>(binding));
+}
+
+void writeSeriesDescriptor(const std::string& journal) {
+  // Not while a binding writes the series: it keeps the descriptor itself.
+  const int fd = openLocked(journal);
+  try {
+    openDescriptor(journal, readJournal(journal), true);
+  } catch (...) {
+    close(fd);
+    throw;
+  }
+  close(fd);
 }
 
 bool lastSyncOf(const StorageBinding* binding, std::string& error) {

@@ -58,6 +58,10 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
                 const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress,
                 std::shared_ptr<Stored> stored);
 
+/// Writes the descriptor of the series `journal` anew. Throws Failure, also
+/// while a binding writes the series.
+void writeSeriesDescriptor(const std::string& journal);
+
 /// The outcome of the last sync of a series binding; empty error and false
 /// when `binding` is no series binding.
 bool lastSyncOf(const StorageBinding* binding, std::string& error);

@@ -107,6 +107,10 @@ class BundleWriter {
     writeIndex(file, entryBytes);
     for (auto& [name, external] : externalFiles_) external.close("cannot close " + name);
     if (request_.written) report(*request_.written, entryBytes);
+    if (request_.structures) {
+      request_.structures->clear();
+      for (const std::string* text : structures_) request_.structures->push_back(*text);
+    }
   }
 
   /// What was written, as a reader would find it in the index.
@@ -625,13 +629,15 @@ void replaceFile(const std::string& path, const std::function<void(const std::st
   syncToDisk(directory.empty() ? "." : directory.string(), true);
 }
 
+void writeText(const std::string& path, const std::string& text, const std::string& shownAs) {
+  std::FILE* out = std::fopen(path.c_str(), "wb");
+  require(out != nullptr, systemError("cannot write " + shownAs));
+  const bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
+  require(std::fclose(out) == 0 && written, systemError("cannot write " + shownAs));
+}
+
 void writeTextAtomically(const std::string& path, const std::string& text) {
-  replaceFile(path, [&](const std::string& temporary) {
-    std::FILE* out = std::fopen(temporary.c_str(), "wb");
-    require(out != nullptr, systemError("cannot write " + temporary));
-    const bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
-    require(std::fclose(out) == 0 && written, systemError("cannot write " + path));
-  });
+  replaceFile(path, [&](const std::string& temporary) { writeText(temporary, text, path); });
 }
 
 void writeBundle(const Bundle& bundle, const std::string& path, const WriteRequest& request) {
@@ -642,6 +648,7 @@ void writeBundle(const Bundle& bundle, const std::string& path, const WriteReque
     File file = createFile(temporary);
     writer.write(file.id());
     file.close("cannot finish " + path);
+    if (request.whenComplete) request.whenComplete();
   });
 }
 

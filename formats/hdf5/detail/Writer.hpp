@@ -5,6 +5,7 @@
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "bundle/Bundle.hpp"
 #include "bundle/StorageTransformations.hpp"
@@ -44,8 +45,13 @@ struct WriteRequest {
   Ostrak::StrongPtr<Ostrak::StringList> gridNames;
   /// Only this part of the bundle; null: all of it.
   const Selection* selection = nullptr;
-  /// Receives the index of the file written; may be null.
+  /// Receive the index and the structure texts (by row) of the file
+  /// written; may be null.
   Index* written = nullptr;
+  std::vector<std::string>* structures = nullptr;
+  /// Runs once the new file is complete, before it replaces the target; what
+  /// it throws fails the write. May be empty.
+  std::function<void()> whenComplete = nullptr;
 };
 
 /// "what: " and the system's reason for the last failed system call.
@@ -61,6 +67,9 @@ void syncToDisk(const std::string& path, bool directory);
 /// On failure the new file is removed, `path` is left as it was, and the
 /// failure is thrown on.
 void replaceFile(const std::string& path, const std::function<void(const std::string&)>& fill);
+
+/// Writes `text` as the new file `path`; errors name the file `shownAs`.
+void writeText(const std::string& path, const std::string& text, const std::string& shownAs);
 
 /// Writes `text` as the file `path` through replaceFile.
 void writeTextAtomically(const std::string& path, const std::string& text);
