@@ -495,9 +495,11 @@ PYBIND11_MODULE(quaril, module) {
       .def(
           "save",
           [](const PyBundle& bundle, const std::filesystem::path& path,
-             std::optional<std::vector<std::string>> grids, std::optional<int> compress) {
-            StrongPtr<StorageTransformations> policy(new StorageTransformations);
+             std::optional<std::vector<std::string>> grids, std::optional<int> compress,
+             bool xdmf) {
+            StrongPtr<H5::StorageOptions> policy(new H5::StorageOptions);
             if (compress) policy->setCompressionLevel(*compress);
+            policy->setWriteXdmf(xdmf);
             StrongPtr<Ostrak::StringList> names;
             if (grids) {
               names = StrongPtr<Ostrak::StringList>(new Ostrak::StringList);
@@ -507,21 +509,25 @@ PYBIND11_MODULE(quaril, module) {
             if (!saved) raiseOSError(saved.error);
           },
           py::arg("path"), py::arg("grids") = py::none(), py::arg("compress") = py::none(),
-          "Saves the bundle (only `grids` when given) as one file, atomically; OSError on failure")
+          py::arg("xdmf") = true,
+          "Saves the bundle (only `grids` when given) as one file, atomically, with PATH.xmf for "
+          "visualisation programs unless xdmf=False; OSError on failure")
       .def(
           "bind",
-          [](PyBundle& bundle, const std::filesystem::path& file, bool append) {
+          [](PyBundle& bundle, const std::filesystem::path& file, bool append, bool xdmf) {
             const std::string path = file.string();
-            const Bundle::BindingResult bound =
-                append ? bundle.bundle->bindTo(path) : bundle.bundle->bindToNew(path);
+            StrongPtr<H5::StorageOptions> policy(new H5::StorageOptions);
+            policy->setWriteXdmf(xdmf);
+            const Bundle::BindingResult bound = append ? bundle.bundle->bindTo(path, policy)
+                                                       : bundle.bundle->bindToNew(path, policy);
             if (bound.status != 1)
               raiseOSError(bound.text.empty() ? H5::lastSync(*bundle.bundle).error : bound.text);
             return PyBinding{bundle.bundle, path};
           },
-          py::arg("path"), py::arg("append") = false,
+          py::arg("path"), py::arg("append") = false, py::arg("xdmf") = true,
           "Binds the bundle to a series at `path` (a new one, or the existing one with "
-          "append=True); each sync() adds what is new. A context manager that syncs and "
-          "unbinds at its end.")
+          "append=True); each sync() adds what is new, and keeps PATH.xmf up to date unless "
+          "xdmf=False. A context manager that syncs and unbinds at its end.")
       .def("sync",
            [](PyBundle& bundle) {
              if (!bundle.bundle->getStorage()) throw py::value_error("the bundle is not bound");
@@ -538,6 +544,15 @@ PYBIND11_MODULE(quaril, module) {
                " grids>";
       });
 
+  module.def(
+      "write_xdmf",
+      [](const std::filesystem::path& path) {
+        const H5::Outcome written = H5::writeXdmf(path.string());
+        if (!written) raiseOSError(written.error);
+      },
+      py::arg("path"),
+      "Writes PATH.xmf anew, through which visualisation programs read the file or series "
+      "(not while it is bound); OSError on failure");
   module.def(
       "load",
       [](const py::object& paths) {

@@ -19,6 +19,10 @@ def load(paths: Union[Path, Sequence[Path]]) -> Bundle:
     """Opens a file (or several, merged) lazily; OSError with the reason on failure."""
 
 
+def write_xdmf(path: Path) -> None:
+    """Writes PATH.xmf anew for visualisation programs (not while the series is bound)."""
+
+
 class Grid:
     """A mesh at one time step, with its fields."""
     name: str
@@ -95,9 +99,11 @@ class Bundle:
     def memory(self) -> tuple[int, int]:
         """(resident, deferred): bytes of field data in memory, and still to be read."""
     def save(self, path: Path, grids: Optional[Sequence[str]] = None,
-             compress: Optional[int] = None) -> None:
-        """Saves the bundle (only `grids` when given) as one file, atomically; OSError on failure."""
-    def bind(self, path: Path, append: bool = False) -> Binding:
-        """Binds the bundle to a series at `path` (new, or continued with append=True)."""
+             compress: Optional[int] = None, xdmf: bool = True) -> None:
+        """Saves the bundle (only `grids` when given) as one file, atomically, with PATH.xmf
+        for visualisation programs unless xdmf=False; OSError on failure."""
+    def bind(self, path: Path, append: bool = False, xdmf: bool = True) -> Binding:
+        """Binds the bundle to a series at `path` (new, or continued with append=True); each
+        sync keeps PATH.xmf up to date unless xdmf=False."""
     def sync(self) -> None:
         """Writes what is new to the bound series; ValueError when not bound."""

@@ -15,7 +15,7 @@ namespace Quaril::Tools {
 namespace {
 
 /// Saves only the time steps of a range, deflated at a given level.
-class Selected : public StorageTransformations {
+class Selected : public H5::StorageOptions {
  public:
   explicit Selected(const std::optional<TimeRange>& times) : times_(times) {}
   bool isSaveableTime(double time) const override {
@@ -98,6 +98,7 @@ H5::Outcome copyBundle(const CopyRequest& request,
   }
   Ostrak::StrongPtr<Selected> transformations(new Selected(request.times));
   transformations->setCompressionLevel(request.compression);
+  transformations->setWriteXdmf(request.xdmf);
   if (request.times) {
     bool any = false;
     for (const auto& [time, slice] : bundle->getSlices())

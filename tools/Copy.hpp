@@ -39,6 +39,8 @@ struct CopyRequest {
   std::optional<TimeRange> times;
   /// Deflate level 1 to 9 (with shuffling); 0 writes the data unfiltered.
   int compression = 0;
+  /// Whether OUT.xmf, the descriptor for visualisation programs, is written.
+  bool xdmf = true;
 };
 
 /// Loads and merges the inputs (single files or bound series) and saves the

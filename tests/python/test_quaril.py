@@ -124,6 +124,27 @@ def test_a_bound_series_gets_every_sync_and_the_end_of_the_with_block(tmp_path):
     with bundle.bind(str(path), append=True):
         bundle[4.0]["cloud"].set_points(np.zeros((2, 3)))
     assert len(quaril.load(path)) == 5
+    assert open(str(path) + ".xmf").read().count("<Time Value=") == 5
+
+
+@pytest.mark.parametrize("how", ["save", "bind", "bind-append"])
+def test_descriptors_are_written_unless_switched_off(tmp_path, how):
+    for xdmf in (True, False):
+        path = tmp_path / f"{how}-{xdmf}.h5"
+        bundle = quaril.Bundle()
+        bundle[0.0]["cloud"].set_points(np.zeros((1, 3)))
+        if how == "save":
+            bundle.save(path, xdmf=xdmf)
+        else:
+            if how == "bind-append":
+                bundle.save(path, xdmf=False)
+            with bundle.bind(path, append=how == "bind-append", xdmf=xdmf):
+                bundle[1.0]["cloud"].set_points(np.ones((1, 3)))
+        assert (tmp_path / f"{path.name}.xmf").exists() == xdmf, (how, xdmf)
+    quaril.write_xdmf(path)
+    assert (tmp_path / f"{path.name}.xmf").exists()
+    with pytest.raises(OSError, match="missing.h5"):
+        quaril.write_xdmf(tmp_path / "missing.h5")
 
 
 def test_h5py_reads_a_file_written_from_python(tmp_path):

@@ -139,11 +139,18 @@ TEST_F(ToolTest, copyMergesSelectsAndTurnsASeriesIntoOneFile) {
   selected.create();
   for (double t : {1.0, 2.0, 3.0}) (*selected)[t]->insert("points", (*(*expected)[t])("points"));
   EXPECT_EQ(differences(*selected, *copied), "");
+  EXPECT_TRUE(std::filesystem::exists(path("out.h5.xmf")));
+  // The series' descriptor is its binding's while it is bound.
+  const ToolRun bound = tool("xdmf run.h5");
+  EXPECT_EQ(bound.status, 1);
+  EXPECT_NE(bound.err.find("bound already"), std::string::npos) << bound.err;
   series.reset();
-  ASSERT_EQ(tool("copy run.h5 whole.h5").status, 0);
+  EXPECT_EQ(tool("xdmf run.h5").status, 0);
+  ASSERT_EQ(tool("copy run.h5 whole.h5 --no-xdmf").status, 0);
   BundlePtr whole;
   ASSERT_TRUE(H5::load(whole, {path("whole.h5")}).ok);
   EXPECT_EQ(whole->getSlices().size(), 2u);
+  EXPECT_FALSE(std::filesystem::exists(path("whole.h5.xmf")));
 }
 
 TEST_F(ToolTest, demoWritesTheSampleAndSummarisesItReopenedLazily) {

@@ -54,8 +54,8 @@ int demo(const std::string& folder) {
   progress->finish();
   if (!saved) return fail(saved.error);
   built.reset();
-  std::printf("wrote %s (%s)\n", file.c_str(),
-              Tools::formatBytes(std::filesystem::file_size(file, error)).c_str());
+  std::printf("wrote %s (%s); ParaView and VisIt open %s.xmf\n", file.c_str(),
+              Tools::formatBytes(std::filesystem::file_size(file, error)).c_str(), file.c_str());
   std::printf("reopened lazily; nothing is read until it is asked for:\n\n");
   BundlePtr reopened = open({file});
   if (!reopened) return 1;
@@ -98,13 +98,14 @@ int xdmf(const std::string& file) {
 }
 
 int copy(std::vector<std::string> paths, const std::vector<std::string>& grids,
-         const std::string& times, int compression) {
+         const std::string& times, int compression, bool noXdmf) {
   Tools::CopyRequest request;
   request.output = paths.back();
   paths.pop_back();
   request.inputs = std::move(paths);
   request.grids = grids;
   request.compression = compression;
+  request.xdmf = !noXdmf;
   if (!times.empty()) {
     std::string error;
     request.times = Tools::parseTimeRange(times, error);
@@ -148,8 +149,10 @@ int main(int argc, char** argv) {
 
   std::string xdmfFile;
   CLI::App* xdmfCommand = app.add_subcommand(
-      "xdmf", "Write FILE.xmf, through which visualisation programs read FILE as a time series");
-  xdmfCommand->add_option("FILE", xdmfFile, "The file")->required();
+      "xdmf",
+      "Write FILE.xmf anew, through which visualisation programs read FILE as a time series "
+      "(saves and syncs write it by themselves)");
+  xdmfCommand->add_option("FILE", xdmfFile, "The file or bound series")->required();
 
   std::vector<std::string> copyPaths, copyGrids;
   std::string copyTimes;
@@ -163,6 +166,8 @@ int main(int argc, char** argv) {
       ->delimiter(',');
   copyCommand->add_option("--times", copyTimes, "Only the steps in T0:T1 (T0:, :T1 or T also)");
   copyCommand->add_option("--compress", compression, "Deflate level 1 to 9; 0: none");
+  bool noXdmf = false;
+  copyCommand->add_flag("--no-xdmf", noXdmf, "Do not write OUT.xmf for visualisation programs");
 
   const auto isCommand = [&app](const std::string& name) {
     for (const CLI::App* command : app.get_subcommands({})) {
@@ -191,5 +196,5 @@ int main(int argc, char** argv) {
   if (listCommand->parsed()) return list(listFile, listGrid);
   if (xmlCommand->parsed()) return xml(xmlFile);
   if (xdmfCommand->parsed()) return xdmf(xdmfFile);
-  return copy(copyPaths, copyGrids, copyTimes, compression);
+  return copy(copyPaths, copyGrids, copyTimes, compression, noXdmf);
 }
