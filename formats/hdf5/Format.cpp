@@ -205,8 +205,9 @@ Outcome save(const Bundle& bundle, const std::string& filename,
       return detail::writeBundle(bundle, filename, request);
     }
     // The descriptor is made from what the writer reports and written beside
-    // it before the data replace the file, so that a descriptor that cannot
-    // be written fails the save before anything changed.
+    // the target before the data replace it, so that a descriptor that cannot
+    // be written fails the save before anything changed. It is renamed right
+    // after the data; derived from them, it is not flushed on its own.
     detail::Index written;
     std::vector<std::string> structures;
     request.written = &written;
@@ -214,15 +215,23 @@ Outcome save(const Bundle& bundle, const std::string& filename,
     const std::string descriptor = detail::descriptorOf(filename);
     detail::require(!std::filesystem::is_directory(descriptor),
                     "cannot write its descriptor " + descriptor + ": a folder is in the way");
-    detail::replaceFile(descriptor, [&](const std::string& temporary) {
+    const std::string temporary = detail::makeTemporary(descriptor);
+    try {
       request.whenComplete = [&] {
-        const std::string text = detail::describeXdmf(
-            {detail::describedWrite(written, structures, detail::fileNameOf(filename))});
-        detail::writeText(temporary, text, descriptor);
-        detail::syncToDisk(temporary, false);
+        detail::writeText(temporary,
+                          detail::describeXdmf({detail::describedWrite(
+                              written, structures, detail::fileNameOf(filename))}),
+                          descriptor);
+      };
+      request.whenReplaced = [&] {
+        detail::require(std::rename(temporary.c_str(), descriptor.c_str()) == 0,
+                        detail::systemError("cannot replace " + descriptor));
       };
       detail::writeBundle(bundle, filename, request);
-    });
+    } catch (...) {
+      std::remove(temporary.c_str());
+      throw;
+    }
   });
 }
 

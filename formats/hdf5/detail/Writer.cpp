@@ -614,7 +614,8 @@ void syncToDisk(const std::string& path, bool directory) {
   require(result == 0, systemError("cannot flush " + path));
 }
 
-void replaceFile(const std::string& path, const std::function<void(const std::string&)>& fill) {
+void replaceFile(const std::string& path, const std::function<void(const std::string&)>& fill,
+                 const std::function<void()>& whenReplaced) {
   const std::string temporary = makeTemporary(path);
   try {
     fill(temporary);
@@ -625,6 +626,7 @@ void replaceFile(const std::string& path, const std::function<void(const std::st
     std::remove(temporary.c_str());
     throw;
   }
+  if (whenReplaced) whenReplaced();
   const fs::path directory = fs::path(path).parent_path();
   syncToDisk(directory.empty() ? "." : directory.string(), true);
 }
@@ -644,12 +646,15 @@ void writeBundle(const Bundle& bundle, const std::string& path, const WriteReque
   Session session;
   require(!path.empty(), "no file name");
   BundleWriter writer(bundle, path, request);
-  replaceFile(path, [&](const std::string& temporary) {
-    File file = createFile(temporary);
-    writer.write(file.id());
-    file.close("cannot finish " + path);
-    if (request.whenComplete) request.whenComplete();
-  });
+  replaceFile(
+      path,
+      [&](const std::string& temporary) {
+        File file = createFile(temporary);
+        writer.write(file.id());
+        file.close("cannot finish " + path);
+        if (request.whenComplete) request.whenComplete();
+      },
+      request.whenReplaced);
 }
 
 }  // namespace Quaril::H5::detail

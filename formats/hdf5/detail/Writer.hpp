@@ -49,9 +49,11 @@ struct WriteRequest {
   /// written; may be null.
   Index* written = nullptr;
   std::vector<std::string>* structures = nullptr;
-  /// Runs once the new file is complete, before it replaces the target; what
-  /// it throws fails the write. May be empty.
+  /// Run once the new file is complete, before it replaces the target (what
+  /// it throws fails the write), and right after it replaced the target,
+  /// before the folder is flushed. May be empty.
   std::function<void()> whenComplete = nullptr;
+  std::function<void()> whenReplaced = nullptr;
 };
 
 /// "what: " and the system's reason for the last failed system call.
@@ -65,8 +67,10 @@ void syncToDisk(const std::string& path, bool directory);
 /// Makes the file `path` anew: `fill` writes a new file (its argument)
 /// beside it, which is flushed, renamed over `path`, and the folder flushed.
 /// On failure the new file is removed, `path` is left as it was, and the
-/// failure is thrown on.
-void replaceFile(const std::string& path, const std::function<void(const std::string&)>& fill);
+/// failure is thrown on. `whenReplaced` (may be empty) runs after the rename,
+/// before the folder is flushed, for other renames in the same folder.
+void replaceFile(const std::string& path, const std::function<void(const std::string&)>& fill,
+                 const std::function<void()>& whenReplaced = nullptr);
 
 /// Writes `text` as the new file `path`; errors name the file `shownAs`.
 void writeText(const std::string& path, const std::string& text, const std::string& shownAs);
