@@ -26,13 +26,15 @@ test: deps
 	cmake --build $(BUILD_DIR) -j$(JOBS)
 	cd $(BUILD_DIR) && ctest --output-on-failure -j$(JOBS)
 
-# ParaView (headless) as a real client of the XDMF descriptor of the demo data.
+# ParaView (headless) as a real client of the XDMF descriptors of the demo data
+# and of a bundle of every mesh kind; then renders the demo data into docs/demo.png.
 interop: deps
 	@bash scripts/install-deps.sh interop
-	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
-	cmake --build $(BUILD_DIR) -j$(JOBS) --target bundle-tool quaril_python
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUARIL_BUILD_TESTS=ON
+	cmake --build $(BUILD_DIR) -j$(JOBS) --target bundle-tool quaril_python interop_every_kind
 	xvfb-run -a pvpython tests/interop/check_paraview.py $(BUILD_DIR)/tools/bundle-tool \
-	      $(BUILD_DIR)/python/package
+	      $(BUILD_DIR)/python/package $(BUILD_DIR)/tests/interop_every_kind
+	xvfb-run -a pvpython tests/interop/render_demo.py $(BUILD_DIR)/tools/bundle-tool docs/demo.png
 
 # The HDF5 format on MPI and parallel HDF5: its tests under mpiexec on 1, 2 and 4 ranks.
 test-mpi: deps

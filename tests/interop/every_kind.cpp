@@ -44,20 +44,18 @@ double readAs(const MemBase& data, uint64_t i, int c) {
   return static_cast<double>(static_cast<const T*>(data.rawData())[i * components + c]);
 }
 
+template <class... Types>
+ComponentReader readerAmong(const QuarilTypeBase& component) {
+  ComponentReader found = nullptr;
+  ((found = component.is<Types>() ? &readAs<Types> : found), ...);
+  return found;
+}
+
 /// The reader of `type`'s components; null for a type XDMF has no number type
 /// for (long double, bool, ...), which a descriptor leaves out.
 ComponentReader readerOf(const QuarilTypeBase& type) {
-  const QuarilTypeBase& component = type.componentType();
-  ComponentReader found = nullptr;
-  auto match = [&]<class T>(T*) {
-    if (component.is<T>()) found = &readAs<T>;
-  };
-  match((float*)nullptr), match((double*)nullptr), match((int8_t*)nullptr),
-      match((uint8_t*)nullptr), match((char*)nullptr), match((int16_t*)nullptr),
-      match((uint16_t*)nullptr), match((int32_t*)nullptr), match((uint32_t*)nullptr),
-      match((int64_t*)nullptr), match((uint64_t*)nullptr), match((long long*)nullptr),
-      match((unsigned long long*)nullptr);
-  return found;
+  return readerAmong<float, double, char, int8_t, uint8_t, int16_t, uint16_t, int32_t, uint32_t,
+                     int64_t, uint64_t, long long, unsigned long long>(type.componentType());
 }
 
 /// The data of each fragment of `field`, by fragment name ("" unfragmented).
@@ -125,7 +123,8 @@ Json describe(const Grid& grid, std::set<std::string>& leftOut) {
   out["cell_dimension"] = cells ? cells->getDimension() : 0;
   out["point_arrays"] = out["cell_arrays"] = Json::array();
   out["ranges"] = Json::object();
-  for (const auto& [list, skeleton] : {std::pair{"point_arrays", vertices}, {"cell_arrays", cells}}) {
+  for (const auto& [list, skeleton] :
+       {std::pair{"point_arrays", vertices}, {"cell_arrays", cells}}) {
     for (const auto& [name, field] : fieldsOf(grid, skeleton)) {
       if (name == Grid::PositionsName) continue;  // the geometry
       const ComponentReader read = readerOf(field->getElementDescriptor());
@@ -180,13 +179,13 @@ int main(int argc, char** argv) {
   BundlePtr bundle = Testing::makeSampleBundle();
   for (double t : {3.0, 5.0}) {
     Grid& blocks = Testing::gridIn(bundle, t, "blocks");
-    const auto made =
-        makeFragmentedUniformGrid(blocks, {{"west", {3, 2, 2}, {0, 0, t}, {0.5, 1, 1}},
-                                           {"east", {2, 2, 1}, {2, 0, 0}, {1, 2, 1}}});
-    const auto id = addVertexField(blocks, "id",
-                                   std::map<std::string, std::vector<int32_t>>{
-                                       {"west", std::vector<int32_t>(12, static_cast<int32_t>(t))},
-                                       {"east", {-1, 2, 3, 40}}});
+    const auto made = makeFragmentedUniformGrid(
+        blocks,
+        {{"west", {3, 2, 2}, {0, 0, t}, {0.5, 1, 1}}, {"east", {2, 2, 1}, {2, 0, 0}, {1, 2, 1}}});
+    const auto id = addVertexField(
+        blocks, "id",
+        std::map<std::string, std::vector<int32_t>>{
+            {"west", std::vector<int32_t>(12, static_cast<int32_t>(t))}, {"east", {-1, 2, 3, 40}}});
     if (!made || !id) {
       std::cerr << made.error << id.error << "\n";
       return 1;
