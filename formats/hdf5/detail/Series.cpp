@@ -329,15 +329,14 @@ void recordWritten(const Bundle& bundle, const Selection& plan, Stored& stored) 
 
 /// A part as the series' descriptor (beside the journal) names it.
 std::string partReference(const std::string& journal, const std::string& token, uint64_t number) {
-  return fileNameOf(journal) + ".parts/" + token + "-" + std::to_string(number) + ".h5";
+  return partPath(fileNameOf(journal), token, number);
 }
 
-/// The descriptor of the series `journal` as `read`, taken up or written anew.
-/// (`anew`: written anew in any case).
-std::unique_ptr<SeriesDescriptor> openDescriptor(const std::string& journal, const Journal& read,
-                                                 bool anew = false) {
-  auto descriptor = std::make_unique<SeriesDescriptor>(
-      descriptorOf(journal), read.token,
+/// The descriptor of the series `journal` whose parts are named by `token`.
+std::unique_ptr<SeriesDescriptor> descriptorFor(const std::string& journal,
+                                                const std::string& token) {
+  return std::make_unique<SeriesDescriptor>(
+      descriptorOf(journal), token,
       [journal](const std::function<void(const DescribedFile&)>& visit) {
         // One part open at a time: a series may have more than a process may hold.
         const Journal now = readJournal(journal);
@@ -351,14 +350,6 @@ std::unique_ptr<SeriesDescriptor> openDescriptor(const std::string& journal, con
           }
         }
       });
-  if (anew) {
-    descriptor->rewrite();
-    return descriptor;
-  }
-  std::vector<const Index*> described;
-  for (const Journal::Record& record : read.records) described.push_back(&record.index);
-  descriptor->open(described);
-  return descriptor;
 }
 
 // ---- the binding -------------------------------------------------------------------
@@ -627,7 +618,10 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
   std::unique_ptr<SeriesDescriptor> descriptor;
   if (writesXdmf(transformations.get())) {
     try {
-      descriptor = openDescriptor(path, read);
+      descriptor = descriptorFor(path, read.token);
+      std::vector<const Index*> described;
+      for (const Journal::Record& record : read.records) described.push_back(&record.index);
+      descriptor->open(described);
     } catch (...) {
       close(fd);
       throw;
@@ -646,7 +640,7 @@ void writeSeriesDescriptor(const std::string& journal) {
   // Not while a binding writes the series: it keeps the descriptor itself.
   const int fd = openLocked(journal);
   try {
-    openDescriptor(journal, readJournal(journal), true);
+    descriptorFor(journal, readJournal(journal).token)->rewrite();
   } catch (...) {
     close(fd);
     throw;

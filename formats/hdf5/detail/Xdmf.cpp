@@ -382,9 +382,6 @@ class Content {
     }
   }
 
-  const std::vector<std::string>& names() const noexcept { return names_; }
-  double lastTime(size_t row) const { return steps_[row].rbegin()->first; }
-
   /// Each grid's collection, of its steps; with room after them when
   /// `rooms`.
   std::string document(bool rooms) const {
@@ -472,22 +469,19 @@ std::string describeXdmf(const std::vector<DescribedFile>& files) {
 SeriesDescriptor::SeriesDescriptor(std::string path, std::string token, Parts parts)
     : path_(std::move(path)), token_(std::move(token)), parts_(std::move(parts)) {}
 
+void SeriesDescriptor::learn(const Index& index) {
+  for (const IndexEntry& entry : index.entries) {
+    const double time = index.times[entry.timeRow];
+    auto [known, added] = nameRows_.emplace(index.names[entry.nameRow], nameRows_.size());
+    if (added) lastTimes_.push_back(time);
+    lastTimes_[known->second] = std::max(lastTimes_[known->second], time);
+  }
+}
+
 void SeriesDescriptor::open(const std::vector<const Index*>& described) {
-  names_.clear();
   nameRows_.clear();
   lastTimes_.clear();
-  for (const Index* index : described) {
-    for (const IndexEntry& entry : index->entries) {
-      const std::string& name = index->names[entry.nameRow];
-      const double time = index->times[entry.timeRow];
-      auto [known, added] = nameRows_.emplace(name, names_.size());
-      if (added) {
-        names_.push_back(name);
-        lastTimes_.push_back(time);
-      }
-      lastTimes_[known->second] = std::max(lastTimes_[known->second], time);
-    }
-  }
+  for (const Index* index : described) learn(*index);
   std::error_code missing;
   if (std::filesystem::exists(path_, missing) && parse(readText(path_), described.size())) {
     stale_ = false;
@@ -513,7 +507,7 @@ bool SeriesDescriptor::parse(const std::string& text, uint64_t parts) {
     }
     rooms.push_back({at, end - spaces});
   }
-  if (rooms.size() != names_.size()) return false;
+  if (rooms.size() != nameRows_.size()) return false;
   rooms_ = std::move(rooms);
   countAt_ = digits;
   described_ = parts;
@@ -524,19 +518,15 @@ void SeriesDescriptor::rewrite() {
   stale_ = true;
   Content content;
   uint64_t parts = 0;
+  nameRows_.clear();
+  lastTimes_.clear();
   parts_([&](const DescribedFile& part) {
     content.add(part);
+    learn(*part.index);  // names in the same order as the content's collections
     ++parts;
   });
   const std::string text = content.document(true) + countLine(parts, token_);
   writeTextAtomically(path_, text);
-  names_ = content.names();
-  nameRows_.clear();
-  lastTimes_.clear();
-  for (size_t row = 0; row < names_.size(); ++row) {
-    nameRows_.emplace(names_[row], row);
-    lastTimes_.push_back(content.lastTime(row));
-  }
   require(parse(text, parts), path_ + ": the descriptor just written does not read back");
   stale_ = false;
 }
@@ -554,7 +544,11 @@ void SeriesDescriptor::addIn(const DescribedFile& part) {
   const Index& index = *part.index;
   const uint64_t described = described_ + 1;
   std::map<size_t, std::string> steps;  // by name row
-  std::vector<std::pair<std::string, std::string>> newGrids;
+  struct NewGrid {
+    std::string name, xml;
+    double lastTime;
+  };
+  std::vector<NewGrid> newGrids;
   std::map<std::string, size_t> newRows;
   std::vector<double> lastTimes = lastTimes_;
   StepWriter writer;
@@ -568,8 +562,9 @@ void SeriesDescriptor::addIn(const DescribedFile& part) {
     const auto known = nameRows_.find(name);
     if (known == nameRows_.end()) {
       auto [grid, added] = newRows.emplace(name, newGrids.size());
-      if (added) newGrids.emplace_back(name, "");
-      newGrids[grid->second].second += xml;
+      if (added) newGrids.push_back({name, "", time});
+      newGrids[grid->second].xml += xml;
+      newGrids[grid->second].lastTime = time;  // entries come in time order
       continue;
     }
     if (time <= lastTimes[known->second]) return rewrite();
@@ -615,24 +610,17 @@ void SeriesDescriptor::addIn(const DescribedFile& part) {
     require(domainEnd != std::string::npos && domainEnd >= from,
             path_ + ": not a descriptor of this library");
     text.append(old, from, domainEnd - from);
-    for (const auto& [name, xml] : newGrids) {
-      text += collectionStart(name) + xml + room(std::max<uint64_t>(SmallestRoom, xml.size())) +
-              CollectionEnd;
+    for (const NewGrid& grid : newGrids) {
+      text += collectionStart(grid.name) + grid.xml +
+              room(std::max<uint64_t>(SmallestRoom, grid.xml.size())) + CollectionEnd;
     }
     text += DomainEnd + countLine(described, token_);
     writeTextAtomically(path_, text);
-    for (const auto& [name, xml] : newGrids) {
-      nameRows_.emplace(name, names_.size());
-      names_.push_back(name);
-      lastTimes.push_back(0);
+    for (const NewGrid& grid : newGrids) {
+      nameRows_.emplace(grid.name, nameRows_.size());
+      lastTimes.push_back(grid.lastTime);
     }
     require(parse(text, described), path_ + ": the descriptor just written does not read back");
-  }
-  // The times of new grids, now that they have rows.
-  for (uint64_t entry = 0; entry < index.entries.size(); ++entry) {
-    const IndexEntry& row = index.entries[entry];
-    const size_t at = nameRows_.at(index.names[row.nameRow]);
-    if (newRows.count(index.names[row.nameRow])) lastTimes[at] = index.times[row.timeRow];
   }
   lastTimes_ = std::move(lastTimes);
   described_ = described;

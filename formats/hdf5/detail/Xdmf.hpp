@@ -89,6 +89,8 @@ class SeriesDescriptor {
   /// is not one of ours that describes `parts` parts.
   bool parse(const std::string& text, uint64_t parts);
   void addIn(const DescribedFile& part);
+  /// Adds the grid names and times of `index`, a part described next.
+  void learn(const Index& index);
 
   std::string path_;
   std::string token_;
@@ -96,10 +98,11 @@ class SeriesDescriptor {
   bool stale_ = true;
   uint64_t described_ = 0;
   uint64_t countAt_ = 0;
-  std::vector<std::string> names_;  // in the order of their collections
+  /// Grid names by the row of their collection (in the order in which they
+  /// first occur), and the last time described of each.
   std::map<std::string, size_t> nameRows_;
-  std::vector<double> lastTimes_;  // by name row
-  std::vector<Room> rooms_;        // by name row
+  std::vector<double> lastTimes_;
+  std::vector<Room> rooms_;  // by name row
 };
 
 }  // namespace Quaril::H5::detail
