@@ -184,6 +184,24 @@ void registerFormat() {
   });
 }
 
+bool FragmentChoice::CreateFragment(const StrongPtr<GridID>&, double, const std::string&,
+                                    const std::string&, size_t, size_t) {
+  return true;
+}
+
+bool FragmentsOfRank::CreateFragment(const StrongPtr<GridID>&, double, const std::string&,
+                                     const std::string& fragment, size_t position, size_t count) {
+  if (fragment.empty() || size_ <= 0) return true;
+  const auto first = [&](uint64_t rank) { return rank * count / static_cast<uint64_t>(size_); };
+  const auto rank = static_cast<uint64_t>(rank_);
+  return first(rank) <= position && position < first(rank + 1);
+}
+
+bool FragmentsNamed::CreateFragment(const StrongPtr<GridID>&, double, const std::string&,
+                                    const std::string& fragment, size_t, size_t) {
+  return fragment.empty() || names_.count(fragment) > 0;
+}
+
 Outcome load(BundlePtr& bundle, const std::list<std::string>& filenames,
              const StrongPtr<Ostrak::LoaderProgress>& progress) {
   bundle.create();

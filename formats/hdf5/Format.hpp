@@ -13,9 +13,12 @@
 
 #include <cstdint>
 #include <list>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "bundle/Bundle.hpp"
+#include "bundle/LoaderControl.hpp"
 #include "bundle/StorageTransformations.hpp"
 #include "ostrak/Loader.hpp"
 #include "ostrak/StringList.hpp"
@@ -46,6 +49,48 @@ class StorageOptions : public StorageTransformations {
 
  private:
   bool writeXdmf_ = true;
+};
+
+/// A load's progress sink that also chooses fragments: pass it as the
+/// progress of a load, and each fragment of each field is offered to
+/// CreateFragment before it is created. One left out is never read. A field
+/// whose fragments are all left out is left out too.
+class FragmentChoice : public BundleLoaderProgress {
+ public:
+  /// Whether to load the fragment `fragment` ("" when the field is not
+  /// fragmented) of the field `field` of the grid `id` at `time`, at
+  /// `position` among the `count` fragments that the file lists for that
+  /// field there. Default: true.
+  virtual bool CreateFragment(const Ostrak::StrongPtr<GridID>& id, double time,
+                              const std::string& field, const std::string& fragment,
+                              size_t position, size_t count);
+};
+
+/// Each field's fragments dealt out in blocks to `size` ranks, in the order
+/// the file lists them: rank r takes positions [r n / size, (r + 1) n / size)
+/// of n. A file saved collectively lists the ranks' fragments in rank order,
+/// so a rank takes back what it saved when every rank saved as many. Fields
+/// that are not fragmented go to every rank.
+class FragmentsOfRank : public FragmentChoice {
+ public:
+  FragmentsOfRank(int rank, int size) : rank_(rank), size_(size) {}
+  bool CreateFragment(const Ostrak::StrongPtr<GridID>& id, double time, const std::string& field,
+                      const std::string& fragment, size_t position, size_t count) override;
+
+ private:
+  int rank_;
+  int size_;
+};
+
+/// The fragments of the given names, and the fields that are not fragmented.
+class FragmentsNamed : public FragmentChoice {
+ public:
+  explicit FragmentsNamed(std::set<std::string> names) : names_(std::move(names)) {}
+  bool CreateFragment(const Ostrak::StrongPtr<GridID>& id, double time, const std::string& field,
+                      const std::string& fragment, size_t position, size_t count) override;
+
+ private:
+  std::set<std::string> names_;
 };
 
 /// Registers the loader and the saver creator of the format with the object

@@ -216,6 +216,47 @@ TEST_F(FileTest, loaderProgressHearsFilesAndDeclinesSlicesGridsAndFields) {
   EXPECT_FALSE(uniform->getCartesianRepresentation()->findField("flags"));
 }
 
+TEST_F(FileTest, aFragmentChoiceLoadsTheChosenFragmentsOnly) {
+  ASSERT_TRUE(H5::save(*makeRichBundle(), path("rich.h5")).ok);
+  struct Case {
+    const char* name;
+    StrongPtr<H5::FragmentChoice> choice;
+    std::set<std::string> fragments;  // of "id" and of the positions
+  };
+  const std::vector<Case> cases = {
+      {"by name",
+       StrongPtr<H5::FragmentChoice>(new H5::FragmentsNamed({"east", "north"})),
+       {"fragment east"}},
+      // In the order the file lists them: west, east.
+      {"rank 0 of 2",
+       StrongPtr<H5::FragmentChoice>(new H5::FragmentsOfRank(0, 2)),
+       {"fragment west"}},
+      {"rank 1 of 2",
+       StrongPtr<H5::FragmentChoice>(new H5::FragmentsOfRank(1, 2)),
+       {"fragment east"}},
+      // Two fragments over three ranks: none, one, one.
+      {"rank 0 of 3", StrongPtr<H5::FragmentChoice>(new H5::FragmentsOfRank(0, 3)), {}},
+      {"rank 2 of 3",
+       StrongPtr<H5::FragmentChoice>(new H5::FragmentsOfRank(2, 3)),
+       {"fragment east"}},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.name);
+    BundlePtr loaded;
+    ASSERT_TRUE(H5::load(loaded, {path("rich.h5")}, test.choice).ok);
+    auto blocks = (*(*loaded)[2])("blocks")->getCartesianRepresentation();
+    for (const char* field : {"id", "Positions"}) {
+      std::set<std::string> names;
+      if (auto found = blocks->findField(field)) {
+        for (const auto& [name, creator] : detail::fragmentsOf(*found)) names.insert(name);
+      }
+      EXPECT_EQ(names, test.fragments) << field;
+    }
+    // Fields that are not fragmented come whole to every choice.
+    EXPECT_TRUE(blocks->findField("matrix"));
+  }
+}
+
 TEST_F(FileTest, severalFilesMergeAndABadOneChangesNothing) {
   BundlePtr early = bundleWith({1, 2}, "early");
   BundlePtr late = bundleWith({2, 3}, "late");

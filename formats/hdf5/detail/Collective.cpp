@@ -134,6 +134,14 @@ uint64_t exclusivePrefixSum(MPI_Comm comm, uint64_t mine) {
 PropertyList mpioFileAccess(MPI_Comm comm) {
   PropertyList access(H5Pcreate(H5P_FILE_ACCESS), "file access settings");
   check(H5Pset_fapl_mpio(access.id(), comm, MPI_INFO_NULL), "cannot open files through MPI-IO");
+  check(H5Pset_libver_bounds(access.id(), H5F_LIBVER_V18, H5F_LIBVER_LATEST), "file format bounds");
+  // Rank 0 writes all metadata (HDF5 would spread the writes over the
+  // ranks), so the other ranks write only their own data.
+  H5AC_cache_config_t cache{};
+  cache.version = H5AC__CURR_CACHE_CONFIG_VERSION;
+  check(H5Pget_mdc_config(access.id(), &cache), "metadata cache settings");
+  cache.metadata_write_strategy = H5AC_METADATA_WRITE_STRATEGY__PROCESS_0_ONLY;
+  check(H5Pset_mdc_config(access.id(), &cache), "metadata cache settings");
   return access;
 }
 

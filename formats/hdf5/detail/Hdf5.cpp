@@ -298,21 +298,25 @@ std::vector<T> readVector(hid_t parent, const std::string& name, size_t expected
 
 template <class T>
 void writeVector(hid_t parent, const std::string& name, const std::vector<T>& values,
-                 size_t columns) {
+                 size_t columns, bool withData) {
   std::vector<hsize_t> dims{columns ? values.size() / columns : values.size()};
   if (columns) dims.push_back(columns);
-  writeDataset(parent, name, nativeType<T>(), nativeType<T>(), dims, values.data());
+  writeDataset(parent, name, nativeType<T>(), nativeType<T>(), dims,
+               withData ? values.data() : nullptr);
 }
 
 template std::vector<double> readVector<double>(hid_t, const std::string&, size_t);
 template std::vector<int64_t> readVector<int64_t>(hid_t, const std::string&, size_t);
 template std::vector<uint64_t> readVector<uint64_t>(hid_t, const std::string&, size_t);
 template std::vector<uint8_t> readVector<uint8_t>(hid_t, const std::string&, size_t);
-template void writeVector<double>(hid_t, const std::string&, const std::vector<double>&, size_t);
-template void writeVector<int64_t>(hid_t, const std::string&, const std::vector<int64_t>&, size_t);
-template void writeVector<uint64_t>(hid_t, const std::string&, const std::vector<uint64_t>&,
-                                    size_t);
-template void writeVector<uint8_t>(hid_t, const std::string&, const std::vector<uint8_t>&, size_t);
+template void writeVector<double>(hid_t, const std::string&, const std::vector<double>&, size_t,
+                                  bool);
+template void writeVector<int64_t>(hid_t, const std::string&, const std::vector<int64_t>&, size_t,
+                                   bool);
+template void writeVector<uint64_t>(hid_t, const std::string&, const std::vector<uint64_t>&, size_t,
+                                    bool);
+template void writeVector<uint8_t>(hid_t, const std::string&, const std::vector<uint8_t>&, size_t,
+                                   bool);
 
 // ---- attributes ----------------------------------------------------------------
 

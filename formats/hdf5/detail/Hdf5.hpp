@@ -191,9 +191,10 @@ std::vector<uint8_t> readBytes(hid_t dataset, uint64_t begin, uint64_t count,
 /// checked first (`expectedColumns` > 0 asks for a two-dimensional one).
 template <class T>
 std::vector<T> readVector(hid_t parent, const std::string& name, size_t expectedColumns = 0);
+/// Without `withData` the data set is created but not written.
 template <class T>
 void writeVector(hid_t parent, const std::string& name, const std::vector<T>& values,
-                 size_t columns = 0);
+                 size_t columns = 0, bool withData = true);
 
 // ---- attributes ----------------------------------------------------------------
 

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "field/CreativeArrayBase.hpp"
+#include "formats/hdf5/Format.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
 #include "formats/hdf5/detail/Stored.hpp"
 #include "grid/GridConstructors.hpp"
@@ -267,7 +268,8 @@ class GridReader {
         grid_(grid),
         id_(id),
         time_(time),
-        vetoes_(Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(progress)) {}
+        vetoes_(Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(progress)),
+        choice_(Ostrak::dynamic_pointer_cast<FragmentChoice>(progress)) {}
 
   /// The entry's structure, parsed.
   const Json& structure() {
@@ -367,11 +369,19 @@ class GridReader {
       field = StrongPtr<Field>(new Field(*type));
     }
     std::set<const FragmentID*> seen;
-    for (const Json& fragmentJson : described.at(layout::Fragments)) {
+    const Json& fragments = described.at(layout::Fragments);
+    size_t chosen = 0;
+    for (size_t position = 0; position < fragments.size(); ++position) {
+      const Json& fragmentJson = fragments[position];
       StrongPtr<FragmentID> fragment = fragmentNamed(fragmentJson);
       const std::string fragmentWhat =
           what + (fragment ? " fragment " + inQuotes(fragment->Name()) : "");
       require(seen.insert(fragment.get()).second, fragmentWhat + " appears twice");
+      if (choice_ && !choice_->CreateFragment(id_, time_, name, fragment ? fragment->Name() : "",
+                                              position, fragments.size())) {
+        continue;
+      }
+      ++chosen;
       StrongPtr<CreativeArrayBase> creator =
           fragmentJson.contains(layout::Uniform)
               ? uniformCreator(fragmentJson.at(layout::Uniform), *type, fragmentWhat)
@@ -379,6 +389,7 @@ class GridReader {
       creators_.push_back(creator);
       field->setCreator(creator, fragment);
     }
+    if (chosen == 0 && !fragments.empty()) return;
     representation.setField(name, field);
   }
 
@@ -465,6 +476,7 @@ class GridReader {
   StrongPtr<GridID> id_;
   double time_;
   StrongPtr<BundleLoaderProgress> vetoes_;
+  StrongPtr<FragmentChoice> choice_;
   std::shared_ptr<const Json> structure_;
   std::set<std::pair<int, int>> madeSkeletons_;
   std::map<std::string, StrongPtr<FragmentID>> fragments_;

@@ -52,27 +52,6 @@ struct Place {
   std::string representation;
 };
 
-void writeAttributes(hid_t object, const Ostrak::Attributes& attributes) {
-  for (const auto& [name, value] : attributes.attributes()) {
-    require(!name.empty() && name.find('\0') == std::string::npos && name != ".",
-            "an attribute named \"" + name + "\" cannot be stored");
-    std::visit(
-        [&, &name = name](const auto& item) {
-          using T = std::decay_t<decltype(item)>;
-          if constexpr (std::is_same_v<T, std::string>) {
-            writeString(object, name, item);
-          } else if constexpr (std::is_same_v<T, std::vector<std::string>>) {
-            writeStrings(object, name, item);
-          } else if constexpr (std::is_same_v<T, int64_t> || std::is_same_v<T, double>) {
-            writeNumber<T>(object, name, item);
-          } else {
-            writeNumbers<typename T::value_type>(object, name, item);
-          }
-        },
-        value);
-  }
-}
-
 class BundleWriter {
  public:
   BundleWriter(const Bundle& bundle, const std::string& path, const WriteRequest& request)
@@ -90,13 +69,14 @@ class BundleWriter {
                 std::to_string(layout::VersionMajor) + "." + std::to_string(layout::VersionMinor));
   }
 
+  /// Writes the file `file`, or only plans it (request.plan).
   void write(hid_t file) {
     collect();
-    writeNumbers<int32_t>(file, layout::VersionAttribute,
-                          {layout::VersionMajor, layout::VersionMinor});
-    writeString(file, layout::FormatAttribute, layout::FormatName);
-    file_ = file;
-    arrays_ = createGroup(file, layout::ArraysGroup);
+    if (!plan_) {
+      writeRoot(file);
+      file_ = file;
+      arrays_ = createGroup(file, layout::ArraysGroup);
+    }
     std::vector<uint64_t> entryBytes;
     for (size_t row = 0; row < entries_.size(); ++row) {
       entryBytes.push_back(writeGrid(row));
@@ -104,9 +84,11 @@ class BundleWriter {
     }
     sliceAttributes_.assign(times_.size(), false);
     if (policy_->getSaveAttributes()) writeSliceAndBundleAttributes(file);
-    writeIndex(file, entryBytes);
+    Index index;
+    report(index, entryBytes);
+    if (!plan_) writeIndexGroup(file, index, structures_);
     for (auto& [name, external] : externalFiles_) external.close("cannot close " + name);
-    if (request_.written) report(*request_.written, entryBytes);
+    if (request_.written) *request_.written = std::move(index);
     if (request_.structures) {
       request_.structures->clear();
       for (const std::string* text : structures_) request_.structures->push_back(*text);
@@ -186,39 +168,6 @@ class BundleWriter {
     return slices;
   }
 
-  void writeIndex(hid_t file, const std::vector<uint64_t>& entryBytes) {
-    Group index = createGroup(file, layout::IndexGroup);
-    writeVector<double>(index.id(), layout::Times, times_);
-    std::vector<uint8_t> bytes;
-    std::vector<uint64_t> ends;
-    std::vector<std::string> ordered(nameRows_.size());
-    for (const auto& [name, row] : nameRows_) ordered[row] = name;
-    for (const std::string& name : ordered) {
-      bytes.insert(bytes.end(), name.begin(), name.end());
-      ends.push_back(bytes.size());
-    }
-    const std::vector<int64_t> parents = parentRows();
-    writeVector<uint8_t>(index.id(), layout::GridNames, bytes);
-    writeVector<uint64_t>(index.id(), layout::GridNameEnds, ends);
-    writeVector<int64_t>(index.id(), layout::GridParents, parents);
-    std::vector<int64_t> rows;
-    for (const Entry& entry : entries_) {
-      rows.push_back(static_cast<int64_t>(entry.timeRow));
-      rows.push_back(static_cast<int64_t>(entry.nameRow));
-      rows.push_back(static_cast<int64_t>(entry.structureRow));
-    }
-    writeVector<int64_t>(index.id(), layout::Entries, rows, layout::EntryColumns);
-    writeVector<uint64_t>(index.id(), layout::EntryBytes, entryBytes);
-    std::vector<uint8_t> texts;
-    std::vector<uint64_t> textEnds;
-    for (const std::string* text : structures_) {
-      texts.insert(texts.end(), text->begin(), text->end());
-      textEnds.push_back(texts.size());
-    }
-    writeVector<uint8_t>(index.id(), layout::Structures, texts);
-    writeVector<uint64_t>(index.id(), layout::StructureEnds, textEnds);
-  }
-
   /// The parent row of each name row, -1 for none.
   std::vector<int64_t> parentRows() const {
     std::vector<int64_t> parents(nameRows_.size(), -1);
@@ -236,19 +185,25 @@ class BundleWriter {
   void writeSliceAndBundleAttributes(hid_t file) {
     const Selection* selection = request_.selection;
     bundleAttributes_ = selection ? selection->bundleAttributes : bundle_.numberOfAttributes() > 0;
-    if (bundleAttributes_) {
+    if (bundleAttributes_ && plan_) {
+      plan_->bundleAttributes = bundle_.attributes();
+    } else if (bundleAttributes_) {
       Group group = createGroup(file, layout::BundleAttributes);
-      writeAttributes(group.id(), bundle_);
+      writeAttributes(group.id(), bundle_.attributes());
     }
     Group slices;
     for (size_t row = 0; row < slices_.size(); ++row) {
       const bool written = selection ? selection->sliceAttributes.count(slices_[row]) > 0
                                      : slices_[row]->numberOfAttributes() > 0;
       if (!written) continue;
+      sliceAttributes_[row] = true;
+      if (plan_) {
+        plan_->sliceAttributes[row] = slices_[row]->attributes();
+        continue;
+      }
       if (!slices) slices = createGroup(file, layout::SlicesGroup);
       Group group = createGroup(slices.id(), std::to_string(row));
-      writeAttributes(group.id(), *slices_[row]);
-      sliceAttributes_[row] = true;
+      writeAttributes(group.id(), slices_[row]->attributes());
     }
   }
 
@@ -290,10 +245,14 @@ class BundleWriter {
     const bool attributes = request_.selection ? request_.selection->gridAttributes.count(&grid) > 0
                                                : grid.numberOfAttributes() > 0;
     if (policy_->getSaveAttributes() && attributes) {
-      if (!grids_) grids_ = createGroup(file_, layout::GridsGroup);
-      Group group = createGroup(grids_.id(), std::to_string(row));
-      writeAttributes(group.id(), grid);
       structure[layout::HasAttributes] = true;
+      if (plan_) {
+        plan_->gridAttributes[row] = grid.attributes();
+      } else {
+        if (!grids_) grids_ = createGroup(file_, layout::GridsGroup);
+        Group group = createGroup(grids_.id(), std::to_string(row));
+        writeAttributes(group.id(), grid.attributes());
+      }
     }
     std::string text;
     try {
@@ -400,8 +359,15 @@ class BundleWriter {
     if (!wasResident) creator->dropCache();
     writing.bytes += bytes;
     policy_->setBytesWritten(policy_->getBytesWritten() + bytes);
-    policy_->isSaved(creator, fragment, id, field, place.grid, place.gridName, place.time,
-                     place.representation, place.skeleton);
+    auto saved = [policy = policy_, creator, fragment, &id, &field, place] {
+      policy->isSaved(creator, fragment, id, field, place.grid, place.gridName, place.time,
+                      place.representation, place.skeleton);
+    };
+    if (plan_) {
+      plan_->whenWritten.push_back(std::move(saved));
+    } else {
+      saved();
+    }
     return described;
   }
 
@@ -444,6 +410,11 @@ class BundleWriter {
         place.time, place.gridName, place.skeleton, place.representation, fieldName);
     std::string reference =
         externalFile.empty() ? "" : policy_->getExternalFileReference(target_, externalFile);
+    if (plan_) {
+      require(reference.empty(), what + ": a collective save cannot place data in other files");
+      require(storage.deflate < 0 && !storage.shuffle,
+              what + ": a collective save cannot filter data (switch the filters off)");
+    }
     if (!reference.empty()) {
       std::string inside =
           policy_->getExternalLocationPrefix(place.time, place.gridName, place.skeleton,
@@ -459,13 +430,20 @@ class BundleWriter {
       parent = externalGroup.id();
       linkExternal(arrays_.id(), linkName, reference, inside);
     }
+    std::optional<std::pair<double, double>> range;
+    if (stored.components == 1 && policy_->ComputeRangeAttributeOnWriting(fieldName, creator)) {
+      range = valueRange(*data);
+    }
+    if (plan_) {
+      plan_->arrays.push_back({writing.row, name, single ? H5T_NATIVE_FLOAT : stored.component,
+                               stored.component, extents, data, range});
+      return bytes;
+    }
     Dataset dataset = writeDataset(parent, datasetName, fileType.id(), stored.component, extents,
                                    data->rawData(), storage);
-    if (stored.components == 1 && policy_->ComputeRangeAttributeOnWriting(fieldName, creator)) {
-      if (auto range = valueRange(*data)) {
-        writeNumber<double>(dataset.id(), layout::Minimum, range->first);
-        writeNumber<double>(dataset.id(), layout::Maximum, range->second);
-      }
+    if (range) {
+      writeNumber<double>(dataset.id(), layout::Minimum, range->first);
+      writeNumber<double>(dataset.id(), layout::Maximum, range->second);
     }
     return bytes;
   }
@@ -556,6 +534,7 @@ class BundleWriter {
   fs::path directory_;
   std::string target_;
   const WriteRequest& request_;
+  Plan* plan_ = request_.plan;
   StrongPtr<StorageTransformations> policy_;
   std::vector<Entry> entries_;
   std::vector<double> times_;
@@ -642,6 +621,64 @@ void writeTextAtomically(const std::string& path, const std::string& text) {
   replaceFile(path, [&](const std::string& temporary) { writeText(temporary, text, path); });
 }
 
+void writeRoot(hid_t file) {
+  writeNumbers<int32_t>(file, layout::VersionAttribute,
+                        {layout::VersionMajor, layout::VersionMinor});
+  writeString(file, layout::FormatAttribute, layout::FormatName);
+}
+
+void writeAttributes(hid_t object, const Plan::Attributes& attributes) {
+  for (const auto& [name, value] : attributes) {
+    require(!name.empty() && name.find('\0') == std::string::npos && name != ".",
+            "an attribute named \"" + name + "\" cannot be stored");
+    std::visit(
+        [&, &name = name](const auto& item) {
+          using T = std::decay_t<decltype(item)>;
+          if constexpr (std::is_same_v<T, std::string>) {
+            writeString(object, name, item);
+          } else if constexpr (std::is_same_v<T, std::vector<std::string>>) {
+            writeStrings(object, name, item);
+          } else if constexpr (std::is_same_v<T, int64_t> || std::is_same_v<T, double>) {
+            writeNumber<T>(object, name, item);
+          } else {
+            writeNumbers<typename T::value_type>(object, name, item);
+          }
+        },
+        value);
+  }
+}
+
+void writeIndexGroup(hid_t file, const Index& index,
+                     const std::vector<const std::string*>& structures, bool withData) {
+  Group group = createGroup(file, layout::IndexGroup);
+  writeVector<double>(group.id(), layout::Times, index.times, 0, withData);
+  std::vector<uint8_t> bytes;
+  std::vector<uint64_t> ends;
+  for (const std::string& name : index.names) {
+    bytes.insert(bytes.end(), name.begin(), name.end());
+    ends.push_back(bytes.size());
+  }
+  writeVector<uint8_t>(group.id(), layout::GridNames, bytes, 0, withData);
+  writeVector<uint64_t>(group.id(), layout::GridNameEnds, ends, 0, withData);
+  writeVector<int64_t>(group.id(), layout::GridParents, index.parents, 0, withData);
+  std::vector<int64_t> rows;
+  for (const IndexEntry& entry : index.entries) {
+    rows.push_back(static_cast<int64_t>(entry.timeRow));
+    rows.push_back(static_cast<int64_t>(entry.nameRow));
+    rows.push_back(static_cast<int64_t>(entry.structureRow));
+  }
+  writeVector<int64_t>(group.id(), layout::Entries, rows, layout::EntryColumns, withData);
+  writeVector<uint64_t>(group.id(), layout::EntryBytes, index.entryBytes, 0, withData);
+  std::vector<uint8_t> texts;
+  std::vector<uint64_t> textEnds;
+  for (const std::string* text : structures) {
+    texts.insert(texts.end(), text->begin(), text->end());
+    textEnds.push_back(texts.size());
+  }
+  writeVector<uint8_t>(group.id(), layout::Structures, texts, 0, withData);
+  writeVector<uint64_t>(group.id(), layout::StructureEnds, textEnds, 0, withData);
+}
+
 void writeBundle(const Bundle& bundle, const std::string& path, const WriteRequest& request) {
   Session session;
   require(!path.empty(), "no file name");
@@ -655,6 +692,13 @@ void writeBundle(const Bundle& bundle, const std::string& path, const WriteReque
         if (request.whenComplete) request.whenComplete();
       },
       request.whenReplaced);
+}
+
+void planBundle(const Bundle& bundle, const std::string& path, const WriteRequest& request) {
+  Session session;
+  require(request.plan != nullptr, "no plan to fill");
+  BundleWriter writer(bundle, path, request);
+  writer.write(H5I_INVALID_HID);
 }
 
 }  // namespace Quaril::H5::detail

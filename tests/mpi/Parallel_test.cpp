@@ -1,0 +1,255 @@
+// Collective saves and loads on every rank of MPI_COMM_WORLD. As in the
+// helpers' tests, every rank makes the same collective calls in the same
+// order whatever its expectations find.
+
+#include "formats/hdf5/mpi/Parallel.hpp"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+
+#include <filesystem>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "formats/hdf5/detail/Collective.hpp"
+#include "tests/hdf5/FileFixture.hpp"
+
+namespace Quaril::Testing {
+namespace {
+
+using Ostrak::StrongPtr;
+
+int worldRank() {
+  int rank = 0;
+  MPI_Comm_rank(MPI_COMM_WORLD, &rank);
+  return rank;
+}
+
+int worldSize() {
+  int size = 1;
+  MPI_Comm_size(MPI_COMM_WORLD, &size);
+  return size;
+}
+
+/// A folder that all ranks share, made by rank 0 and removed with the test.
+class SharedFolderTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    H5::registerFormat();
+    std::string made;
+    if (worldRank() == 0) {
+      made = (std::filesystem::temp_directory_path() / "quaril-mpi-XXXXXX").string();
+      if (!mkdtemp(made.data())) made.clear();
+    }
+    folder_ = H5::detail::broadcastText(MPI_COMM_WORLD, made, 0);
+    ASSERT_FALSE(folder_.empty());
+  }
+  void TearDown() override {
+    MPI_Barrier(MPI_COMM_WORLD);
+    std::error_code ignored;
+    if (worldRank() == 0) std::filesystem::remove_all(folder_, ignored);
+  }
+
+  std::string path(const std::string& name) const { return (folder_ / name).string(); }
+  std::set<std::string> listing() const {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
+      names.insert(entry.path().filename().string());
+    }
+    return names;
+  }
+
+  std::filesystem::path folder_;
+};
+
+/// The fragments of rank `rank` of grid "blocks": two blocks of a row,
+/// named after rank `rank - shift`.
+std::vector<UniformBlock> blocksOf(int rank, int shift) {
+  std::vector<UniformBlock> blocks;
+  for (int j = 0; j < 2; ++j) {
+    const double x = 2.0 * (2 * rank + j);
+    blocks.push_back({"r" + std::to_string(rank - shift) + "." + std::to_string(j),
+                      {2, 2, 2},
+                      {x, 0, 0},
+                      {1, 1, 1}});
+  }
+  return blocks;
+}
+
+/// The bundle that ranks `ranks` hold together: grid "blocks" with their
+/// fragments of a double and an int32 field at three times, attributes, and
+/// (with `shared`) a grid whose name is not UTF-8, held unfragmented.
+BundlePtr bundleOf(const std::vector<int>& ranks, bool shared, int shift = 0) {
+  BundlePtr bundle(new Bundle);
+  for (double t : {-0.0, 0.25, 1e300}) {
+    Grid& grid = gridIn(bundle, t, "blocks");
+    std::vector<UniformBlock> blocks;
+    std::map<std::string, std::vector<double>> pressure;
+    std::map<std::string, std::vector<int32_t>> ids;
+    for (int rank : ranks) {
+      for (const UniformBlock& block : blocksOf(rank, shift)) {
+        blocks.push_back(block);
+        for (int i = 0; i < 8; ++i) {
+          pressure[block.name].push_back(t + rank * 100 + block.origin.x + i / 8.0);
+          ids[block.name].push_back(rank * 1000 + i);
+        }
+      }
+    }
+    makeFragmentedUniformGrid(grid, blocks);
+    addVertexField(grid, "p", pressure);
+    addVertexField(grid, "id", ids);
+    grid.setAttribute("solver", std::string("multigrid"));
+    if (shared) {
+      Grid& other = gridIn(bundle, t, "lid \xff");
+      makeUniformGrid(other, {2, 1, 1}, {0, 0, 0}, {1, 1, 1});
+      addVertexField(other, "t", std::vector<float>{1.5f, static_cast<float>(t)});
+    }
+  }
+  (*bundle)[0.25]->setAttribute("cycle", int64_t{25});
+  bundle->setAttribute("title", std::string("a run on ranks"));
+  return bundle;
+}
+
+std::vector<int> allRanks() {
+  std::vector<int> ranks;
+  for (int rank = 0; rank < worldSize(); ++rank) ranks.push_back(rank);
+  return ranks;
+}
+
+TEST_F(SharedFolderTest, collectiveFileIsTheBundleOfAllRanksAndEachRankLoadsBackItsOwn) {
+  const int rank = worldRank();
+  const std::string file = path("run.h5");
+  BundlePtr mine = bundleOf({rank}, rank == 0);
+  const H5::Outcome saved = H5::saveCollectively(MPI_COMM_WORLD, *mine, file);
+  ASSERT_TRUE(saved.ok) << saved.error;
+  if (rank == 0) {
+    BundlePtr loaded;
+    ASSERT_TRUE(H5::load(loaded, {file}).ok);
+    EXPECT_EQ(differences(*bundleOf(allRanks(), true), *loaded), "");
+    EXPECT_TRUE(H5::check(file).ok);
+    EXPECT_EQ(listing(), (std::set<std::string>{"run.h5", "run.h5.xmf"}));
+  }
+  // Back on every rank: its own fragments of every field, nothing else.
+  BundlePtr back;
+  const H5::Outcome loaded = H5::loadCollectively(MPI_COMM_WORLD, back, file);
+  ASSERT_TRUE(loaded.ok) << loaded.error;
+  const BundlePtr expected = bundleOf({rank}, true);
+  for (const auto& [time, slice] : expected->getSlices()) {
+    for (const char* name : {"p", "id"}) {
+      auto field = [&](const Bundle& bundle) {
+        return (*bundle.getSlices().at(time))("blocks")->getCartesianRepresentation()->findField(
+            name);
+      };
+      EXPECT_EQ(detail::fieldDifference(*field(*expected), *field(*back)), "")
+          << "rank " << rank << ", field " << name << " at " << time;
+    }
+    const StrongPtr<Grid> lid = (*(*back)[time])("lid \xff");
+    ASSERT_TRUE(lid) << "an unfragmented grid goes to every rank";
+    EXPECT_EQ(detail::gridDifference(*(*slice)("lid \xff"), *lid), "");
+  }
+}
+
+/// A policy whose isSaved throws: after the data are written.
+class ThrowsOnceSaved : public StorageTransformations {
+ public:
+  void isSaved(const StrongPtr<CreativeArrayBase>&, const StrongPtr<FragmentID>&, const FieldID&,
+               const Field&, const Ostrak::WeakPtr<Grid>&, const std::string&, double,
+               const std::string&, const SkeletonID&) override {
+    throw std::runtime_error("isSaved refuses");
+  }
+};
+
+TEST_F(SharedFolderTest, aFailureOnOneRankFailsTheSaveOnEveryRankAndKeepsTheOldFile) {
+  const int rank = worldRank();
+  const int last = worldSize() - 1;
+  const std::string file = path("run.h5");
+  {
+    BundlePtr before = bundleOf({rank}, false);
+    ASSERT_TRUE(H5::saveCollectively(MPI_COMM_WORLD, *before, file).ok);
+  }
+  const std::string oldFile = rank == 0 ? fileBytes(file) : "";
+  const std::string oldDescriptor = rank == 0 ? fileBytes(file + ".xmf") : "";
+  struct Case {
+    const char* name;
+    int ranksNeeded;
+    std::function<BundlePtr()> bundle;
+    std::function<StrongPtr<StorageTransformations>()> policy;
+    bool fullDisk;  // on the last rank
+    std::string expected;
+  };
+  auto plain = [&] { return bundleOf({rank}, false); };
+  auto none = [] { return StrongPtr<StorageTransformations>(); };
+  auto big = [&] {
+    BundlePtr bundle = plain();
+    if (rank == last) addBigGrid(bundle, 0.25);
+    return bundle;
+  };
+  const std::string lastRank = "rank " + std::to_string(last) + ": ";
+  const std::vector<Case> cases = {
+      {"a hook throws on the last rank after writing", 1, plain,
+       [&]() -> StrongPtr<StorageTransformations> {
+         if (rank == last) return StrongPtr<StorageTransformations>(new ThrowsOnceSaved);
+         return {};
+       },
+       false, lastRank + "stopped by an exception: isSaved refuses"},
+      // Not on rank 0, which writes the metadata: HDF5 1.10 cannot close a
+      // file whose metadata it could not write (docs/parallel.md).
+      {"the disk of the last rank is full", 2, big, none, true, lastRank + "cannot write"},
+      {"rank 1 names its fragments as rank 0 does", 2,
+       [&] { return bundleOf({rank}, false, rank == 1 ? 1 : 0); }, none, false,
+       "rank 1 holds its fragment \"r0."},
+      {"rank 1 holds a field of another type", 2,
+       [&] {
+         BundlePtr bundle = plain();
+         if (rank == 1) {
+           Grid& grid = gridIn(bundle, 1e300, "blocks");
+           grid.getCartesianRepresentation()->setField("id", Field::create<float>());
+         }
+         return bundle;
+       },
+       none, false, "field \"id\": the ranks hold it with different element types"},
+      {"filters are asked for", 1, plain,
+       [] {
+         StrongPtr<StorageTransformations> policy(new StorageTransformations);
+         policy->setCompressionLevel(4);
+         return policy;
+       },
+       false, "a collective save cannot filter data (switch the filters off)"},
+  };
+  for (const Case& test : cases) {
+    if (worldSize() < test.ranksNeeded) continue;
+    SCOPED_TRACE(test.name);
+    BundlePtr bundle = test.bundle();
+    rlimit previous{};
+    getrlimit(RLIMIT_FSIZE, &previous);
+    const bool limited = test.fullDisk && rank == last;
+    if (limited) {
+      signal(SIGXFSZ, SIG_IGN);
+      const rlimit small{16 << 10, previous.rlim_max};
+      setrlimit(RLIMIT_FSIZE, &small);
+    }
+    const H5::Outcome saved = H5::saveCollectively(MPI_COMM_WORLD, *bundle, file, test.policy());
+    if (limited) {
+      setrlimit(RLIMIT_FSIZE, &previous);
+      signal(SIGXFSZ, SIG_DFL);
+    }
+    EXPECT_FALSE(saved.ok);
+    EXPECT_NE(saved.error.find(test.expected), std::string::npos) << saved.error;
+    const std::vector<std::string> errors = H5::detail::allGatherText(MPI_COMM_WORLD, saved.error);
+    EXPECT_EQ(std::set<std::string>(errors.begin(), errors.end()).size(), 1u)
+        << "every rank reports the same reason";
+    if (rank == 0) {
+      EXPECT_EQ(fileBytes(file), oldFile);
+      EXPECT_EQ(fileBytes(file + ".xmf"), oldDescriptor);
+      EXPECT_EQ(listing(), (std::set<std::string>{"run.h5", "run.h5.xmf"}));
+    }
+    MPI_Barrier(MPI_COMM_WORLD);
+  }
+}
+
+}  // namespace
+}  // namespace Quaril::Testing
