@@ -1,5 +1,5 @@
 # Entry points: `make demo`, `make test`, `make interop`, `make test-mpi`, `make sanitize`, `make bench`,
-# `make fuzz`.
+# `make bench-mpi`, `make fuzz`.
 BUILD_DIR      ?= build
 SANITIZE_DIR   ?= build-sanitize
 THREAD_DIR     ?= build-thread
@@ -9,7 +9,7 @@ MPI_DIR        ?= build-mpi
 FUZZ_SECONDS   ?= 60
 JOBS           ?= 2
 
-.PHONY: demo test interop test-mpi sanitize tsan bench fuzz deps format clean
+.PHONY: demo test interop test-mpi sanitize tsan bench bench-mpi fuzz deps format clean
 
 deps:
 	@bash scripts/install-deps.sh
@@ -43,6 +43,17 @@ test-mpi: deps
 	      -DQUARIL_BUILD_BENCHMARKS=OFF -DQUARIL_BUILD_EXAMPLES=OFF
 	cmake --build $(MPI_DIR) -j$(JOBS) --target test_hdf5_mpi
 	cd $(MPI_DIR) && ctest -L mpi --output-on-failure
+
+# The collective save against one serial file per rank, on 1 and 2 ranks.
+bench-mpi: deps
+	@bash scripts/install-deps.sh mpi
+	cmake -S . -B $(MPI_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUARIL_MPI=ON \
+	      -DQUARIL_BUILD_BENCHMARKS=OFF -DQUARIL_BUILD_EXAMPLES=OFF
+	cmake --build $(MPI_DIR) -j$(JOBS) --target bench_hdf5_mpi
+	@for ranks in 1 2; do \
+	  OMPI_ALLOW_RUN_AS_ROOT=1 OMPI_ALLOW_RUN_AS_ROOT_CONFIRM=1 \
+	    mpiexec -n $$ranks $(MPI_DIR)/bench/mpi/bench_hdf5_mpi || exit 1; \
+	done
 
 # The same tests under AddressSanitizer and UndefinedBehaviorSanitizer.
 sanitize: deps
