@@ -6,10 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <limits>
 #include <optional>
@@ -17,20 +14,10 @@
 #include <string>
 #include <vector>
 
+#include "tests/mpi/Ranks.hpp"
+
 namespace Quaril::H5::detail {
 namespace {
-
-int worldRank() {
-  int rank = 0;
-  MPI_Comm_rank(MPI_COMM_WORLD, &rank);
-  return rank;
-}
-
-int worldSize() {
-  int size = 1;
-  MPI_Comm_size(MPI_COMM_WORLD, &size);
-  return size;
-}
 
 using Outcome = std::optional<std::string>;
 
@@ -191,93 +178,6 @@ TEST(Collective, broadcastTextGivesRootsTextToEveryRank) {
   EXPECT_EQ(broadcastText(MPI_COMM_WORLD, empty, worldSize() - 1), "");
   EXPECT_THROW(broadcastText(MPI_COMM_WORLD, "x", worldSize()), Failure);
   EXPECT_THROW(broadcastText(MPI_COMM_WORLD, "x", -1), Failure);
-}
-
-TEST(Collective, exclusivePrefixSumAddsTheRanksBelow) {
-  struct Case {
-    const char* name;
-    std::function<uint64_t(int rank)> mine;
-  };
-  const std::vector<Case> cases = {
-      {"zeros", [](int) { return uint64_t{0}; }},
-      {"rank plus one", [](int rank) { return static_cast<uint64_t>(rank) + 1; }},
-      {"counts beyond 32 bits",
-       [](int rank) { return (uint64_t{1} << 40) * (static_cast<uint64_t>(rank) + 1); }},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    uint64_t expected = 0;
-    for (int rank = 0; rank < worldRank(); ++rank) expected += c.mine(rank);
-    EXPECT_EQ(exclusivePrefixSum(MPI_COMM_WORLD, c.mine(worldRank())), expected);
-  }
-}
-
-// ---- parallel HDF5 ---------------------------------------------------------------
-
-int64_t valueAt(uint64_t index) {
-  return static_cast<int64_t>(index) * 7919 - 3;
-}
-
-std::string makeTemporaryFolder() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "quaril-mpi-XXXXXX").string();
-  require(mkdtemp(pattern.data()) != nullptr, "cannot make a temporary folder");
-  return pattern;
-}
-
-/// Rank `rank`'s share of the dataset, written on its own (no collective
-/// transfer).
-void writeShare(hid_t dataset, hsize_t perRank, int rank) {
-  std::vector<int64_t> values(perRank);
-  const hsize_t start = perRank * static_cast<hsize_t>(rank);
-  for (hsize_t i = 0; i < perRank; ++i) values[i] = valueAt(start + i);
-  Dataspace file(H5Dget_space(dataset), "the dataset's extents");
-  check(H5Sselect_hyperslab(file.id(), H5S_SELECT_SET, &start, nullptr, &perRank, nullptr),
-        "cannot select this rank's share");
-  Dataspace memory(H5Screate_simple(1, &perRank, nullptr), "the share's extents");
-  check(H5Dwrite(dataset, H5T_NATIVE_INT64, memory.id(), file.id(), H5P_DEFAULT, values.data()),
-        "cannot write this rank's share");
-}
-
-TEST(ParallelHdf5, ranksWriteSharesOfOneFileThatSerialAccessReads) {
-  Session session;
-  const int rank = worldRank();
-  const int size = worldSize();
-  constexpr hsize_t perRank = 1000;
-  std::string folder;
-  const Outcome made = collectively(MPI_COMM_WORLD, [&] {
-    if (rank == 0) folder = makeTemporaryFolder();
-  });
-  ASSERT_EQ(made, std::nullopt);
-  folder = broadcastText(MPI_COMM_WORLD, folder, 0);
-  const std::string path = folder + "/shares.h5";
-
-  const Outcome written = collectively(MPI_COMM_WORLD, [&] {
-    PropertyList access = mpioFileAccess(MPI_COMM_WORLD);
-    File file(H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, access.id()),
-              "cannot create " + path);
-    Dataset dataset = writeDataset(file.id(), "values", H5T_STD_I64LE, H5T_NATIVE_INT64,
-                                   {perRank * static_cast<hsize_t>(size)}, nullptr);
-    writeShare(dataset.id(), perRank, rank);
-    dataset.close("cannot close the dataset");
-    file.close("cannot close " + path);
-  });
-  EXPECT_EQ(written, std::nullopt);
-
-  const Outcome read = collectively(MPI_COMM_WORLD, [&] {
-    if (rank != 0 || written) return;
-    File file = openFile(path);  // the default driver: no MPI-IO
-    const std::vector<int64_t> values = readVector<int64_t>(file.id(), "values");
-    require(values.size() == perRank * static_cast<size_t>(size),
-            "the file holds " + std::to_string(values.size()) + " values");
-    for (size_t i = 0; i < values.size(); ++i) {
-      require(values[i] == valueAt(i), "value " + std::to_string(i) + " is " +
-                                           std::to_string(values[i]) + ", expected " +
-                                           std::to_string(valueAt(i)));
-    }
-  });
-  EXPECT_EQ(read, std::nullopt);
-
-  if (rank == 0) std::filesystem::remove_all(folder);
 }
 
 }  // namespace

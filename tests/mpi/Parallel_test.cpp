@@ -17,23 +17,12 @@
 
 #include "formats/hdf5/detail/Collective.hpp"
 #include "tests/hdf5/FileFixture.hpp"
+#include "tests/mpi/Ranks.hpp"
 
 namespace Quaril::Testing {
 namespace {
 
 using Ostrak::StrongPtr;
-
-int worldRank() {
-  int rank = 0;
-  MPI_Comm_rank(MPI_COMM_WORLD, &rank);
-  return rank;
-}
-
-int worldSize() {
-  int size = 1;
-  MPI_Comm_size(MPI_COMM_WORLD, &size);
-  return size;
-}
 
 /// A folder that all ranks share, made by rank 0 and removed with the test.
 class SharedFolderTest : public ::testing::Test {

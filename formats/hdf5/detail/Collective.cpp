@@ -122,15 +122,6 @@ std::string broadcastText(MPI_Comm comm, const std::string& text, int root) {
   return broadcastOn(communicator, text, root);
 }
 
-uint64_t exclusivePrefixSum(MPI_Comm comm, uint64_t mine) {
-  Communicator communicator(comm);
-  uint64_t below = 0;
-  checkMpi(MPI_Exscan(&mine, &below, 1, MPI_UINT64_T, MPI_SUM, communicator.get()),
-           "cannot sum over the ranks");
-  // MPI leaves rank 0's result undefined.
-  return communicator.rank() == 0 ? 0 : below;
-}
-
 PropertyList mpioFileAccess(MPI_Comm comm) {
   PropertyList access(H5Pcreate(H5P_FILE_ACCESS), "file access settings");
   check(H5Pset_fapl_mpio(access.id(), comm, MPI_INFO_NULL), "cannot open files through MPI-IO");

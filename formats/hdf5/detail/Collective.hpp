@@ -78,9 +78,6 @@ GatherLayout gatherLayout(const std::vector<uint64_t>& sizes);
 /// `text` of rank `root`, on every rank (the others' `text` is ignored).
 std::string broadcastText(MPI_Comm comm, const std::string& text, int root);
 
-/// The sum of `mine` over the ranks below this one (0 on rank 0).
-uint64_t exclusivePrefixSum(MPI_Comm comm, uint64_t mine);
-
 /// File access settings that open a file through MPI-IO on all ranks of
 /// `comm` (HDF5 keeps a duplicate of it).
 PropertyList mpioFileAccess(MPI_Comm comm);
