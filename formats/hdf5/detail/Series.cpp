@@ -215,19 +215,6 @@ Journal parseJournal(const std::string& bytes) {
   return journal;
 }
 
-std::string newToken() {
-  std::random_device device;
-  std::mt19937_64 random((static_cast<uint64_t>(device()) << 32) ^ device() ^
-                         static_cast<uint64_t>(getpid()));
-  char text[TokenBytes + 1];
-  std::snprintf(text, sizeof(text), "%016llx", static_cast<unsigned long long>(random()));
-  return text;
-}
-
-std::string partsFolder(const std::string& journal) {
-  return journal + ".parts";
-}
-
 /// Writes `bytes` at `offset` of `fd` whole.
 void writeAt(int fd, const std::vector<uint8_t>& bytes, uint64_t offset, const std::string& what) {
   size_t done = 0;
@@ -240,16 +227,23 @@ void writeAt(int fd, const std::vector<uint8_t>& bytes, uint64_t offset, const s
   }
 }
 
+}  // namespace
+
 // ---- what a sync writes ------------------------------------------------------------
+
+namespace {
 
 /// What a slice holds that `stored` does not list, or lists with other
 /// attributes, added to `plan`. A slice still to be read from a file is read
 /// and written when `readPending`, and otherwise left alone: it is in the
-/// bound series, or is written once something reads it.
-void planSlice(const SlicePtr& slice, const Stored& stored, bool readPending, Selection& plan) {
+/// bound series, or is written once something reads it (unless `whole`
+/// names what it holds).
+void planSlice(const SlicePtr& slice, const Stored& stored, bool readPending,
+               const WholeWrites* whole, Selection& plan) {
   if (!slice) return;
+  const double time = slice->getTime();
   if (slice->hasPendingLoaders()) {
-    if (!readPending) return;
+    if (!readPending && !(whole && whole->names(time))) return;
     slice->accessSlice();
   }
   bool news = !stored.contains(slice.referenceBlock());
@@ -259,14 +253,17 @@ void planSlice(const SlicePtr& slice, const Stored& stored, bool readPending, Se
   }
   for (const auto& [id, grid] : slice->getGrids()) {
     if (!id || !grid) continue;
-    const bool gridKnown = stored.contains(grid.referenceBlock());
+    const bool gridKnown = stored.contains(grid.referenceBlock()) &&
+                           !(whole && whole->grids.count({time, id->getName()}));
     bool gridNews = !gridKnown;
     if (!stored.sameAttributes(grid.referenceBlock(), *grid)) {
       plan.gridAttributes.insert(grid.get());
       gridNews = true;
     }
-    forEachField(*grid, [&](const StrongPtr<Field>& field) {
-      if (!gridKnown || !stored.contains(field.referenceBlock())) {
+    forEachPlacedField(*grid, [&](const SkeletonID&, const Skeleton&, const FieldID& fieldID,
+                                  const StrongPtr<Field>& field) {
+      if (!gridKnown || !stored.contains(field.referenceBlock()) ||
+          (whole && whole->fields.count({time, id->getName(), fieldID.Name()}))) {
         plan.fields[field.get()];
         gridNews = true;
         return;
@@ -289,22 +286,51 @@ void planSlice(const SlicePtr& slice, const Stored& stored, bool readPending, Se
   if (news) plan.slices.insert(slice.get());
 }
 
-/// What of `bundle` a sync writes: of every slice, or only of the slices
-/// at `times` (those that changed since the last sync).
+}  // namespace
+
 Selection planSync(const Bundle& bundle, const Stored& stored, bool readPending,
-                   const std::set<double>* times = nullptr) {
+                   const std::set<double>* times, const WholeWrites* whole) {
   Selection plan;
   plan.bundleAttributes = !stored.sameBundleAttributes(bundle);
   if (!times) {
     for (const auto& [time, slice] : bundle.getSlices())
-      planSlice(slice, stored, readPending, plan);
+      planSlice(slice, stored, readPending, whole, plan);
     return plan;
   }
-  for (const double time : *times) {
+  std::set<double> visited = *times;
+  if (whole) {
+    for (const auto& [time, name] : whole->grids) visited.insert(time);
+    for (const auto& [time, grid, field] : whole->fields) visited.insert(time);
+  }
+  for (const double time : visited) {
     const auto found = bundle.getSlices().find(time);
-    if (found != bundle.getSlices().end()) planSlice(found->second, stored, readPending, plan);
+    if (found != bundle.getSlices().end()) {
+      planSlice(found->second, stored, readPending, whole, plan);
+    }
   }
   return plan;
+}
+
+WholeWrites wholeWritesOf(const Selection& plan) {
+  WholeWrites whole;
+  for (const Slice* slice : plan.slices) {
+    for (const auto& [id, grid] : slice->getGrids()) {
+      const auto chosen = grid ? plan.grids.find(grid.get()) : plan.grids.end();
+      if (!id || chosen == plan.grids.end()) continue;
+      if (!chosen->second) {
+        whole.grids.emplace(slice->getTime(), id->getName());
+        continue;
+      }
+      forEachPlacedField(*grid, [&](const SkeletonID&, const Skeleton&, const FieldID& fieldID,
+                                    const StrongPtr<Field>& field) {
+        const auto fieldChoice = plan.fields.find(field.get());
+        if (fieldChoice != plan.fields.end() && !fieldChoice->second.partial) {
+          whole.fields.emplace(slice->getTime(), id->getName(), fieldID.Name());
+        }
+      });
+    }
+  }
+  return whole;
 }
 
 bool nothingIn(const Selection& plan) {
@@ -327,12 +353,10 @@ void recordWritten(const Bundle& bundle, const Selection& plan, Stored& stored) 
 
 // ---- the descriptor ----------------------------------------------------------------
 
-/// A part as the series' descriptor (beside the journal) names it.
 std::string partReference(const std::string& journal, const std::string& token, uint64_t number) {
   return partPath(fileNameOf(journal), token, number);
 }
 
-/// The descriptor of the series `journal` whose parts are named by `token`.
 std::unique_ptr<SeriesDescriptor> descriptorFor(const std::string& journal,
                                                 const std::string& token) {
   return std::make_unique<SeriesDescriptor>(
@@ -352,26 +376,93 @@ std::unique_ptr<SeriesDescriptor> descriptorFor(const std::string& journal,
       });
 }
 
+// ---- the journal's end -------------------------------------------------------------
+
+std::string partsFolder(const std::string& journal) {
+  return journal + ".parts";
+}
+
+std::string newToken() {
+  std::random_device device;
+  std::mt19937_64 random((static_cast<uint64_t>(device()) << 32) ^ device() ^
+                         static_cast<uint64_t>(getpid()));
+  char text[TokenBytes + 1];
+  std::snprintf(text, sizeof(text), "%016llx", static_cast<unsigned long long>(random()));
+  return text;
+}
+
+namespace {
+
+/// Opens the journal `path` for appending, locked against other writers.
+int openLocked(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  require(fd >= 0, systemError("cannot open"));
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    const int error = errno;
+    close(fd);
+    require(error != EWOULDBLOCK, "bound already, by another binding or process");
+    errno = error;
+    throw Failure(systemError("cannot lock"));
+  }
+  return fd;
+}
+
+}  // namespace
+
+JournalTail::JournalTail(const std::string& path) : path_(path), fd_(openLocked(path)) {
+  try {
+    read_ = readJournal(path);
+    // A record cut short by a crash goes before the next is appended.
+    struct stat status {};
+    require(fstat(fd_, &status) == 0, systemError("cannot read " + path));
+    if (static_cast<uint64_t>(status.st_size) > read_.validBytes) {
+      require(ftruncate(fd_, static_cast<off_t>(read_.validBytes)) == 0 && fsync(fd_) == 0,
+              systemError("cannot cut the unfinished record off " + path));
+    }
+  } catch (...) {
+    close(fd_);
+    throw;
+  }
+  next_ = read_.records.empty() ? 0 : read_.records.back().number + 1;
+  length_ = read_.validBytes;
+}
+
+JournalTail::~JournalTail() {
+  close(fd_);
+}
+
+void JournalTail::append(const Index& index) {
+  try {
+    const std::vector<uint8_t> record = encodeRecord(next_, index);
+    writeAt(fd_, record, length_, path_);
+    require(fsync(fd_) == 0, systemError("cannot flush " + path_));
+    length_ += record.size();
+    ++next_;
+  } catch (...) {
+    // The record may not stay: the journal ends where it did.
+    if (ftruncate(fd_, static_cast<off_t>(length_)) == 0) fsync(fd_);
+    throw;
+  }
+}
+
+namespace {
+
 // ---- the binding -------------------------------------------------------------------
 
 /// A bundle bound to a series: every sync adds one part with what is new.
 class SeriesBinding : public StorageBinding {
  public:
-  SeriesBinding(std::string journal, int fd, Journal read, std::shared_ptr<Stored> stored,
-                StrongPtr<StorageTransformations> transformations,
+  SeriesBinding(std::string journal, std::unique_ptr<JournalTail> tail,
+                std::shared_ptr<Stored> stored, StrongPtr<StorageTransformations> transformations,
                 StrongPtr<Ostrak::LoaderProgress> progress, bool walkAll,
                 std::unique_ptr<SeriesDescriptor> descriptor)
       : walkAll_(walkAll),
         journal_(std::move(journal)),
-        fd_(fd),
-        token_(std::move(read.token)),
-        next_(read.records.empty() ? 0 : read.records.back().number + 1),
-        length_(read.validBytes),
+        tail_(std::move(tail)),
         stored_(std::move(stored)),
         transformations_(std::move(transformations)),
         progress_(std::move(progress)),
         descriptor_(std::move(descriptor)) {}
-  ~SeriesBinding() override { close(fd_); }
 
   int32_t synchronize(const Bundle& bundle, const StrongPtr<MemBase, Cacheable>&,
                       Ostrak::Intercube&) override {
@@ -398,29 +489,24 @@ class SeriesBinding : public StorageBinding {
       if (descriptor_ && descriptor_->stale()) descriptor_->rewrite();
       return;
     }
-    const std::string part = partPath(journal_, token_, next_);
+    const std::string& token = tail_->journal().token;
+    const uint64_t number = tail_->next();
+    const std::string part = partPath(journal_, token, number);
     Index written;
     std::vector<std::string> structures;
     writeBundle(bundle, part, {transformations_, {}, {}, &plan, &written, &structures});
     try {
-      const std::vector<uint8_t> record = encodeRecord(next_, written);
-      writeAt(fd_, record, length_, journal_);
-      require(fsync(fd_) == 0, systemError("cannot flush " + journal_));
-      length_ += record.size();
+      tail_->append(written);
     } catch (...) {
-      // Neither the record nor its part may stay: the journal ends where it did.
-      if (ftruncate(fd_, static_cast<off_t>(length_)) == 0) fsync(fd_);
-      std::remove(part.c_str());
+      std::remove(part.c_str());  // a part without its record may not stay
       throw;
     }
-    ++next_;
     recordWritten(bundle, plan, *stored_);
     walkAll_ = false;
     changed_.clear();
     if (!descriptor_) return;
     const std::optional<std::string> failed = failureOf([&] {
-      descriptor_->add(
-          describedWrite(written, structures, partReference(journal_, token_, next_ - 1)));
+      descriptor_->add(describedWrite(written, structures, partReference(journal_, token, number)));
     });
     require(!failed,
             "the data are synced, but the descriptor " + descriptorOf(journal_) +
@@ -432,30 +518,13 @@ class SeriesBinding : public StorageBinding {
   bool walkAll_;
   std::set<double> changed_;
   std::string journal_;
-  int fd_;
-  std::string token_;
-  uint64_t next_;
-  uint64_t length_;
+  std::unique_ptr<JournalTail> tail_;
   std::shared_ptr<Stored> stored_;
   StrongPtr<StorageTransformations> transformations_;
   StrongPtr<Ostrak::LoaderProgress> progress_;
   std::unique_ptr<SeriesDescriptor> descriptor_;  // null: none is written
   std::string error_;
 };
-
-/// Opens the journal `path` for appending, locked against other writers.
-int openLocked(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-  require(fd >= 0, systemError("cannot open"));
-  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-    const int error = errno;
-    close(fd);
-    require(error != EWOULDBLOCK, "bound already, by another binding or process");
-    errno = error;
-    throw Failure(systemError("cannot lock"));
-  }
-  return fd;
-}
 
 /// Writes a journal of no records (or of the one record `first`) as `path`,
 /// atomically.
@@ -480,11 +549,18 @@ void writeJournal(const std::string& path, const std::string& token,
   });
 }
 
-/// Removes what is in the parts folder but not a part of the journal: parts
-/// of a series replaced since, of a sync that did not complete, and their
-/// temporary files.
-void removeStrayParts(const std::string& journal, const Journal& read, uint64_t next,
-                      bool keepOtherSeries) {
+}  // namespace
+
+void requireUnbound(const std::string& path) {
+  if (isJournal(path)) close(openLocked(path));
+}
+
+void startJournal(const std::string& path, const std::string& token, const Index& first) {
+  writeJournal(path, token, encodeRecord(0, first));
+}
+
+void removeStrayParts(const std::string& journal, const Journal& read, bool keepOtherSeries) {
+  const uint64_t next = read.records.empty() ? 0 : read.records.back().number + 1;
   std::error_code error;
   for (const auto& entry : fs::directory_iterator(partsFolder(journal), error)) {
     const std::string name = entry.path().filename().string();
@@ -500,7 +576,12 @@ void removeStrayParts(const std::string& journal, const Journal& read, uint64_t 
   }
 }
 
-}  // namespace
+bool WholeWrites::names(double time) const {
+  const auto grid = grids.lower_bound({time, ""});
+  const auto field = fields.lower_bound({time, "", ""});
+  return (grid != grids.end() && grid->first == time) ||
+         (field != fields.end() && std::get<0>(*field) == time);
+}
 
 bool isJournal(const std::string& path) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -550,7 +631,7 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
   std::error_code error;
   fs::create_directory(partsFolder(path), error);
   require(!error, "cannot make the folder " + partsFolder(path) + ": " + error.message());
-  if (!existing && isJournal(path)) close(openLocked(path));  // not while bound elsewhere
+  if (!existing) requireUnbound(path);
   // A bundle that still reads parts of the series it replaces keeps them.
   const bool readsReplacedParts = !existing && stored;
   if (!existing) {
@@ -562,7 +643,7 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
     const std::string first = partPath(path, token, 0);
     writeBundle(bundle, first, {transformations, progress, {}, &plan, &written});
     try {
-      writeJournal(path, token, encodeRecord(0, written));
+      startJournal(path, token, written);
     } catch (...) {
       std::remove(first.c_str());
       throw;
@@ -584,7 +665,7 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
     const std::string first = partPath(path, token, 0);
     require(link(path.c_str(), first.c_str()) == 0, systemError("cannot link " + first));
     try {
-      writeJournal(path, token, encodeRecord(0, source->index()));
+      startJournal(path, token, source->index());
     } catch (...) {
       std::remove(first.c_str());
       throw;
@@ -594,42 +675,22 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
       attachSource(bundle, source, progress, stored);
     }
   }
-  const int fd = openLocked(path);
-  Journal read;
-  try {
-    read = readJournal(path);
-    if (!stored) {
-      stored = std::make_shared<Stored>();
-      attachParts(bundle, partsOf(path, read), progress, stored);
-    }
-    // A record cut short by a crash goes before the next is appended.
-    struct stat status {};
-    require(fstat(fd, &status) == 0, systemError("cannot read " + path));
-    if (static_cast<uint64_t>(status.st_size) > read.validBytes) {
-      require(ftruncate(fd, static_cast<off_t>(read.validBytes)) == 0 && fsync(fd) == 0,
-              systemError("cannot cut the unfinished record off " + path));
-    }
-  } catch (...) {
-    close(fd);
-    throw;
+  auto tail = std::make_unique<JournalTail>(path);
+  const Journal& read = tail->journal();
+  if (!stored) {
+    stored = std::make_shared<Stored>();
+    attachParts(bundle, partsOf(path, read), progress, stored);
   }
-  removeStrayParts(path, read, read.records.empty() ? 0 : read.records.back().number + 1,
-                   readsReplacedParts);
+  removeStrayParts(path, read, readsReplacedParts);
   std::unique_ptr<SeriesDescriptor> descriptor;
   if (writesXdmf(transformations.get())) {
-    try {
-      descriptor = descriptorFor(path, read.token);
-      std::vector<const Index*> described;
-      for (const Journal::Record& record : read.records) described.push_back(&record.index);
-      descriptor->open(described);
-    } catch (...) {
-      close(fd);
-      throw;
-    }
+    descriptor = descriptorFor(path, read.token);
+    std::vector<const Index*> described;
+    for (const Journal::Record& record : read.records) described.push_back(&record.index);
+    descriptor->open(described);
   }
-  StrongPtr<SeriesBinding> binding(new SeriesBinding(path, fd, std::move(read), stored,
-                                                     transformations, progress, existing,
-                                                     std::move(descriptor)));
+  StrongPtr<SeriesBinding> binding(new SeriesBinding(path, std::move(tail), stored, transformations,
+                                                     progress, existing, std::move(descriptor)));
   if (existing && binding->synchronize(bundle, {}, bundle) == 0) {
     throw Failure(binding->lastError());
   }

@@ -10,13 +10,18 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "bundle/Bundle.hpp"
 #include "bundle/StorageTransformations.hpp"
 #include "formats/hdf5/detail/Index.hpp"
 #include "formats/hdf5/detail/Reader.hpp"
+#include "formats/hdf5/detail/Writer.hpp"
+#include "formats/hdf5/detail/Xdmf.hpp"
 #include "ostrak/Loader.hpp"
 
 namespace Quaril::H5::detail {
@@ -41,6 +46,82 @@ bool isJournal(const std::string& path);
 Journal readJournal(const std::string& path);
 /// The file of part `number` of the series `journal`.
 std::string partPath(const std::string& journal, const std::string& token, uint64_t number);
+
+/// The folder of the parts of the series `journal`.
+std::string partsFolder(const std::string& journal);
+/// A new random token to name the parts of a new series.
+std::string newToken();
+
+/// Throws Failure when `path` is a series that a binding holds.
+void requireUnbound(const std::string& path);
+/// Makes `path` a journal with one record, of part 0 holding `first`,
+/// atomically replacing whatever `path` was. Throws Failure.
+void startJournal(const std::string& path, const std::string& token, const Index& first);
+
+/// The end of a journal that a binding appends to, open and locked against
+/// other writers while it lives.
+class JournalTail {
+ public:
+  /// Opens and locks `path`, reads its complete records, and cuts off a
+  /// record cut short by a crash. Throws Failure.
+  explicit JournalTail(const std::string& path);
+  ~JournalTail();
+  JournalTail(const JournalTail&) = delete;
+  JournalTail& operator=(const JournalTail&) = delete;
+
+  /// The complete records as they were when the tail was opened.
+  const Journal& journal() const noexcept { return read_; }
+  /// The number of the next part.
+  uint64_t next() const noexcept { return next_; }
+  /// Appends the record of the next part, holding `index`, and flushes it.
+  /// On failure the journal ends where it did and Failure is thrown.
+  void append(const Index& index);
+
+ private:
+  std::string path_;
+  int fd_;
+  Journal read_;
+  uint64_t next_;
+  uint64_t length_;
+};
+
+/// Removes what is in the parts folder but not a part of the journal: parts
+/// of a series replaced since (unless `keepOtherSeries`), of a sync that did
+/// not complete, and their temporary files.
+void removeStrayParts(const std::string& journal, const Journal& read, bool keepOtherSeries);
+
+/// The descriptor of the series `journal` whose parts are named by `token`.
+std::unique_ptr<SeriesDescriptor> descriptorFor(const std::string& journal,
+                                                const std::string& token);
+/// Part `number` as the series' descriptor (beside the journal) names it.
+std::string partReference(const std::string& journal, const std::string& token, uint64_t number);
+
+/// Grids and fields that a sync of many writers writes whole wherever a
+/// writer holds them, because some writer writes them whole: what is written
+/// whole replaces what the series held, the other writers' fragments too.
+struct WholeWrites {
+  std::set<std::pair<double, std::string>> grids;  ///< time, grid name
+  /// time, grid name, field name
+  std::set<std::tuple<double, std::string, std::string>> fields;
+  bool empty() const noexcept { return grids.empty() && fields.empty(); }
+  /// Whether it names a grid or field at `time`.
+  bool names(double time) const;
+};
+
+/// What of `bundle` a sync writes: what `stored` does not list (or lists
+/// with other attributes), of every slice or only of the slices at `times`.
+/// A slice still to be read from a file is read and written when
+/// `readPending`, and otherwise left alone. With `whole`, the grids and
+/// fields it names are written whole where the bundle holds them.
+Selection planSync(const Bundle& bundle, const Stored& stored, bool readPending,
+                   const std::set<double>* times = nullptr, const WholeWrites* whole = nullptr);
+/// What `plan` writes whole: its grids written whole, and in the grids it
+/// adds to, the fields written whole.
+WholeWrites wholeWritesOf(const Selection& plan);
+/// Whether `plan` writes nothing.
+bool nothingIn(const Selection& plan);
+/// Lists in `stored` what a completed sync of `plan` wrote.
+void recordWritten(const Bundle& bundle, const Selection& plan, Stored& stored);
 
 /// The parts of the series, opened on first use.
 std::vector<Part> partsOf(const std::string& journal, const Journal& read);
