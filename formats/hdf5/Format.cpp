@@ -61,14 +61,6 @@ std::shared_ptr<detail::Stored> recordLoaded(Bundle& bundle, const std::string& 
   return stored;
 }
 
-/// What was read from `filename` into `bundle`; null when it was not loaded.
-std::shared_ptr<detail::Stored> loadedFrom(const Bundle& bundle, const std::string& filename) {
-  auto loaded = bundle.findInterface<LoadedFiles, LoadedFiles>();
-  if (!loaded) return {};
-  auto found = loaded->files.find(LoadedFiles::key(filename));
-  return found == loaded->files.end() ? nullptr : found->second;
-}
-
 /// A file opened for loading: a single file or the parts of a series.
 struct Opened {
   std::string path;
@@ -148,7 +140,7 @@ class Saver : public Ostrak::Interface<Saver> {
                       "no such file; bindToNew makes a new one");
       detail::bindSeries(*bundle, filename, existing,
                          request->findInterface<StorageTransformations>(), progress,
-                         loadedFrom(*bundle, filename));
+                         detail::loadedFrom(*bundle, filename));
     });
     return answer(*request, bound, progress);
   }
@@ -251,6 +243,14 @@ Outcome save(const Bundle& bundle, const std::string& filename,
       throw;
     }
   });
+}
+
+std::shared_ptr<detail::Stored> detail::loadedFrom(const Bundle& bundle,
+                                                   const std::string& filename) {
+  auto loaded = bundle.findInterface<LoadedFiles, LoadedFiles>();
+  if (!loaded) return {};
+  auto found = loaded->files.find(LoadedFiles::key(filename));
+  return found == loaded->files.end() ? nullptr : found->second;
 }
 
 Outcome lastSync(const Bundle& bundle) {

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "formats/hdf5/detail/Collective.hpp"
+#include "grid/GridWalk.hpp"
 #include "tests/hdf5/FileFixture.hpp"
 #include "tests/mpi/Ranks.hpp"
 
@@ -69,29 +70,44 @@ std::vector<UniformBlock> blocksOf(int rank, int shift) {
   return blocks;
 }
 
+/// A change of one rank's values in grid "blocks".
+struct Changed {
+  int rank = -1;
+  double pressure = 0;
+  int32_t id = 0;
+};
+
+/// Fills `grid` with the fragments of `ranks` (named after rank - `shift`)
+/// and their fields "p" (double) and "id" (int32) at time `t`.
+void fillBlocks(Grid& grid, double t, const std::vector<int>& ranks, int shift = 0,
+                Changed changed = {}) {
+  std::vector<UniformBlock> blocks;
+  std::map<std::string, std::vector<double>> pressure;
+  std::map<std::string, std::vector<int32_t>> ids;
+  for (int rank : ranks) {
+    const bool change = rank == changed.rank;
+    for (const UniformBlock& block : blocksOf(rank, shift)) {
+      blocks.push_back(block);
+      for (int i = 0; i < 8; ++i) {
+        pressure[block.name].push_back(t + rank * 100 + block.origin.x + i / 8.0 +
+                                       (change ? changed.pressure : 0));
+        ids[block.name].push_back(rank * 1000 + i + (change ? changed.id : 0));
+      }
+    }
+  }
+  makeFragmentedUniformGrid(grid, blocks);
+  addVertexField(grid, "p", pressure);
+  addVertexField(grid, "id", ids);
+  grid.setAttribute("solver", std::string("multigrid"));
+}
+
 /// The bundle that ranks `ranks` hold together: grid "blocks" with their
 /// fragments of a double and an int32 field at three times, attributes, and
 /// (with `shared`) a grid whose name is not UTF-8, held unfragmented.
 BundlePtr bundleOf(const std::vector<int>& ranks, bool shared, int shift = 0) {
   BundlePtr bundle(new Bundle);
   for (double t : {-0.0, 0.25, 1e300}) {
-    Grid& grid = gridIn(bundle, t, "blocks");
-    std::vector<UniformBlock> blocks;
-    std::map<std::string, std::vector<double>> pressure;
-    std::map<std::string, std::vector<int32_t>> ids;
-    for (int rank : ranks) {
-      for (const UniformBlock& block : blocksOf(rank, shift)) {
-        blocks.push_back(block);
-        for (int i = 0; i < 8; ++i) {
-          pressure[block.name].push_back(t + rank * 100 + block.origin.x + i / 8.0);
-          ids[block.name].push_back(rank * 1000 + i);
-        }
-      }
-    }
-    makeFragmentedUniformGrid(grid, blocks);
-    addVertexField(grid, "p", pressure);
-    addVertexField(grid, "id", ids);
-    grid.setAttribute("solver", std::string("multigrid"));
+    fillBlocks(gridIn(bundle, t, "blocks"), t, ranks, shift);
     if (shared) {
       Grid& other = gridIn(bundle, t, "lid \xff");
       makeUniformGrid(other, {2, 1, 1}, {0, 0, 0}, {1, 1, 1});
@@ -238,6 +254,174 @@ TEST_F(SharedFolderTest, aFailureOnOneRankFailsTheSaveOnEveryRankAndKeepsTheOldF
     }
     MPI_Barrier(MPI_COMM_WORLD);
   }
+}
+
+// ---- a series written together ----------------------------------------------------
+
+/// The rank's policy: isSaved throws while `refuse` is set.
+class RefusesWhenAsked : public StorageTransformations {
+ public:
+  void isSaved(const StrongPtr<CreativeArrayBase>&, const StrongPtr<FragmentID>&, const FieldID&,
+               const Field&, const Ostrak::WeakPtr<Grid>&, const std::string&, double,
+               const std::string&, const SkeletonID&) override {
+    if (refuse) throw std::runtime_error("isSaved refuses");
+  }
+  bool refuse = false;
+};
+
+/// The parts in the folder of the series `journal`, temporary files too.
+size_t partFiles(const std::string& journal) {
+  size_t files = 0;
+  for ([[maybe_unused]] const auto& entry :
+       std::filesystem::directory_iterator(journal + ".parts")) {
+    ++files;
+  }
+  return files;
+}
+
+/// Replaces the field `name` of the vertices of `grid` by a new one of
+/// `values`.
+template <class T>
+void replaceVertexField(Grid& grid, const std::string& name,
+                        const std::map<std::string, std::vector<T>>& values) {
+  const StrongPtr<Representation> rep = grid.getCartesianRepresentation();
+  StrongPtr<FieldID> old;
+  rep->iterate([&](const StrongPtr<FieldID>& id, const StrongPtr<Field>&) {
+    if (id->Name() == name) old = id;
+    return true;
+  });
+  rep->removeField(old);
+  addVertexField(grid, name, values);
+}
+
+TEST_F(SharedFolderTest, aSeriesSyncedTogetherHoldsEveryRanksFragmentsAfterEverySync) {
+  const int rank = worldRank();
+  const int last = worldSize() - 1;
+  const std::string series = path("run.h5");
+  BundlePtr mine = bundleOf({rank}, rank == 0);
+  const H5::Outcome bound = H5::bindCollectively(MPI_COMM_WORLD, *mine, series);
+  ASSERT_TRUE(bound.ok) << bound.error;
+
+  // Each step changes the ranks' bundles as `change` does, syncs them
+  // together, and checks the series against the bundle of all ranks.
+  BundlePtr expected = bundleOf(allRanks(), true);
+  struct Step {
+    const char* name;
+    std::function<void(const BundlePtr&, int rank)> change;  // of a rank, or of all (-1)
+    size_t parts;
+  };
+  auto addStep = [](const BundlePtr& bundle, int rank) {
+    fillBlocks(gridIn(bundle, 0.5, "blocks"), 0.5, rank < 0 ? allRanks() : std::vector{rank});
+  };
+  const std::vector<Step> steps = {
+      {"a new time step on every rank", addStep, 2},
+      {"nothing new", [](const BundlePtr&, int) {}, 2},
+      {"the last rank gives its fragments at 0.5 new data: every rank adds its skeletons",
+       [last](const BundlePtr& bundle, int rank) {
+         const Changed changed{last, 5, 0};
+         if (rank < 0)
+           return fillBlocks(*(*bundle)[0.5]->newGrid("blocks"), 0.5, allRanks(), 0, changed);
+         if (rank != last) return;
+         BundlePtr scratch(new Bundle);
+         Grid& made = gridIn(scratch, 0.5, "blocks");
+         fillBlocks(made, 0.5, {last}, 0, changed);
+         const StrongPtr<Field> field =
+             gridIn(bundle, 0.5, "blocks").getCartesianRepresentation()->findField("p");
+         forEachFragment(
+             *made.getCartesianRepresentation()->findField("p"),
+             [&](const StrongPtr<FragmentID>& fresh, const StrongPtr<CreativeArrayBase>& creator) {
+               forEachFragment(*field, [&](const StrongPtr<FragmentID>& held, const auto&) {
+                 if (held->Name() == fresh->Name()) field->setCreator(creator, held);
+               });
+             });
+       },
+       3},
+      {"rank 0 makes its grid at 0.25 anew: every rank writes that grid whole",
+       [](const BundlePtr& bundle, int rank) {
+         if (rank > 0) return;
+         const Changed changed{0, 1000, 0};
+         fillBlocks(*(*bundle)[0.25]->newGrid("blocks"), 0.25,
+                    rank < 0 ? allRanks() : std::vector{0}, 0, changed);
+       },
+       4},
+      {"the last rank makes its field \"id\" at 1e300 anew: every rank writes that field whole",
+       [last](const BundlePtr& bundle, int rank) {
+         if (rank >= 0 && rank != last) return;
+         std::map<std::string, std::vector<int32_t>> ids;
+         for (int each : rank < 0 ? allRanks() : std::vector{rank}) {
+           for (const UniformBlock& block : blocksOf(each, 0)) {
+             for (int i = 0; i < 8; ++i)
+               ids[block.name].push_back(each * 1000 + i + (each == last ? 7 : 0));
+           }
+         }
+         replaceVertexField(gridIn(bundle, 1e300, "blocks"), "id", ids);
+       },
+       5},
+  };
+  if (rank == 0) {
+    EXPECT_EQ(differences(*expected, *loaded(series)), "") << "after binding";
+  }
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.name);
+    step.change(mine, rank);
+    step.change(expected, -1);
+    const H5::Outcome synced = H5::syncCollectively(MPI_COMM_WORLD, *mine);
+    ASSERT_TRUE(synced.ok) << synced.error;
+    if (rank == 0) {
+      EXPECT_EQ(differences(*expected, *loaded(series)), "");
+      EXPECT_EQ(partFiles(series), step.parts);
+    }
+    MPI_Barrier(MPI_COMM_WORLD);
+  }
+  if (rank == 0) {
+    EXPECT_TRUE(H5::check(series).ok);
+    EXPECT_EQ(withoutRoom(series + ".xmf"), describedAnew(series));
+  }
+  // A plain sync reaches one rank only: it does nothing, and says why.
+  EXPECT_EQ(mine->sync(), 0);
+  EXPECT_NE(H5::lastSync(*mine).error.find("syncCollectively"), std::string::npos);
+  MPI_Barrier(MPI_COMM_WORLD);
+}
+
+TEST_F(SharedFolderTest, aSyncThatFailsOnOneRankLeavesTheSeriesAsItWasAndTheNextWritesItAll) {
+  const int rank = worldRank();
+  const int last = worldSize() - 1;
+  const std::string series = path("run.h5");
+  BundlePtr unbound = bundleOf({rank}, false);
+  const H5::Outcome refused = H5::syncCollectively(MPI_COMM_WORLD, *unbound);
+  EXPECT_NE(refused.error.find("not bound collectively"), std::string::npos) << refused.error;
+
+  StrongPtr<RefusesWhenAsked> policy(new RefusesWhenAsked);
+  BundlePtr mine = bundleOf({rank}, false);
+  ASSERT_TRUE(H5::bindCollectively(MPI_COMM_WORLD, *mine, series, policy).ok);
+  const std::string journal = rank == 0 ? fileBytes(series) : "";
+  const std::string descriptor = rank == 0 ? fileBytes(series + ".xmf") : "";
+  fillBlocks(gridIn(mine, 0.5, "blocks"), 0.5, {rank});
+  policy->refuse = rank == last;
+  const H5::Outcome failed = H5::syncCollectively(MPI_COMM_WORLD, *mine);
+  EXPECT_FALSE(failed.ok);
+  EXPECT_NE(failed.error.find("rank " + std::to_string(last) +
+                              ": stopped by an exception: isSaved refuses"),
+            std::string::npos)
+      << failed.error;
+  const std::vector<std::string> errors = H5::detail::allGatherText(MPI_COMM_WORLD, failed.error);
+  EXPECT_EQ(std::set<std::string>(errors.begin(), errors.end()).size(), 1u);
+  EXPECT_EQ(H5::lastSync(*mine).error.empty(), false);
+  if (rank == 0) {
+    EXPECT_EQ(fileBytes(series), journal);
+    EXPECT_EQ(fileBytes(series + ".xmf"), descriptor);
+    EXPECT_EQ(partFiles(series), 1u) << "the failed sync's part is gone";
+  }
+  policy->refuse = false;
+  const H5::Outcome synced = H5::syncCollectively(MPI_COMM_WORLD, *mine);
+  ASSERT_TRUE(synced.ok) << synced.error;
+  EXPECT_TRUE(H5::lastSync(*mine).ok);
+  if (rank == 0) {
+    BundlePtr expected = bundleOf(allRanks(), false);
+    fillBlocks(gridIn(expected, 0.5, "blocks"), 0.5, allRanks());
+    EXPECT_EQ(differences(*expected, *loaded(series)), "");
+  }
+  MPI_Barrier(MPI_COMM_WORLD);
 }
 
 }  // namespace

@@ -236,14 +236,14 @@ namespace {
 /// What a slice holds that `stored` does not list, or lists with other
 /// attributes, added to `plan`. A slice still to be read from a file is read
 /// and written when `readPending`, and otherwise left alone: it is in the
-/// bound series, or is written once something reads it (unless `whole`
+/// bound series, or is written once something reads it (unless `shared`
 /// names what it holds).
 void planSlice(const SlicePtr& slice, const Stored& stored, bool readPending,
-               const WholeWrites* whole, Selection& plan) {
+               const SharedWrites* shared, Selection& plan) {
   if (!slice) return;
   const double time = slice->getTime();
   if (slice->hasPendingLoaders()) {
-    if (!readPending && !(whole && whole->names(time))) return;
+    if (!readPending && !(shared && shared->names(time))) return;
     slice->accessSlice();
   }
   bool news = !stored.contains(slice.referenceBlock());
@@ -254,8 +254,8 @@ void planSlice(const SlicePtr& slice, const Stored& stored, bool readPending,
   for (const auto& [id, grid] : slice->getGrids()) {
     if (!id || !grid) continue;
     const bool gridKnown = stored.contains(grid.referenceBlock()) &&
-                           !(whole && whole->grids.count({time, id->getName()}));
-    bool gridNews = !gridKnown;
+                           !(shared && shared->grids.count({time, id->getName()}));
+    bool gridNews = !gridKnown || (shared && shared->added.count({time, id->getName()}));
     if (!stored.sameAttributes(grid.referenceBlock(), *grid)) {
       plan.gridAttributes.insert(grid.get());
       gridNews = true;
@@ -263,7 +263,7 @@ void planSlice(const SlicePtr& slice, const Stored& stored, bool readPending,
     forEachPlacedField(*grid, [&](const SkeletonID&, const Skeleton&, const FieldID& fieldID,
                                   const StrongPtr<Field>& field) {
       if (!gridKnown || !stored.contains(field.referenceBlock()) ||
-          (whole && whole->fields.count({time, id->getName(), fieldID.Name()}))) {
+          (shared && shared->fields.count({time, id->getName(), fieldID.Name()}))) {
         plan.fields[field.get()];
         gridNews = true;
         return;
@@ -289,48 +289,50 @@ void planSlice(const SlicePtr& slice, const Stored& stored, bool readPending,
 }  // namespace
 
 Selection planSync(const Bundle& bundle, const Stored& stored, bool readPending,
-                   const std::set<double>* times, const WholeWrites* whole) {
+                   const std::set<double>* times, const SharedWrites* shared) {
   Selection plan;
   plan.bundleAttributes = !stored.sameBundleAttributes(bundle);
   if (!times) {
     for (const auto& [time, slice] : bundle.getSlices())
-      planSlice(slice, stored, readPending, whole, plan);
+      planSlice(slice, stored, readPending, shared, plan);
     return plan;
   }
   std::set<double> visited = *times;
-  if (whole) {
-    for (const auto& [time, name] : whole->grids) visited.insert(time);
-    for (const auto& [time, grid, field] : whole->fields) visited.insert(time);
+  if (shared) {
+    for (const auto& [time, name] : shared->grids) visited.insert(time);
+    for (const auto& [time, grid, field] : shared->fields) visited.insert(time);
+    for (const auto& [time, name] : shared->added) visited.insert(time);
   }
   for (const double time : visited) {
     const auto found = bundle.getSlices().find(time);
     if (found != bundle.getSlices().end()) {
-      planSlice(found->second, stored, readPending, whole, plan);
+      planSlice(found->second, stored, readPending, shared, plan);
     }
   }
   return plan;
 }
 
-WholeWrites wholeWritesOf(const Selection& plan) {
-  WholeWrites whole;
+SharedWrites sharedWritesOf(const Selection& plan) {
+  SharedWrites shared;
   for (const Slice* slice : plan.slices) {
     for (const auto& [id, grid] : slice->getGrids()) {
       const auto chosen = grid ? plan.grids.find(grid.get()) : plan.grids.end();
       if (!id || chosen == plan.grids.end()) continue;
       if (!chosen->second) {
-        whole.grids.emplace(slice->getTime(), id->getName());
+        shared.grids.emplace(slice->getTime(), id->getName());
         continue;
       }
+      shared.added.emplace(slice->getTime(), id->getName());
       forEachPlacedField(*grid, [&](const SkeletonID&, const Skeleton&, const FieldID& fieldID,
                                     const StrongPtr<Field>& field) {
         const auto fieldChoice = plan.fields.find(field.get());
         if (fieldChoice != plan.fields.end() && !fieldChoice->second.partial) {
-          whole.fields.emplace(slice->getTime(), id->getName(), fieldID.Name());
+          shared.fields.emplace(slice->getTime(), id->getName(), fieldID.Name());
         }
       });
     }
   }
-  return whole;
+  return shared;
 }
 
 bool nothingIn(const Selection& plan) {
@@ -450,7 +452,7 @@ namespace {
 // ---- the binding -------------------------------------------------------------------
 
 /// A bundle bound to a series: every sync adds one part with what is new.
-class SeriesBinding : public StorageBinding {
+class SeriesBinding : public ReportingBinding {
  public:
   SeriesBinding(std::string journal, std::unique_ptr<JournalTail> tail,
                 std::shared_ptr<Stored> stored, StrongPtr<StorageTransformations> transformations,
@@ -473,8 +475,6 @@ class SeriesBinding : public StorageBinding {
     if (progress_) progress_->message(error_);
     return 0;
   }
-
-  const std::string& lastError() const noexcept { return error_; }
 
  private:
   void sync(const Bundle& bundle) {
@@ -523,7 +523,6 @@ class SeriesBinding : public StorageBinding {
   StrongPtr<StorageTransformations> transformations_;
   StrongPtr<Ostrak::LoaderProgress> progress_;
   std::unique_ptr<SeriesDescriptor> descriptor_;  // null: none is written
-  std::string error_;
 };
 
 /// Writes a journal of no records (or of the one record `first`) as `path`,
@@ -576,11 +575,13 @@ void removeStrayParts(const std::string& journal, const Journal& read, bool keep
   }
 }
 
-bool WholeWrites::names(double time) const {
+bool SharedWrites::names(double time) const {
   const auto grid = grids.lower_bound({time, ""});
   const auto field = fields.lower_bound({time, "", ""});
+  const auto addedTo = added.lower_bound({time, ""});
   return (grid != grids.end() && grid->first == time) ||
-         (field != fields.end() && std::get<0>(*field) == time);
+         (field != fields.end() && std::get<0>(*field) == time) ||
+         (addedTo != added.end() && addedTo->first == time);
 }
 
 bool isJournal(const std::string& path) {
@@ -710,7 +711,7 @@ void writeSeriesDescriptor(const std::string& journal) {
 }
 
 bool lastSyncOf(const StorageBinding* binding, std::string& error) {
-  const auto* series = dynamic_cast<const SeriesBinding*>(binding);
+  const auto* series = dynamic_cast<const ReportingBinding*>(binding);
   if (!series) return false;
   error = series->lastError();
   return true;

@@ -96,14 +96,16 @@ std::unique_ptr<SeriesDescriptor> descriptorFor(const std::string& journal,
 /// Part `number` as the series' descriptor (beside the journal) names it.
 std::string partReference(const std::string& journal, const std::string& token, uint64_t number);
 
-/// Grids and fields that a sync of many writers writes whole wherever a
-/// writer holds them, because some writer writes them whole: what is written
-/// whole replaces what the series held, the other writers' fragments too.
-struct WholeWrites {
-  std::set<std::pair<double, std::string>> grids;  ///< time, grid name
-  /// time, grid name, field name
+/// What a sync of many writers makes every writer that holds it write,
+/// because some writer writes it. What is written whole replaces what the
+/// series held, the other writers' fragments too; a grid added to must list
+/// the skeletons of all writers, as the grid it adds to does.
+struct SharedWrites {
+  std::set<std::pair<double, std::string>> grids;  ///< whole: time, grid name
+  /// whole, in a grid added to: time, grid name, field name
   std::set<std::tuple<double, std::string, std::string>> fields;
-  bool empty() const noexcept { return grids.empty() && fields.empty(); }
+  std::set<std::pair<double, std::string>> added;  ///< grids added to
+  bool empty() const noexcept { return grids.empty() && fields.empty() && added.empty(); }
   /// Whether it names a grid or field at `time`.
   bool names(double time) const;
 };
@@ -111,13 +113,12 @@ struct WholeWrites {
 /// What of `bundle` a sync writes: what `stored` does not list (or lists
 /// with other attributes), of every slice or only of the slices at `times`.
 /// A slice still to be read from a file is read and written when
-/// `readPending`, and otherwise left alone. With `whole`, the grids and
-/// fields it names are written whole where the bundle holds them.
+/// `readPending`, and otherwise left alone. With `shared`, what it names is
+/// written so where the bundle holds it.
 Selection planSync(const Bundle& bundle, const Stored& stored, bool readPending,
-                   const std::set<double>* times = nullptr, const WholeWrites* whole = nullptr);
-/// What `plan` writes whole: its grids written whole, and in the grids it
-/// adds to, the fields written whole.
-WholeWrites wholeWritesOf(const Selection& plan);
+                   const std::set<double>* times = nullptr, const SharedWrites* shared = nullptr);
+/// What of `plan` the other writers of a sync must write too.
+SharedWrites sharedWritesOf(const Selection& plan);
 /// Whether `plan` writes nothing.
 bool nothingIn(const Selection& plan);
 /// Lists in `stored` what a completed sync of `plan` wrote.
@@ -142,6 +143,20 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
 /// Writes the descriptor of the series `journal` anew. Throws Failure, also
 /// while a binding writes the series.
 void writeSeriesDescriptor(const std::string& journal);
+
+/// A binding that keeps the outcome of its last sync.
+class ReportingBinding : public StorageBinding {
+ public:
+  /// Empty when the last sync succeeded.
+  const std::string& lastError() const noexcept { return error_; }
+
+ protected:
+  std::string error_;
+};
+
+/// What was read from `filename` into `bundle`; null when it was not loaded
+/// from it.
+std::shared_ptr<Stored> loadedFrom(const Bundle& bundle, const std::string& filename);
 
 /// The outcome of the last sync of a series binding; empty error and false
 /// when `binding` is no series binding.

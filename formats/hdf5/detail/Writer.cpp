@@ -239,6 +239,7 @@ class BundleWriter {
       return true;
     });
     Json structure{{layout::Skeletons, std::move(skeletons)}};
+    if (plan_ && isFragmented(grid)) plan_->fragmented.insert(row);
     if (request_.selection && request_.selection->grids.at(&grid)) {
       structure[layout::Partial] = true;
     }
@@ -274,6 +275,17 @@ class BundleWriter {
     int datasets;
     uint64_t bytes;
   };
+
+  /// Whether a field of `grid` is held in named fragments.
+  static bool isFragmented(const Grid& grid) {
+    bool fragmented = false;
+    forEachField(grid, [&](const StrongPtr<Field>& field) {
+      forEachFragment(*field, [&](const StrongPtr<FragmentID>& fragment, const auto&) {
+        fragmented = fragmented || fragment;
+      });
+    });
+    return fragmented;
+  }
 
   /// What `base` is: a chart, or a skeleton of the same grid.
   static Json describeBase(const Grid& grid, const BaseSpace* base) {

@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -56,6 +57,8 @@ struct Plan {
   std::map<uint64_t, Attributes> gridAttributes;   ///< by entry row
   std::map<uint64_t, Attributes> sliceAttributes;  ///< by time row
   std::optional<Attributes> bundleAttributes;
+  /// Entry rows of grids with fragmented fields, written or not.
+  std::set<uint64_t> fragmented;
   /// The policy's isSaved calls, to make once the arrays are written.
   std::vector<std::function<void()>> whenWritten;
 };

@@ -18,6 +18,8 @@
 
 #include "formats/hdf5/detail/Collective.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
+#include "formats/hdf5/detail/Series.hpp"
+#include "formats/hdf5/detail/Stored.hpp"
 #include "formats/hdf5/detail/Writer.hpp"
 #include "formats/hdf5/detail/Xdmf.hpp"
 
@@ -183,6 +185,7 @@ std::string encode(const RankPlan& mine) {
                {"arrays", std::move(arrays)},
                {"grids", numbered(plan.gridAttributes)},
                {"slices", numbered(plan.sliceAttributes)},
+               {"fragmented", plan.fragmented},
                {"bundle", plan.bundleAttributes ? encode(*plan.bundleAttributes) : Json(nullptr)}};
   const std::vector<uint8_t> bytes = Json::to_cbor(encoded);
   return std::string(bytes.begin(), bytes.end());
@@ -220,6 +223,7 @@ RankPlan decode(const std::string& text) {
     decoded.plan.sliceAttributes.emplace(slice.at(0).get<uint64_t>(),
                                          decodeAttributes(slice.at(1)));
   }
+  decoded.plan.fragmented = encoded.at("fragmented").get<std::set<uint64_t>>();
   if (!encoded.at("bundle").is_null()) {
     decoded.plan.bundleAttributes = decodeAttributes(encoded.at("bundle"));
   }
@@ -273,28 +277,14 @@ void mergeField(Json& into, const Json& from, const std::string& what, size_t ra
   }
 }
 
-/// Whether a field of the grid of `structure` is fragmented.
-bool hasFragments(const Json& structure) {
-  for (const Json& skeleton : structure.at(layout::Skeletons)) {
-    for (const Json& rep : skeleton.at(layout::Representations)) {
-      for (const Json& field : rep.at(layout::Fields)) {
-        for (const Json& fragment : field.at(layout::Fragments)) {
-          if (fragment.contains(layout::Fragment)) return true;
-        }
-      }
-    }
-  }
-  return false;
-}
-
 /// Adds the structure of one rank's grid to what the lower ranks hold of it.
-void mergeStructure(Json& into, const Json& from, const std::string& grid, size_t rank) {
+/// A rank counts the elements of its own fragments: when the grid is
+/// `decomposed` (some rank holds it in fragments) the counts add up.
+void mergeStructure(Json& into, const Json& from, const std::string& grid, size_t rank,
+                    bool decomposed) {
   require(into.value(layout::Partial, false) == from.value(layout::Partial, false),
           grid + ": the ranks write it differently");
   if (from.value(layout::HasAttributes, false)) into[layout::HasAttributes] = true;
-  // A rank counts the elements of its own fragments: the ranks' counts of
-  // the skeletons of a grid with fragmented fields add up.
-  const bool decomposed = hasFragments(into) || hasFragments(from);
   for (const Json& skeleton : from.at(layout::Skeletons)) {
     Json* same = findIn(into[layout::Skeletons], [&](const Json& held) {
       return held.at(layout::Dimension) == skeleton.at(layout::Dimension) &&
@@ -378,6 +368,16 @@ Merged merge(const std::vector<RankPlan>& plans) {
         merged.index.times.begin());
   };
   merged.index.parents.assign(names.size(), -1);
+  auto keyOf = [&](const Index& index, const IndexEntry& listed) {
+    return std::pair<uint64_t, uint64_t>{timeRow(index.times[listed.timeRow]),
+                                         names.at(index.names[listed.nameRow])};
+  };
+  std::set<std::pair<uint64_t, uint64_t>> decomposed;
+  for (const RankPlan& plan : plans) {
+    for (uint64_t row : plan.plan.fragmented) {
+      decomposed.insert(keyOf(plan.index, plan.index.entries.at(row)));
+    }
+  }
   struct Entry {
     Json structure;
     uint64_t bytes = 0;
@@ -403,7 +403,7 @@ Merged merge(const std::vector<RankPlan>& plans) {
     for (size_t row = 0; row < index.entries.size(); ++row) {
       const IndexEntry& listed = index.entries[row];
       const std::string& name = index.names[listed.nameRow];
-      const std::pair<uint64_t, uint64_t> key{timeRow(index.times[listed.timeRow]), names.at(name)};
+      const std::pair<uint64_t, uint64_t> key = keyOf(index, listed);
       Json structure = Json::parse(plans[rank].structures.at(listed.structureRow));
       auto [entry, added] = entries.try_emplace(key);
       renumber(structure, entry->second.datasets);
@@ -411,7 +411,8 @@ Merged merge(const std::vector<RankPlan>& plans) {
       if (added) {
         entry->second.structure = std::move(structure);
       } else {
-        mergeStructure(entry->second.structure, structure, "grid \"" + name + "\"", rank);
+        mergeStructure(entry->second.structure, structure, "grid \"" + name + "\"", rank,
+                       decomposed.count(key) > 0);
       }
       entry->second.bytes += index.entryBytes.at(row);
       entry->second.datasets += datasets[row];
@@ -438,9 +439,7 @@ Merged merge(const std::vector<RankPlan>& plans) {
   for (size_t rank = 0; rank < plans.size(); ++rank) {
     const RankPlan& plan = plans[rank];
     auto entryRowOf = [&](uint64_t row) {
-      const IndexEntry& listed = plan.index.entries[row];
-      return entryRows.at(
-          {timeRow(plan.index.times[listed.timeRow]), names.at(plan.index.names[listed.nameRow])});
+      return entryRows.at(keyOf(plan.index, plan.index.entries[row]));
     };
     for (const auto& [row, attributes] : plan.plan.gridAttributes) {
       merged.gridAttributes.emplace(entryRowOf(row), attributes);
@@ -593,18 +592,19 @@ std::optional<std::string> onRankZero(MPI_Comm comm, int rank, Action&& action) 
   return agreeOnFailure(comm, rank == 0 ? failureOf(std::forward<Action>(action)) : std::nullopt);
 }
 
-void saveTogether(MPI_Comm comm, const Bundle& bundle, const std::string& filename,
-                  const StrongPtr<StorageTransformations>& transformations,
-                  const StrongPtr<Ostrak::LoaderProgress>& progress,
-                  const StrongPtr<Ostrak::StringList>& gridNames) {
-  Communicator communicator(comm);
-  const int rank = communicator.rank();
-  const MPI_Comm ranks = communicator.get();
-  const std::string path = broadcastText(ranks, filename, 0);
-  const bool xdmf = broadcastText(ranks, writesXdmf(transformations.get()) ? "1" : "", 0) == "1";
+/// The plans of all ranks, and the file they make together: the same on
+/// every rank.
+struct Together {
+  std::vector<RankPlan> plans;
+  Merged merged;
+  bool empty() const noexcept { return merged.index.times.empty() && !merged.bundleAttributes; }
+};
 
+/// Plans this rank's part of the file `path` as `request` asks, and merges
+/// the plans of all ranks. Throws the failure the ranks agreed on.
+Together planTogether(MPI_Comm ranks, int rank, const Bundle& bundle, const std::string& path,
+                      WriteRequest request) {
   RankPlan mine;
-  WriteRequest request{transformations, progress, gridNames};
   request.written = &mine.index;
   request.structures = &mine.structures;
   request.plan = &mine.plan;
@@ -615,75 +615,302 @@ void saveTogether(MPI_Comm comm, const Bundle& bundle, const std::string& filena
     encoded = encode(mine);
   });
   if (agreed) throw Failure(*agreed);
-
-  std::vector<RankPlan> plans;
-  Merged merged;
+  Together together;
   agreed = collectively(ranks, [&] {
     const std::vector<std::string> texts = allGatherText(ranks, encoded);
     for (size_t from = 0; from < texts.size(); ++from) {
       if (static_cast<int>(from) == rank) {
-        plans.push_back(std::move(mine));
+        together.plans.push_back(std::move(mine));
       } else {
-        plans.push_back(decode(texts[from]));
+        together.plans.push_back(decode(texts[from]));
       }
     }
-    merged = merge(plans);
+    together.merged = merge(together.plans);
   });
   if (agreed) throw Failure(*agreed);
+  return together;
+}
 
-  // Rank 0 makes the new file (and descriptor) beside the target; all ranks
-  // write the file; rank 0 renames both over the old ones once all succeeded.
-  const std::string descriptor = descriptorOf(path);
+/// Writes the file the ranks make together as `path`: rank 0 makes a new
+/// file beside it, all ranks write it and make their isSaved calls, and
+/// once all succeeded rank 0 runs `replace` with the new file's name, which
+/// puts it in place. On failure rank 0 removes the new file. Throws the
+/// failure the ranks agreed on.
+void writeTogether(MPI_Comm ranks, int rank, const std::string& path, const Together& together,
+                   const std::function<void(const std::string&)>& replace) {
   std::string temporary;
-  std::string temporaryDescriptor;
-  agreed = onRankZero(ranks, rank, [&] {
-    if (xdmf) {
-      require(!std::filesystem::is_directory(descriptor),
-              "cannot write its descriptor " + descriptor + ": a folder is in the way");
-      temporaryDescriptor = makeTemporary(descriptor);
-    }
-    temporary = makeTemporary(path);
-  });
-  if (agreed) {
-    if (!temporaryDescriptor.empty()) std::remove(temporaryDescriptor.c_str());
-    throw Failure(*agreed);
-  }
+  auto agreed = onRankZero(ranks, rank, [&] { temporary = makeTemporary(path); });
+  if (agreed) throw Failure(*agreed);
   temporary = broadcastText(ranks, temporary, 0);
+  const Plan& plan = together.plans[static_cast<size_t>(rank)].plan;
   Places places;
-  agreed = agreeOnFailure(ranks, createTogether(ranks, temporary, merged, plans, rank, places));
-  if (!agreed) {
-    agreed = collectively(
-        ranks, [&] { writeArrays(temporary, plans[static_cast<size_t>(rank)].plan, places); });
-  }
+  agreed = agreeOnFailure(
+      ranks, createTogether(ranks, temporary, together.merged, together.plans, rank, places));
+  if (!agreed) agreed = collectively(ranks, [&] { writeArrays(temporary, plan, places); });
   if (!agreed) {
     agreed = collectively(ranks, [&] {
-      for (const auto& saved : plans[static_cast<size_t>(rank)].plan.whenWritten) saved();
+      for (const auto& saved : plan.whenWritten) saved();
     });
   }
   if (!agreed) {
     agreed = onRankZero(ranks, rank, [&] {
-      if (xdmf) {
-        writeText(temporaryDescriptor,
-                  describeXdmf({describedWrite(merged.index, merged.structures, fileNameOf(path))}),
-                  descriptor);
-      }
       syncToDisk(temporary, false);
-      require(std::rename(temporary.c_str(), path.c_str()) == 0,
-              systemError("cannot replace " + path));
-      if (xdmf) {
-        require(std::rename(temporaryDescriptor.c_str(), descriptor.c_str()) == 0,
-                systemError("cannot replace " + descriptor));
-      }
-      const std::filesystem::path folder = std::filesystem::path(path).parent_path();
-      syncToDisk(folder.empty() ? "." : folder.string(), true);
+      replace(temporary);
     });
   }
-  if (rank == 0) {
-    // Both are gone after the renames; after a failure they are removed.
-    std::remove(temporary.c_str());
-    if (!temporaryDescriptor.empty()) std::remove(temporaryDescriptor.c_str());
-  }
+  if (rank == 0) std::remove(temporary.c_str());  // gone after a rename
   if (agreed) throw Failure(*agreed);
+}
+
+/// Flushes the folder of `path` to disk.
+void syncFolderOf(const std::string& path) {
+  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+  syncToDisk(folder.empty() ? "." : folder.string(), true);
+}
+
+/// Renames `temporary` over `path`.
+void rename(const std::string& temporary, const std::string& path) {
+  require(std::rename(temporary.c_str(), path.c_str()) == 0, systemError("cannot replace " + path));
+}
+
+void saveTogether(MPI_Comm comm, const Bundle& bundle, const std::string& filename,
+                  const StrongPtr<StorageTransformations>& transformations,
+                  const StrongPtr<Ostrak::LoaderProgress>& progress,
+                  const StrongPtr<Ostrak::StringList>& gridNames) {
+  Communicator communicator(comm);
+  const int rank = communicator.rank();
+  const MPI_Comm ranks = communicator.get();
+  const std::string path = broadcastText(ranks, filename, 0);
+  const bool xdmf = broadcastText(ranks, writesXdmf(transformations.get()) ? "1" : "", 0) == "1";
+  const Together together =
+      planTogether(ranks, rank, bundle, path, {transformations, progress, gridNames});
+  // The descriptor goes beside the file, renamed right after it.
+  writeTogether(ranks, rank, path, together, [&](const std::string& temporary) {
+    const std::string descriptor = descriptorOf(path);
+    std::string temporaryDescriptor;
+    try {
+      if (xdmf) {
+        require(!std::filesystem::is_directory(descriptor),
+                "cannot write its descriptor " + descriptor + ": a folder is in the way");
+        temporaryDescriptor = makeTemporary(descriptor);
+        writeText(temporaryDescriptor,
+                  describeXdmf({describedWrite(together.merged.index, together.merged.structures,
+                                               fileNameOf(path))}),
+                  descriptor);
+      }
+      rename(temporary, path);
+      if (xdmf) rename(temporaryDescriptor, descriptor);
+      syncFolderOf(path);
+    } catch (...) {
+      if (!temporaryDescriptor.empty()) std::remove(temporaryDescriptor.c_str());
+      throw;
+    }
+  });
+}
+
+// ---- a series written together --------------------------------------------------
+
+/// Whether `holds` on any rank.
+bool onAnyRank(MPI_Comm ranks, bool holds) {
+  for (const std::string& answer : allGatherText(ranks, holds ? "1" : "")) {
+    if (!answer.empty()) return true;
+  }
+  return false;
+}
+
+Json encode(const std::set<std::pair<double, std::string>>& grids) {
+  Json list = Json::array();
+  for (const auto& [time, name] : grids) list.push_back({bitsOf(time), bytesOf(name)});
+  return list;
+}
+
+std::string encode(const SharedWrites& shared) {
+  Json fields = Json::array();
+  for (const auto& [time, grid, field] : shared.fields) {
+    fields.push_back({bitsOf(time), bytesOf(grid), bytesOf(field)});
+  }
+  const std::vector<uint8_t> bytes = Json::to_cbor(
+      Json{{"grids", encode(shared.grids)}, {"fields", fields}, {"added", encode(shared.added)}});
+  return std::string(bytes.begin(), bytes.end());
+}
+
+void decodeInto(const std::string& text, SharedWrites& shared) {
+  const Json encoded = Json::from_cbor(text.begin(), text.end());
+  for (const char* kind : {"grids", "added"}) {
+    auto& grids = kind[0] == 'g' ? shared.grids : shared.added;
+    for (const Json& grid : encoded.at(kind))
+      grids.emplace(doubleOf(grid.at(0)), textOf(grid.at(1)));
+  }
+  for (const Json& field : encoded.at("fields")) {
+    shared.fields.emplace(doubleOf(field.at(0)), textOf(field.at(1)), textOf(field.at(2)));
+  }
+}
+
+/// A bundle bound to a series that all ranks of a communicator write
+/// together, one part per collective sync. Rank 0 alone holds the journal's
+/// end and the descriptor.
+class CollectiveBinding : public ReportingBinding {
+ public:
+  CollectiveBinding(std::string journal, std::string token, std::shared_ptr<Stored> stored,
+                    StrongPtr<StorageTransformations> transformations,
+                    StrongPtr<Ostrak::LoaderProgress> progress)
+      : journal_(std::move(journal)),
+        token_(std::move(token)),
+        stored_(std::move(stored)),
+        transformations_(std::move(transformations)),
+        progress_(std::move(progress)) {}
+
+  /// Bundle::sync, and the bundle at its end, call this on one rank alone,
+  /// where no collective call may be made.
+  int32_t synchronize(const Bundle&, const StrongPtr<MemBase, Cacheable>&,
+                      Ostrak::Intercube&) override {
+    error_ = journal_ + ": bound collectively; every rank syncs it with syncCollectively";
+    return 0;
+  }
+
+  /// Writes the first part, with all that the bundles of all ranks hold
+  /// (slices still to be read are read), as the new series `journal_`:
+  /// whatever it was is replaced once the part is complete.
+  void start(MPI_Comm ranks, int rank, const Bundle& bundle, bool xdmf, bool keepOtherSeries) {
+    Selection plan;
+    auto agreed = collectively(ranks, [&] { plan = planSync(bundle, *stored_, true); });
+    if (agreed) throw Failure(*agreed);
+    const std::string part = partPath(journal_, token_, 0);
+    const Together together =
+        planTogether(ranks, rank, bundle, part, {transformations_, progress_, {}, &plan});
+    writeTogether(ranks, rank, part, together, [&](const std::string& temporary) {
+      rename(temporary, part);
+      syncFolderOf(part);
+      try {
+        startJournal(journal_, token_, together.merged.index);
+      } catch (...) {
+        std::remove(part.c_str());
+        throw;
+      }
+      tail_ = std::make_unique<JournalTail>(journal_);
+      removeStrayParts(journal_, tail_->journal(), keepOtherSeries);
+      if (!xdmf) return;
+      descriptor_ = descriptorFor(journal_, token_);
+      descriptor_->open({&together.merged.index});
+    });
+    recordWritten(bundle, plan, *stored_);
+    next_ = 1;
+  }
+
+  /// Adds one part with what the bundles of all ranks hold that the series
+  /// does not.
+  void sync(MPI_Comm ranks, int rank, const Bundle& bundle) {
+    for (double time : bundle.takeChangedSlices()) changed_.insert(time);
+    // What one rank writes whole replaces all that the series held of it, the
+    // other ranks' fragments too: every rank that holds it writes it whole.
+    // A grid that one rank adds to gets the skeletons of every rank that
+    // holds it, so that its element counts add up as before.
+    Selection plan;
+    std::string shared;
+    auto agreed = collectively(ranks, [&] {
+      plan = planSync(bundle, *stored_, false, &changed_);
+      shared = encode(sharedWritesOf(plan));
+    });
+    if (agreed) throw Failure(*agreed);
+    agreed = collectively(ranks, [&] {
+      SharedWrites all;
+      for (const std::string& text : allGatherText(ranks, shared)) decodeInto(text, all);
+      if (!all.empty()) plan = planSync(bundle, *stored_, false, &changed_, &all);
+    });
+    if (agreed) throw Failure(*agreed);
+    const std::string part = partPath(journal_, token_, next_);
+    const Together together =
+        planTogether(ranks, rank, bundle, part, {transformations_, progress_, {}, &plan});
+    if (together.empty()) {
+      changed_.clear();
+      agreed = onRankZero(ranks, rank, [&] {
+        if (descriptor_ && descriptor_->stale()) descriptor_->rewrite();
+      });
+      if (agreed) throw Failure(*agreed);
+      return;
+    }
+    // The part is in place before its record is appended; only the record
+    // makes it part of the series.
+    writeTogether(ranks, rank, part, together, [&](const std::string& temporary) {
+      rename(temporary, part);
+      syncFolderOf(part);
+      try {
+        tail_->append(together.merged.index);
+      } catch (...) {
+        std::remove(part.c_str());
+        throw;
+      }
+    });
+    recordWritten(bundle, plan, *stored_);
+    changed_.clear();
+    const uint64_t number = next_++;
+    agreed = onRankZero(ranks, rank, [&] {
+      if (!descriptor_) return;
+      const std::optional<std::string> failed = failureOf([&] {
+        descriptor_->add(describedWrite(together.merged.index, together.merged.structures,
+                                        partReference(journal_, token_, number)));
+      });
+      require(!failed,
+              "the data are synced, but the descriptor " + descriptorOf(journal_) +
+                  " could not be updated (the next sync writes it anew): " + failed.value_or(""));
+    });
+    if (agreed) throw Failure(*agreed);
+  }
+
+  /// Why the ranks of `communicator` cannot sync the binding together;
+  /// nothing when they can.
+  std::optional<std::string> refusal(const Communicator& communicator) const {
+    if (communicator.rank() == rank_ && communicator.size() == size_) return std::nullopt;
+    return "synced on other ranks than it was bound on";
+  }
+  void setRanks(const Communicator& communicator) noexcept {
+    rank_ = communicator.rank();
+    size_ = communicator.size();
+  }
+  void setOutcome(const std::optional<std::string>& error) { error_ = error.value_or(""); }
+  const std::string& journal() const noexcept { return journal_; }
+
+ private:
+  std::string journal_;
+  std::string token_;
+  std::shared_ptr<Stored> stored_;
+  StrongPtr<StorageTransformations> transformations_;
+  StrongPtr<Ostrak::LoaderProgress> progress_;
+  int rank_ = -1;
+  int size_ = 0;
+  uint64_t next_ = 0;
+  std::set<double> changed_;
+  std::unique_ptr<JournalTail> tail_;             // rank 0 only
+  std::unique_ptr<SeriesDescriptor> descriptor_;  // rank 0 only; null: none is written
+};
+
+void bindTogether(MPI_Comm comm, Bundle& bundle, const std::string& filename,
+                  const StrongPtr<StorageTransformations>& transformations,
+                  const StrongPtr<Ostrak::LoaderProgress>& progress) {
+  Communicator communicator(comm);
+  const int rank = communicator.rank();
+  const MPI_Comm ranks = communicator.get();
+  const std::string path = broadcastText(ranks, filename, 0);
+  const bool xdmf = broadcastText(ranks, writesXdmf(transformations.get()) ? "1" : "", 0) == "1";
+  // Parts of the series replaced stay while a rank may still read them.
+  const bool keepOtherSeries = onAnyRank(ranks, loadedFrom(bundle, path) != nullptr);
+  std::string token;
+  auto agreed = onRankZero(ranks, rank, [&] {
+    require(!path.empty(), "no file name");
+    std::error_code error;
+    std::filesystem::create_directory(partsFolder(path), error);
+    require(!error, "cannot make the folder " + partsFolder(path) + ": " + error.message());
+    requireUnbound(path);
+    token = newToken();
+  });
+  if (agreed) throw Failure(*agreed);
+  token = broadcastText(ranks, token, 0);
+  bundle.trackSliceChanges();
+  StrongPtr<CollectiveBinding> binding(
+      new CollectiveBinding(path, token, std::make_shared<Stored>(), transformations, progress));
+  binding->start(ranks, rank, bundle, xdmf, keepOtherSeries);
+  binding->setRanks(communicator);
+  bundle.setStorage(StrongPtr<StorageBinding>(binding));
 }
 
 }  // namespace
@@ -695,6 +922,34 @@ Outcome saveCollectively(MPI_Comm comm, const Bundle& bundle, const std::string&
   Session session;
   std::optional<std::string> error = failureOf(
       [&] { saveTogether(comm, bundle, filename, transformations, progress, gridNames); });
+  return {!error, error.value_or("")};
+}
+
+Outcome bindCollectively(MPI_Comm comm, Bundle& bundle, const std::string& filename,
+                         const StrongPtr<StorageTransformations>& transformations,
+                         const StrongPtr<Ostrak::LoaderProgress>& progress) {
+  Session session;
+  std::optional<std::string> error =
+      failureOf([&] { bindTogether(comm, bundle, filename, transformations, progress); });
+  return {!error, error.value_or("")};
+}
+
+Outcome syncCollectively(MPI_Comm comm, const Bundle& bundle) {
+  Session session;
+  auto* binding = dynamic_cast<CollectiveBinding*>(bundle.getStorage().get());
+  std::optional<std::string> error = failureOf([&] {
+    Communicator communicator(comm);
+    const auto agreed = agreeOnFailure(
+        communicator.get(),
+        binding ? binding->refusal(communicator)
+                : std::optional<std::string>("not bound collectively (bindCollectively binds it)"));
+    if (agreed) throw Failure(*agreed);
+    binding->sync(communicator.get(), communicator.rank(), bundle);
+  });
+  if (binding) {
+    binding->setOutcome(error ? std::optional<std::string>(binding->journal() + ": " + *error)
+                              : std::nullopt);
+  }
   return {!error, error.value_or("")};
 }
 

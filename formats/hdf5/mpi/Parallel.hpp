@@ -36,6 +36,29 @@ Outcome saveCollectively(MPI_Comm comm, const Bundle& bundle, const std::string&
                          const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress = {},
                          const Ostrak::StrongPtr<Ostrak::StringList>& gridNames = {});
 
+/// Binds `bundle` on every rank of `comm` to a new series `filename` that
+/// the ranks write together, as bindToNew binds one process: its first part
+/// holds what the bundles of all ranks hold now, merged as saveCollectively
+/// merges them; whatever `filename` was is replaced once that part is
+/// complete. Rank 0's `filename` and switch of the descriptor count; each
+/// rank's `transformations` are asked about its own fragments at every sync.
+/// To go on with a run, load its fragments with loadCollectively and bind
+/// them to a new series.
+Outcome bindCollectively(MPI_Comm comm, Bundle& bundle, const std::string& filename,
+                         const Ostrak::StrongPtr<StorageTransformations>& transformations = {},
+                         const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress = {});
+
+/// Adds one part to the series that `bundle` is bound to by
+/// bindCollectively on the ranks of `comm`, with what the bundles of all
+/// ranks hold that the series does not. Only slices that changed since the
+/// last sync are looked at. A grid or field that one rank writes whole (new
+/// to it, or replaced) is written whole by every rank that holds it, so that
+/// no rank's fragments are lost. The part's record is appended to the
+/// series only once every rank has written its data and flushed it, so a
+/// rank or machine that dies during a sync loses that sync only. Bundle::sync
+/// does nothing on such a bundle: it has no other ranks to call on.
+Outcome syncCollectively(MPI_Comm comm, const Bundle& bundle);
+
 /// Loads `filename` (a file or a series) into `bundle` on every rank of
 /// `comm`, with the fragments `choice` gives this rank; by default those of
 /// FragmentsOfRank(rank, size). The load is lazy as always, so a rank reads
