@@ -545,10 +545,11 @@ std::optional<std::string> createTogether(MPI_Comm comm, const std::string& path
 }
 
 /// Writes this rank's arrays into the file `path` at `places`, and flushes
-/// them to disk. Plain positioned writes, independent of the other ranks
-/// and of HDF5, so that one rank's failure cannot leave HDF5's state on the
-/// ranks apart. Throws Failure.
-void writeArrays(const std::string& path, const Plan& plan, const Places& places) {
+/// them to disk when `flush` (rank 0 flushes the whole file later). Plain
+/// positioned writes, independent of the other ranks and of HDF5, so that
+/// one rank's failure cannot leave HDF5's state on the ranks apart. Throws
+/// Failure.
+void writeArrays(const std::string& path, const Plan& plan, const Places& places, bool flush) {
   const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
   require(fd >= 0, systemError("cannot write " + path));
   auto fail = [&](const std::string& what) {
@@ -582,7 +583,7 @@ void writeArrays(const std::string& path, const Plan& plan, const Places& places
       done += static_cast<size_t>(written);
     }
   }
-  if (::fsync(fd) != 0) fail("cannot flush " + path);
+  if (flush && ::fsync(fd) != 0) fail("cannot flush " + path);
   if (::close(fd) != 0) throw Failure(systemError("cannot write " + path));
 }
 
@@ -646,7 +647,9 @@ void writeTogether(MPI_Comm ranks, int rank, const std::string& path, const Toge
   Places places;
   agreed = agreeOnFailure(
       ranks, createTogether(ranks, temporary, together.merged, together.plans, rank, places));
-  if (!agreed) agreed = collectively(ranks, [&] { writeArrays(temporary, plan, places); });
+  if (!agreed) {
+    agreed = collectively(ranks, [&] { writeArrays(temporary, plan, places, rank != 0); });
+  }
   if (!agreed) {
     agreed = collectively(ranks, [&] {
       for (const auto& saved : plan.whenWritten) saved();

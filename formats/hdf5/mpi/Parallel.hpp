@@ -6,6 +6,9 @@
 //   Quaril::H5::saveCollectively(MPI_COMM_WORLD, bundle, "run.h5");
 //   // every rank: back its own fragments, reading nothing else
 //   Quaril::H5::loadCollectively(MPI_COMM_WORLD, mine, "run.h5");
+//   // a series written together, one part per sync
+//   Quaril::H5::bindCollectively(MPI_COMM_WORLD, bundle, "series.h5");
+//   Quaril::H5::syncCollectively(MPI_COMM_WORLD, bundle);
 //
 // The file is an ordinary file of the format: the serial library, the tool,
 // Python and visualisation programs read it like any other. Each function
