@@ -177,20 +177,23 @@ void registerFormat() {
 }
 
 bool FragmentChoice::CreateFragment(const StrongPtr<GridID>&, double, const std::string&,
-                                    const std::string&, size_t, size_t) {
+                                    const std::string&, const FragmentPlace&) {
   return true;
 }
 
 bool FragmentsOfRank::CreateFragment(const StrongPtr<GridID>&, double, const std::string&,
-                                     const std::string& fragment, size_t position, size_t count) {
+                                     const std::string& fragment, const FragmentPlace& place) {
   if (fragment.empty() || size_ <= 0) return true;
-  const auto first = [&](uint64_t rank) { return rank * count / static_cast<uint64_t>(size_); };
+  if (place.ranks == size_) return place.rank == rank_;
+  const auto first = [&](uint64_t rank) {
+    return rank * place.count / static_cast<uint64_t>(size_);
+  };
   const auto rank = static_cast<uint64_t>(rank_);
-  return first(rank) <= position && position < first(rank + 1);
+  return first(rank) <= place.position && place.position < first(rank + 1);
 }
 
 bool FragmentsNamed::CreateFragment(const StrongPtr<GridID>&, double, const std::string&,
-                                    const std::string& fragment, size_t, size_t) {
+                                    const std::string& fragment, const FragmentPlace&) {
   return fragment.empty() || names_.count(fragment) > 0;
 }
 

@@ -51,6 +51,17 @@ class StorageOptions : public StorageTransformations {
   bool writeXdmf_ = true;
 };
 
+/// Where a fragment stands in the file (or the part of a series) it is read
+/// from.
+struct FragmentPlace {
+  size_t position = 0;  ///< among the fragments the file lists for the field there
+  size_t count = 0;     ///< of those fragments
+  /// The rank that wrote it, of `ranks` ranks, when a collective save or sync
+  /// wrote it; `ranks` is 0 otherwise.
+  int rank = 0;
+  int ranks = 0;
+};
+
 /// A load's progress sink that also chooses fragments: pass it as the
 /// progress of a load, and each fragment of each field is offered to
 /// CreateFragment before it is created. One left out is never read. A field
@@ -58,24 +69,23 @@ class StorageOptions : public StorageTransformations {
 class FragmentChoice : public BundleLoaderProgress {
  public:
   /// Whether to load the fragment `fragment` ("" when the field is not
-  /// fragmented) of the field `field` of the grid `id` at `time`, at
-  /// `position` among the `count` fragments that the file lists for that
-  /// field there. Default: true.
+  /// fragmented) of the field `field` of the grid `id` at `time`, which
+  /// stands at `place`. Default: true.
   virtual bool CreateFragment(const Ostrak::StrongPtr<GridID>& id, double time,
                               const std::string& field, const std::string& fragment,
-                              size_t position, size_t count);
+                              const FragmentPlace& place);
 };
 
-/// Each field's fragments dealt out in blocks to `size` ranks, in the order
-/// the file lists them: rank r takes positions [r n / size, (r + 1) n / size)
-/// of n. A file saved collectively lists the ranks' fragments in rank order,
-/// so a rank takes back what it saved when every rank saved as many. Fields
-/// that are not fragmented go to every rank.
+/// The fragments of rank `rank` of `size` ranks. A fragment that a
+/// collective save or sync of `size` ranks wrote goes back to the rank that
+/// wrote it. Any other is dealt out in blocks, in the order the file lists
+/// the field's fragments: rank r takes positions [r n / size, (r + 1) n /
+/// size) of n. Fields that are not fragmented go to every rank.
 class FragmentsOfRank : public FragmentChoice {
  public:
   FragmentsOfRank(int rank, int size) : rank_(rank), size_(size) {}
   bool CreateFragment(const Ostrak::StrongPtr<GridID>& id, double time, const std::string& field,
-                      const std::string& fragment, size_t position, size_t count) override;
+                      const std::string& fragment, const FragmentPlace& place) override;
 
  private:
   int rank_;
@@ -87,7 +97,7 @@ class FragmentsNamed : public FragmentChoice {
  public:
   explicit FragmentsNamed(std::set<std::string> names) : names_(std::move(names)) {}
   bool CreateFragment(const Ostrak::StrongPtr<GridID>& id, double time, const std::string& field,
-                      const std::string& fragment, size_t position, size_t count) override;
+                      const std::string& fragment, const FragmentPlace& place) override;
 
  private:
   std::set<std::string> names_;

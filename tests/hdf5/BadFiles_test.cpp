@@ -213,7 +213,9 @@ std::vector<BadFile> corpus() {
        "overflow"},
       {"lost-skeleton", 2, "\"skeleton\":[0,0]", "\"skeleton\":[0,9]",
        "a skeleton the grid does not have"},
-      {"no-attributes", 2, "{", "{\"attributes\":true,", "\"grids/2\" is missing"}};
+      {"no-attributes", 2, "{", "{\"attributes\":true,", "\"grids/2\" is missing"},
+      {"writer-rank", 0, "\"uniform\"", "\"rank\":[3,2],\"uniform\"",
+       "its writer rank is not [rank, ranks]"}};
   for (const Edit& edit : structures) {
     bad.push_back({edit.name,
                    [edit](hid_t file) { editStructure(file, edit.row, edit.from, edit.to); },

@@ -49,8 +49,8 @@ inline constexpr const char* BundleAttributes = "attributes";  // the bundle's a
 //     "representations": [{"chart", "chart_dimension", "chart_cartesian" |
 //                           "skeleton": [dimension, index],
 //       "fields": [{"name", "type", "partial"?: true,
-//         "fragments": [{"fragment"?, "dataset", "extents"} |
-//                       {"fragment"?, "uniform": {"origin", "spacing", "extents"}}]}]}]}]}
+//         "fragments": [{"fragment"?, "rank"?, "dataset", "extents"} |
+//                       {"fragment"?, "rank"?, "uniform": {"origin", "spacing", "extents"}}]}]}]}]}
 inline constexpr const char* HasAttributes = "attributes";
 // A field of a later part of a bound series that adds fragments to the field
 // read before, instead of replacing it.
@@ -70,6 +70,8 @@ inline constexpr const char* FieldName = "name";
 inline constexpr const char* ElementType = "type";
 inline constexpr const char* Fragments = "fragments";
 inline constexpr const char* Fragment = "fragment";
+// [rank, ranks]: the rank that wrote the fragment in a collective save or sync.
+inline constexpr const char* WriterRank = "rank";
 inline constexpr const char* Dataset = "dataset";
 inline constexpr const char* Extents = "extents";  // first extent first
 inline constexpr const char* Uniform = "uniform";

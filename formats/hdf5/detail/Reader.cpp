@@ -377,8 +377,9 @@ class GridReader {
       const std::string fragmentWhat =
           what + (fragment ? " fragment " + inQuotes(fragment->Name()) : "");
       require(seen.insert(fragment.get()).second, fragmentWhat + " appears twice");
-      if (choice_ && !choice_->CreateFragment(id_, time_, name, fragment ? fragment->Name() : "",
-                                              position, fragments.size())) {
+      const FragmentPlace place = placeOf(fragmentJson, position, fragments.size(), fragmentWhat);
+      if (choice_ &&
+          !choice_->CreateFragment(id_, time_, name, fragment ? fragment->Name() : "", place)) {
         continue;
       }
       ++chosen;
@@ -391,6 +392,22 @@ class GridReader {
     }
     if (chosen == 0 && !fragments.empty()) return;
     representation.setField(name, field);
+  }
+
+  /// Where the fragment `described` stands, with the rank that wrote it.
+  static FragmentPlace placeOf(const Json& described, size_t position, size_t count,
+                               const std::string& what) {
+    FragmentPlace place{position, count};
+    if (!described.contains(layout::WriterRank)) return place;
+    const Json& writer = described.at(layout::WriterRank);
+    require(writer.is_array() && writer.size() == 2 && writer[0].is_number_unsigned() &&
+                writer[1].is_number_unsigned() &&
+                writer[0].get<uint64_t>() < writer[1].get<uint64_t>() &&
+                writer[1].get<uint64_t>() <= INT32_MAX,
+            what + ": its writer rank is not [rank, ranks]");
+    place.rank = writer[0].get<int>();
+    place.ranks = writer[1].get<int>();
+    return place;
   }
 
   /// The fragment identities the grid has already, by name, so that a later

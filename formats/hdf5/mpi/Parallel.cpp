@@ -331,12 +331,15 @@ void mergeStructure(Json& into, const Json& from, const std::string& grid, size_
   }
 }
 
-/// Renames the data sets of a structure: n becomes n + `first`.
-void renumber(Json& structure, uint64_t first) {
+/// A rank's grid structure as it goes into the merged file: its data sets
+/// renamed (n becomes n + `first`), and its named fragments marked as
+/// written by `rank` of `ranks`, so that loads give them back to that rank.
+void renumber(Json& structure, uint64_t first, size_t rank, size_t ranks) {
   for (Json& skeleton : structure.at(layout::Skeletons)) {
     for (Json& rep : skeleton.at(layout::Representations)) {
       for (Json& field : rep.at(layout::Fields)) {
         for (Json& fragment : field.at(layout::Fragments)) {
+          if (fragment.contains(layout::Fragment)) fragment[layout::WriterRank] = {rank, ranks};
           if (!fragment.contains(layout::Dataset)) continue;
           const uint64_t number = std::stoull(fragment[layout::Dataset].get<std::string>());
           fragment[layout::Dataset] = std::to_string(number + first);
@@ -406,7 +409,7 @@ Merged merge(const std::vector<RankPlan>& plans) {
       const std::pair<uint64_t, uint64_t> key = keyOf(index, listed);
       Json structure = Json::parse(plans[rank].structures.at(listed.structureRow));
       auto [entry, added] = entries.try_emplace(key);
-      renumber(structure, entry->second.datasets);
+      renumber(structure, entry->second.datasets, rank, plans.size());
       firstDataset[rank][row] = entry->second.datasets;
       if (added) {
         entry->second.structure = std::move(structure);
