@@ -34,7 +34,7 @@ interop: deps
 	cmake --build $(BUILD_DIR) -j$(JOBS) --target bundle-tool quaril_python interop_every_kind
 	xvfb-run -a pvpython tests/interop/check_paraview.py $(BUILD_DIR)/tools/bundle-tool \
 	      $(BUILD_DIR)/python/package $(BUILD_DIR)/tests/interop_every_kind
-	xvfb-run -a pvpython tests/interop/render_demo.py $(BUILD_DIR)/tools/bundle-tool docs/demo.png
+	xvfb-run -a pvpython scripts/render_demo.py $(BUILD_DIR)/tools/bundle-tool docs/demo.png
 
 # The HDF5 format on MPI and parallel HDF5: its tests under mpiexec on 1, 2 and 4 ranks.
 test-mpi: deps

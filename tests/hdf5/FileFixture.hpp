@@ -8,10 +8,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -51,6 +53,31 @@ class FileTest : public ::testing::Test {
   }
 
   std::filesystem::path folder_;
+};
+
+/// The files in the parts folder of the series `journal`, in name order.
+inline std::vector<std::string> partsOf(const std::string& journal) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(journal + ".parts")) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+/// A policy that throws at the `remaining`-th fragment it is asked about
+/// (never while it is negative).
+class ThrowingPolicy : public StorageTransformations {
+ public:
+  explicit ThrowingPolicy(int k = -1) : remaining(k) {}
+  bool isSaveableFragment(const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>&,
+                          const FieldID&, const Field&, const Ostrak::WeakPtr<Grid>&,
+                          const std::string&, double, const std::string&,
+                          const SkeletonID&) override {
+    if (--remaining == 0) throw std::runtime_error("hook failed");
+    return true;
+  }
+  int remaining;
 };
 
 inline std::string fileBytes(const std::string& path) {

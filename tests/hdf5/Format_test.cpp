@@ -53,19 +53,6 @@ BundlePtr makeRichBundle() {
   return bundle;
 }
 
-TEST_F(FileTest, wholeDataModelRoundTripsExactly) {
-  BundlePtr bundle = makeRichBundle();
-  BundlePtr loaded = roundTrip(*bundle, path("rich.qb.h5"));
-  EXPECT_EQ(differences(*bundle, *loaded), "");
-  // Uniform positions come back procedural, never as a point array.
-  double t = 1;
-  auto positions = (*loaded)(t)->operator()("uniform")->CartesianPositions();
-  auto data = positions->getData();
-  EXPECT_NE(dynamic_cast<UniformCartesianArray*>(data.get()), nullptr);
-  // A saved copy of the loaded bundle is the same again.
-  EXPECT_EQ(differences(*bundle, *roundTrip(*loaded, path("again.h5"))), "");
-}
-
 template <class T>
 std::vector<T> extremes() {
   if constexpr (std::is_same_v<T, point> || std::is_same_v<T, tvector>) {
@@ -85,22 +72,16 @@ void addFieldOfEveryType(Grid& grid) {
   (addVertexField(grid, "field" + std::to_string(number++), extremes<Types>()), ...);
 }
 
-TEST_F(FileTest, everyElementTypeRoundTripsBitForBit) {
-  BundlePtr bundle;
-  bundle.create();
-  Grid& grid = gridIn(bundle, 0, "cloud");
+TEST_F(FileTest, wholeDataModelRoundTripsExactly) {
+  BundlePtr bundle = makeRichBundle();
+  // Every element type at its extremes.
+  Grid& grid = gridIn(bundle, 0.5, "types");
   makePointCloud(grid, {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}});
   addFieldOfEveryType<bool, char, signed char, unsigned char, short, unsigned short, int, unsigned,
                       long, unsigned long, long long, unsigned long long, float, double,
                       long double, wchar_t, char8_t, char16_t, char32_t, point, tvector,
                       TriangleIndices>(grid);
-  BundlePtr loaded = roundTrip(*bundle, path("types.h5"));
-  EXPECT_EQ(differences(*bundle, *loaded), "");
-  double t = 0;
-  EXPECT_EQ((*loaded)(t)->operator()("cloud")->getCartesianRepresentation()->nFields(), 23u);
-}
-
-TEST_F(FileTest, timesAndGridNamesKeepEveryBit) {
+  // Times and grid names of every kind.
   const std::vector<double> times{
       -0.0,  std::numeric_limits<double>::denorm_min(), 1e-300,
       1e300, std::numeric_limits<double>::max(),        std::numeric_limits<double>::lowest(),
@@ -108,16 +89,18 @@ TEST_F(FileTest, timesAndGridNamesKeepEveryBit) {
   const std::vector<std::string> names{
       "",        "a/b", ".", "..", " spaced name ", "\xff\xfe", std::string("zero\0inside", 11),
       "\xc3\xbc"};
-  BundlePtr bundle;
-  bundle.create();
   for (size_t i = 0; i < names.size(); ++i) {
     makePointCloud(gridIn(bundle, times[i % times.size()], names[i]), {{double(i), 0, 0}});
   }
-  BundlePtr loaded = roundTrip(*bundle, path("names.h5"));
+  BundlePtr loaded = roundTrip(*bundle, path("rich.qb.h5"));
   EXPECT_EQ(differences(*bundle, *loaded), "");
-  double t = 0.0;
-  ASSERT_TRUE((*loaded)(t));
   EXPECT_TRUE(std::signbit(loaded->getSlices().find(0.0)->first)) << "-0.0 lost its sign";
+  EXPECT_EQ((*loaded->getSlices().at(0.5))("types")->getCartesianRepresentation()->nFields(), 23u);
+  // Uniform positions come back procedural, never as a point array.
+  auto data = (*loaded->getSlices().at(1.0))("uniform")->CartesianPositions()->getData();
+  EXPECT_NE(dynamic_cast<UniformCartesianArray*>(data.get()), nullptr);
+  // A saved copy of the loaded bundle is the same again.
+  EXPECT_EQ(differences(*bundle, *roundTrip(*loaded, path("again.h5"))), "");
 }
 
 TEST_F(FileTest, registeredFormatServesTheBundleLibraryByFileName) {
@@ -182,10 +165,11 @@ TEST_F(FileTest, openingReadsTheIndexAndEachArrayOnFirstRequest) {
   EXPECT_EQ(lazy->productions(), 2u) << "dropped data are read again";
 }
 
-/// Declines the slice at time 3, the grid "points" and the field "flags";
-/// records what it hears.
-class ChoosyProgress : public BundleLoaderProgress {
+/// Declines the slice at time 3, the grid "points", the field "flags" and
+/// the fragments not named "east" or "north"; records what it hears.
+class ChoosyProgress : public H5::FragmentsNamed {
  public:
+  ChoosyProgress() : FragmentsNamed({"east", "north"}) {}
   bool CreateSlice(double time) override { return time != 3; }
   bool CreateGrid(const StrongPtr<GridID>& id, Grid&, double) override {
     return id->getName() != "points";
@@ -201,44 +185,37 @@ class ChoosyProgress : public BundleLoaderProgress {
   bool finished = false;
 };
 
-TEST_F(FileTest, loaderProgressHearsFilesAndDeclinesSlicesGridsAndFields) {
-  ASSERT_TRUE(H5::save(*makeSampleBundle(), path("sample.h5")).ok);
-  StrongPtr<ChoosyProgress> progress(new ChoosyProgress);
-  BundlePtr loaded;
-  ASSERT_TRUE(loaded.load(path("sample.h5"), progress));
-  EXPECT_EQ(progress->files, std::vector<std::string>{path("sample.h5")});
-  EXPECT_TRUE(progress->finished);
-  EXPECT_EQ(loaded->getSlices().count(3.0), 0u);
-  EXPECT_EQ(loaded->NumberOfGrids("points", false), 0u);
-  double t = 1;
-  auto uniform = (*(*loaded)(t))("uniform");
-  EXPECT_TRUE(uniform->getCartesianRepresentation()->findField("density"));
-  EXPECT_FALSE(uniform->getCartesianRepresentation()->findField("flags"));
-}
-
-TEST_F(FileTest, aFragmentChoiceLoadsTheChosenFragmentsOnly) {
+TEST_F(FileTest, loaderProgressHearsFilesAndDeclinesSlicesGridsFieldsAndFragments) {
   ASSERT_TRUE(H5::save(*makeRichBundle(), path("rich.h5")).ok);
+  StrongPtr<ChoosyProgress> progress(new ChoosyProgress);
+  BundlePtr choosy;
+  ASSERT_TRUE(choosy.load(path("rich.h5"), progress));
+  EXPECT_EQ(progress->files, std::vector<std::string>{path("rich.h5")});
+  EXPECT_TRUE(progress->finished);
+  EXPECT_EQ(choosy->getSlices().count(3.0), 0u);
+  EXPECT_EQ(choosy->NumberOfGrids("points", false), 0u);
+  auto uniform = (*choosy->getSlices().at(1.0))("uniform")->getCartesianRepresentation();
+  EXPECT_TRUE(uniform->findField("density"));
+  EXPECT_FALSE(uniform->findField("flags"));
   struct Case {
     const char* name;
     StrongPtr<H5::FragmentChoice> choice;
     std::set<std::string> fragments;  // of "id" and of the positions
   };
   const std::vector<Case> cases = {
-      {"by name",
-       StrongPtr<H5::FragmentChoice>(new H5::FragmentsNamed({"east", "north"})),
-       {"fragment east"}},
-      // In the order the file lists them: west, east.
+      {"by name", progress, {"fragment east"}},
+      // In the order the file lists them, which is name order: east, west.
       {"rank 0 of 2",
        StrongPtr<H5::FragmentChoice>(new H5::FragmentsOfRank(0, 2)),
-       {"fragment west"}},
+       {"fragment east"}},
       {"rank 1 of 2",
        StrongPtr<H5::FragmentChoice>(new H5::FragmentsOfRank(1, 2)),
-       {"fragment east"}},
+       {"fragment west"}},
       // Two fragments over three ranks: none, one, one.
       {"rank 0 of 3", StrongPtr<H5::FragmentChoice>(new H5::FragmentsOfRank(0, 3)), {}},
       {"rank 2 of 3",
        StrongPtr<H5::FragmentChoice>(new H5::FragmentsOfRank(2, 3)),
-       {"fragment east"}},
+       {"fragment west"}},
   };
   for (const Case& test : cases) {
     SCOPED_TRACE(test.name);
@@ -389,21 +366,6 @@ TEST_F(FileTest, externalDataLiveInTheirOwnFileAndLoadThroughLinks) {
       H5::save(*bundle, path("clash.h5"), StrongPtr<StorageTransformations>(new OnePlace));
   EXPECT_NE(clash.error.find("\"one\""), std::string::npos) << clash.error;
 }
-
-/// Throws at the k-th fragment it is asked about.
-class ThrowingPolicy : public StorageTransformations {
- public:
-  explicit ThrowingPolicy(int k) : remaining_(k) {}
-  bool isSaveableFragment(const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>&,
-                          const FieldID&, const Field&, const WeakPtr<Grid>&, const std::string&,
-                          double, const std::string&, const SkeletonID&) override {
-    if (--remaining_ == 0) throw std::runtime_error("hook failed");
-    return true;
-  }
-
- private:
-  int remaining_;
-};
 
 TEST_F(FileTest, failedSaveLeavesTheOldFileByteForByteAndNoTemporary) {
   BundlePtr bundle = makeRichBundle();

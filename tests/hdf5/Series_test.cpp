@@ -8,16 +8,6 @@
 namespace Quaril::Testing {
 namespace {
 
-/// The files in the parts folder of the series `journal`.
-std::vector<std::string> partsOf(const std::string& journal) {
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(journal + ".parts")) {
-    names.push_back(entry.path().filename().string());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 StrongPtr<Field> fieldOf(const BundlePtr& bundle, double t, const std::string& grid,
                          const std::string& name) {
   return gridIn(bundle, t, grid).getCartesianRepresentation()->findField(name);
@@ -169,18 +159,6 @@ TEST_F(FileTest, aSeriesOrASingleFileContinuesAndHasOneWriterAtATime) {
   ASSERT_EQ(again->bindToNew(path("single.h5")).status, 1);
   EXPECT_EQ(differences(*again, *loaded(path("single.h5"))), "");
 }
-
-/// Throws at the k-th fragment it is asked about, when armed.
-class ThrowingPolicy : public StorageTransformations {
- public:
-  bool isSaveableFragment(const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>&,
-                          const FieldID&, const Field&, const WeakPtr<Grid>&, const std::string&,
-                          double, const std::string&, const SkeletonID&) override {
-    if (--remaining == 0) throw std::runtime_error("hook failed");
-    return true;
-  }
-  int remaining = -1;
-};
 
 TEST_F(FileTest, aFailedSyncLeavesTheSeriesByteForByteAndSaysWhy) {
   StrongPtr<ThrowingPolicy> policy(new ThrowingPolicy);

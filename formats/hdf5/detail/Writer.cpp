@@ -318,13 +318,22 @@ class BundleWriter {
         return true;
       }
       policy_->writtenFields().insert(id);
-      Json fragments = Json::array();
+      // In name order, so that a file does not depend on where its bundle
+      // happened to sit in memory.
+      std::vector<std::pair<StrongPtr<FragmentID>, StrongPtr<CreativeArrayBase>>> held;
       forEachFragment(*field, [&](const StrongPtr<FragmentID>& fragment,
                                   const StrongPtr<CreativeArrayBase>& creator) {
         if (choice && choice->partial && !choice->fragments.count(creator.get())) return;
+        held.emplace_back(fragment, creator);
+      });
+      std::stable_sort(held.begin(), held.end(), [](const auto& a, const auto& b) {
+        return (a.first ? a.first->Name() : "") < (b.first ? b.first->Name() : "");
+      });
+      Json fragments = Json::array();
+      for (const auto& [fragment, creator] : held) {
         Json written = writeFragment(writing, *id, *field, fragment, creator, place);
         if (!written.is_null()) fragments.push_back(std::move(written));
-      });
+      }
       fields.push_back({{layout::FieldName, id->Name()},
                         {layout::ElementType, field->getElementDescriptor().name()},
                         {layout::Fragments, std::move(fragments)}});

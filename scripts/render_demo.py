@@ -2,7 +2,7 @@
 a slice through "fluid" coloured by pressure, the "particles" as spheres and
 the "surface" below them. Run by `make interop` (headless):
 
-    xvfb-run -a pvpython tests/interop/render_demo.py BUNDLE_TOOL PICTURE.png
+    xvfb-run -a pvpython scripts/render_demo.py BUNDLE_TOOL PICTURE.png
 """
 
 import subprocess
