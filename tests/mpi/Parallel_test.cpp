@@ -353,6 +353,16 @@ TEST_F(SharedFolderTest, aSeriesSyncedTogetherHoldsEveryRanksFragmentsAfterEvery
   // A plain sync reaches one rank only: it does nothing, and says why.
   EXPECT_EQ(mine->sync(), 0);
   EXPECT_NE(H5::lastSync(*mine).error.find("syncCollectively"), std::string::npos);
+  // Going on with the series from what was loaded back writes only what is new.
+  mine.reset();
+  ASSERT_TRUE(H5::continueCollectively(MPI_COMM_WORLD, *back, series).ok);
+  fillBlocks(gridIn(back, 2, "blocks"), 2, {rank});
+  fillBlocks(gridIn(expected, 2, "blocks"), 2, allRanks());
+  ASSERT_TRUE(H5::syncCollectively(MPI_COMM_WORLD, *back).ok);
+  if (rank == 0) {
+    EXPECT_EQ(differences(*expected, *loaded(series)), "");
+    EXPECT_EQ(partsOf(series).size(), 6u);
+  }
   MPI_Barrier(MPI_COMM_WORLD);
 }
 
@@ -386,10 +396,18 @@ TEST_F(SharedFolderTest, aSyncThatFailsOnOneRankLeavesTheSeriesAsItWasAndTheNext
   const H5::Outcome synced = H5::syncCollectively(MPI_COMM_WORLD, *mine);
   ASSERT_TRUE(synced.ok) << synced.error;
   EXPECT_TRUE(H5::lastSync(*mine).ok);
+  BundlePtr expected = bundleOf(allRanks(), false);
+  fillBlocks(gridIn(expected, 0.5, "blocks"), 0.5, allRanks());
   if (rank == 0) {
-    BundlePtr expected = bundleOf(allRanks(), false);
-    fillBlocks(gridIn(expected, 0.5, "blocks"), 0.5, allRanks());
     EXPECT_EQ(differences(*expected, *loaded(series)), "");
+  }
+  // Taken up by new bundles, the series gives each rank its own fragments.
+  mine.reset();
+  BundlePtr fresh(new Bundle);
+  ASSERT_TRUE(H5::continueCollectively(MPI_COMM_WORLD, *fresh, series).ok);
+  EXPECT_EQ(ownFragmentsDifference(*expected, *fresh, rank), "");
+  if (rank == 0) {
+    EXPECT_EQ(partsOf(series).size(), 2u) << "nothing new to write";
   }
   MPI_Barrier(MPI_COMM_WORLD);
 }

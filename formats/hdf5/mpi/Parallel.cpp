@@ -12,6 +12,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -803,10 +804,22 @@ class CollectiveBinding : public ReportingBinding {
     next_ = 1;
   }
 
+  /// Takes up the existing series `journal_`, whose next part is `next`,
+  /// and writes what the bundles of all ranks hold that it does not.
+  void resume(MPI_Comm ranks, int rank, const Bundle& bundle, uint64_t next,
+              std::unique_ptr<JournalTail> tail, std::unique_ptr<SeriesDescriptor> descriptor) {
+    next_ = next;
+    tail_ = std::move(tail);
+    descriptor_ = std::move(descriptor);
+    walkAll_ = true;
+    sync(ranks, rank, bundle);
+  }
+
   /// Adds one part with what the bundles of all ranks hold that the series
   /// does not.
   void sync(MPI_Comm ranks, int rank, const Bundle& bundle) {
     for (double time : bundle.takeChangedSlices()) changed_.insert(time);
+    const std::set<double>* times = walkAll_ ? nullptr : &changed_;
     // What one rank writes whole replaces all that the series held of it, the
     // other ranks' fragments too: every rank that holds it writes it whole.
     // A grid that one rank adds to gets the skeletons of every rank that
@@ -814,14 +827,14 @@ class CollectiveBinding : public ReportingBinding {
     Selection plan;
     std::string shared;
     auto agreed = collectively(ranks, [&] {
-      plan = planSync(bundle, *stored_, false, &changed_);
+      plan = planSync(bundle, *stored_, false, times);
       shared = encode(sharedWritesOf(plan));
     });
     if (agreed) throw Failure(*agreed);
     agreed = collectively(ranks, [&] {
       SharedWrites all;
       for (const std::string& text : allGatherText(ranks, shared)) decodeInto(text, all);
-      if (!all.empty()) plan = planSync(bundle, *stored_, false, &changed_, &all);
+      if (!all.empty()) plan = planSync(bundle, *stored_, false, times, &all);
     });
     if (agreed) throw Failure(*agreed);
     const std::string part = partPath(journal_, token_, next_);
@@ -829,6 +842,7 @@ class CollectiveBinding : public ReportingBinding {
         planTogether(ranks, rank, bundle, part, {transformations_, progress_, {}, &plan});
     if (together.empty()) {
       changed_.clear();
+      walkAll_ = false;
       agreed = onRankZero(ranks, rank, [&] {
         if (descriptor_ && descriptor_->stale()) descriptor_->rewrite();
       });
@@ -849,6 +863,7 @@ class CollectiveBinding : public ReportingBinding {
     });
     recordWritten(bundle, plan, *stored_);
     changed_.clear();
+    walkAll_ = false;
     const uint64_t number = next_++;
     agreed = onRankZero(ranks, rank, [&] {
       if (!descriptor_) return;
@@ -885,12 +900,17 @@ class CollectiveBinding : public ReportingBinding {
   int rank_ = -1;
   int size_ = 0;
   uint64_t next_ = 0;
+  // The first sync of a series taken up visits every slice: changes before
+  // the binding are not listed.
+  bool walkAll_ = false;
   std::set<double> changed_;
   std::unique_ptr<JournalTail> tail_;             // rank 0 only
   std::unique_ptr<SeriesDescriptor> descriptor_;  // rank 0 only; null: none is written
 };
 
-void bindTogether(MPI_Comm comm, Bundle& bundle, const std::string& filename,
+/// Binds `bundle` to a new series `filename`, or (`existing`) to the
+/// existing series `filename`, on every rank of `comm`.
+void bindTogether(MPI_Comm comm, Bundle& bundle, const std::string& filename, bool existing,
                   const StrongPtr<StorageTransformations>& transformations,
                   const StrongPtr<Ostrak::LoaderProgress>& progress) {
   Communicator communicator(comm);
@@ -898,11 +918,28 @@ void bindTogether(MPI_Comm comm, Bundle& bundle, const std::string& filename,
   const MPI_Comm ranks = communicator.get();
   const std::string path = broadcastText(ranks, filename, 0);
   const bool xdmf = broadcastText(ranks, writesXdmf(transformations.get()) ? "1" : "", 0) == "1";
+  std::shared_ptr<Stored> loaded = loadedFrom(bundle, path);
   // Parts of the series replaced stay while a rank may still read them.
-  const bool keepOtherSeries = onAnyRank(ranks, loadedFrom(bundle, path) != nullptr);
+  const bool keepOtherSeries = !existing && onAnyRank(ranks, loaded != nullptr);
   std::string token;
+  std::unique_ptr<JournalTail> tail;
+  std::unique_ptr<SeriesDescriptor> descriptor;
   auto agreed = onRankZero(ranks, rank, [&] {
     require(!path.empty(), "no file name");
+    if (existing) {
+      require(isJournal(path), "not a bundle series (continueCollectively goes on with one)");
+      tail = std::make_unique<JournalTail>(path);
+      removeStrayParts(path, tail->journal(), false);
+      token = tail->journal().token + " " + std::to_string(tail->next());
+      if (!xdmf) return;
+      descriptor = descriptorFor(path, tail->journal().token);
+      std::vector<const Index*> described;
+      for (const Journal::Record& record : tail->journal().records) {
+        described.push_back(&record.index);
+      }
+      descriptor->open(described);
+      return;
+    }
     std::error_code error;
     std::filesystem::create_directory(partsFolder(path), error);
     require(!error, "cannot make the folder " + partsFolder(path) + ": " + error.message());
@@ -910,11 +947,26 @@ void bindTogether(MPI_Comm comm, Bundle& bundle, const std::string& filename,
     token = newToken();
   });
   if (agreed) throw Failure(*agreed);
-  token = broadcastText(ranks, token, 0);
+  // The token, and after it the number of the next part of a series taken up.
+  std::istringstream told(broadcastText(ranks, token, 0));
+  uint64_t next = 0;
+  told >> token >> next;
   bundle.trackSliceChanges();
-  StrongPtr<CollectiveBinding> binding(
-      new CollectiveBinding(path, token, std::make_shared<Stored>(), transformations, progress));
-  binding->start(ranks, rank, bundle, xdmf, keepOtherSeries);
+  // A rank whose bundle was not loaded from the series takes its fragments.
+  agreed = collectively(ranks, [&] {
+    if (!existing || loaded) return;
+    loaded = std::make_shared<Stored>();
+    const StrongPtr<Ostrak::LoaderProgress> choice(new FragmentsOfRank(rank, communicator.size()));
+    attachParts(bundle, partsOf(path, readJournal(path)), choice, loaded);
+  });
+  if (agreed) throw Failure(*agreed);
+  StrongPtr<CollectiveBinding> binding(new CollectiveBinding(
+      path, token, existing ? loaded : std::make_shared<Stored>(), transformations, progress));
+  if (existing) {
+    binding->resume(ranks, rank, bundle, next, std::move(tail), std::move(descriptor));
+  } else {
+    binding->start(ranks, rank, bundle, xdmf, keepOtherSeries);
+  }
   binding->setRanks(communicator);
   bundle.setStorage(StrongPtr<StorageBinding>(binding));
 }
@@ -936,7 +988,16 @@ Outcome bindCollectively(MPI_Comm comm, Bundle& bundle, const std::string& filen
                          const StrongPtr<Ostrak::LoaderProgress>& progress) {
   Session session;
   std::optional<std::string> error =
-      failureOf([&] { bindTogether(comm, bundle, filename, transformations, progress); });
+      failureOf([&] { bindTogether(comm, bundle, filename, false, transformations, progress); });
+  return {!error, error.value_or("")};
+}
+
+Outcome continueCollectively(MPI_Comm comm, Bundle& bundle, const std::string& filename,
+                             const StrongPtr<StorageTransformations>& transformations,
+                             const StrongPtr<Ostrak::LoaderProgress>& progress) {
+  Session session;
+  std::optional<std::string> error =
+      failureOf([&] { bindTogether(comm, bundle, filename, true, transformations, progress); });
   return {!error, error.value_or("")};
 }
 

@@ -45,14 +45,23 @@ Outcome saveCollectively(MPI_Comm comm, const Bundle& bundle, const std::string&
 /// merges them; whatever `filename` was is replaced once that part is
 /// complete. Rank 0's `filename` and switch of the descriptor count; each
 /// rank's `transformations` are asked about its own fragments at every sync.
-/// To go on with a run, load its fragments with loadCollectively and bind
-/// them to a new series.
+/// continueCollectively goes on with an existing series.
 Outcome bindCollectively(MPI_Comm comm, Bundle& bundle, const std::string& filename,
                          const Ostrak::StrongPtr<StorageTransformations>& transformations = {},
                          const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress = {});
 
+/// Binds `bundle` on every rank of `comm` to the existing series `filename`
+/// to go on with it, as bindTo binds one process: a rank whose bundle was
+/// loaded from it (loadCollectively) keeps what it loaded, any other takes
+/// the fragments FragmentsOfRank(rank, size) gives it, lazily. Then what the
+/// bundles hold that the series does not is written as its next part. A part
+/// left by a sync that did not complete is removed.
+Outcome continueCollectively(MPI_Comm comm, Bundle& bundle, const std::string& filename,
+                             const Ostrak::StrongPtr<StorageTransformations>& transformations = {},
+                             const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress = {});
+
 /// Adds one part to the series that `bundle` is bound to by
-/// bindCollectively on the ranks of `comm`, with what the bundles of all
+/// bindCollectively or continueCollectively on the ranks of `comm`, with what the bundles of all
 /// ranks hold that the series does not. Only slices that changed since the
 /// last sync are looked at. A grid or field that one rank writes whole (new
 /// to it, or replaced) is written whole by every rank that holds it, so that
