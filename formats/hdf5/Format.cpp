@@ -29,13 +29,6 @@ bool isOurFileName(const std::string& filename) {
   return false;
 }
 
-/// Runs `action`, turning whatever it throws into an error text.
-template <class Action>
-Outcome attempt(Action&& action) {
-  std::optional<std::string> error = detail::failureOf(std::forward<Action>(action));
-  return {!error, error.value_or("")};
-}
-
 /// The files a bundle was loaded from, each with what was read from it, kept
 /// on the bundle so that binding to one of them neither reads it a second
 /// time nor writes again what it holds.
@@ -87,14 +80,14 @@ class FileLoader : public Ostrak::Loader<Bundle> {
     // several leaves the bundle as it was.
     for (const std::string& filename : request->getFilenames()) {
       if (progress) progress->OpenFile(filename);
-      Outcome checked = attempt([&] { opened.push_back(openForLoading(filename)); });
+      Outcome checked = detail::attempt([&] { opened.push_back(openForLoading(filename)); });
       if (!checked) {
         request->setErrorText(filename + ": " + checked.error);
         return false;
       }
     }
     for (const Opened& file : opened) {
-      Outcome attached = attempt([&] {
+      Outcome attached = detail::attempt([&] {
         detail::attachParts(*target.target, file.parts, progress,
                             recordLoaded(*target.target, file.path));
       });
@@ -134,7 +127,7 @@ class Saver : public Ostrak::Interface<Saver> {
     }
     const std::string& filename = request->getFilename();
     auto progress = request->findInterface<Ostrak::LoaderProgress>();
-    Outcome bound = attempt([&] {
+    Outcome bound = detail::attempt([&] {
       const bool existing = parameters->bindsExistingFile();
       detail::require(!existing || std::filesystem::exists(filename),
                       "no such file; bindToNew makes a new one");
@@ -211,7 +204,7 @@ Outcome save(const Bundle& bundle, const std::string& filename,
              const StrongPtr<StorageTransformations>& transformations,
              const StrongPtr<Ostrak::LoaderProgress>& progress,
              const StrongPtr<Ostrak::StringList>& gridNames) {
-  return attempt([&] {
+  return detail::attempt([&] {
     detail::require(!filename.empty(), "no file name");
     detail::WriteRequest request{transformations, progress, gridNames};
     if (!detail::writesXdmf(transformations.get())) {
@@ -265,7 +258,7 @@ Outcome lastSync(const Bundle& bundle) {
 }
 
 Outcome check(const std::string& filename) {
-  Outcome checked = attempt([&] {
+  Outcome checked = detail::attempt([&] {
     if (!detail::isJournal(filename)) return detail::checkSource(detail::Source::open(filename));
     for (const detail::Part& part : detail::partsOf(filename, detail::readJournal(filename))) {
       try {
@@ -280,7 +273,7 @@ Outcome check(const std::string& filename) {
 }
 
 Outcome writeXdmf(const std::string& filename) {
-  Outcome written = attempt([&] {
+  Outcome written = detail::attempt([&] {
     if (detail::isJournal(filename)) return detail::writeSeriesDescriptor(filename);
     detail::writeFileDescriptor(filename);
   });

@@ -16,6 +16,8 @@
 #include <type_traits>
 #include <vector>
 
+#include "formats/hdf5/Format.hpp"
+
 namespace Quaril::H5::detail {
 
 /// A failed HDF5 call or an inconsistency found in a file. Never leaves the
@@ -41,6 +43,13 @@ std::optional<std::string> failureOf(Action&& action) {
   } catch (...) {
     return "stopped by an exception";
   }
+}
+
+/// Runs `action`, turning whatever it throws into the outcome's error.
+template <class Action>
+Outcome attempt(Action&& action) {
+  std::optional<std::string> error = failureOf(std::forward<Action>(action));
+  return {!error, error.value_or("")};
 }
 
 /// Throws a Failure with `text` when `condition` is false.

@@ -888,7 +888,7 @@ class CollectiveBinding : public ReportingBinding {
     rank_ = communicator.rank();
     size_ = communicator.size();
   }
-  void setOutcome(const std::optional<std::string>& error) { error_ = error.value_or(""); }
+  void setOutcome(const std::string& error) { error_ = error; }
   const std::string& journal() const noexcept { return journal_; }
 
  private:
@@ -978,33 +978,28 @@ Outcome saveCollectively(MPI_Comm comm, const Bundle& bundle, const std::string&
                          const StrongPtr<Ostrak::LoaderProgress>& progress,
                          const StrongPtr<Ostrak::StringList>& gridNames) {
   Session session;
-  std::optional<std::string> error = failureOf(
+  return attempt(
       [&] { saveTogether(comm, bundle, filename, transformations, progress, gridNames); });
-  return {!error, error.value_or("")};
 }
 
 Outcome bindCollectively(MPI_Comm comm, Bundle& bundle, const std::string& filename,
                          const StrongPtr<StorageTransformations>& transformations,
                          const StrongPtr<Ostrak::LoaderProgress>& progress) {
   Session session;
-  std::optional<std::string> error =
-      failureOf([&] { bindTogether(comm, bundle, filename, false, transformations, progress); });
-  return {!error, error.value_or("")};
+  return attempt([&] { bindTogether(comm, bundle, filename, false, transformations, progress); });
 }
 
 Outcome continueCollectively(MPI_Comm comm, Bundle& bundle, const std::string& filename,
                              const StrongPtr<StorageTransformations>& transformations,
                              const StrongPtr<Ostrak::LoaderProgress>& progress) {
   Session session;
-  std::optional<std::string> error =
-      failureOf([&] { bindTogether(comm, bundle, filename, true, transformations, progress); });
-  return {!error, error.value_or("")};
+  return attempt([&] { bindTogether(comm, bundle, filename, true, transformations, progress); });
 }
 
 Outcome syncCollectively(MPI_Comm comm, const Bundle& bundle) {
   Session session;
   auto* binding = dynamic_cast<CollectiveBinding*>(bundle.getStorage().get());
-  std::optional<std::string> error = failureOf([&] {
+  const Outcome synced = attempt([&] {
     Communicator communicator(comm);
     const auto agreed = agreeOnFailure(
         communicator.get(),
@@ -1013,16 +1008,13 @@ Outcome syncCollectively(MPI_Comm comm, const Bundle& bundle) {
     if (agreed) throw Failure(*agreed);
     binding->sync(communicator.get(), communicator.rank(), bundle);
   });
-  if (binding) {
-    binding->setOutcome(error ? std::optional<std::string>(binding->journal() + ": " + *error)
-                              : std::nullopt);
-  }
-  return {!error, error.value_or("")};
+  if (binding) binding->setOutcome(synced ? "" : binding->journal() + ": " + synced.error);
+  return synced;
 }
 
 Outcome loadCollectively(MPI_Comm comm, BundlePtr& bundle, const std::string& filename,
                          const StrongPtr<FragmentChoice>& choice) {
-  std::optional<std::string> error = failureOf([&] {
+  return attempt([&] {
     Communicator communicator(comm);
     StrongPtr<FragmentChoice> chosen = choice ? choice
                                               : StrongPtr<FragmentChoice>(new FragmentsOfRank(
@@ -1032,7 +1024,6 @@ Outcome loadCollectively(MPI_Comm comm, BundlePtr& bundle, const std::string& fi
                                  loaded ? std::nullopt : std::optional<std::string>(loaded.error));
     if (agreed) throw Failure(*agreed);
   });
-  return {!error, error.value_or("")};
 }
 
 }  // namespace Quaril::H5
