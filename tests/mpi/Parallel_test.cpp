@@ -199,7 +199,7 @@ TEST_F(SharedFolderTest, aFailureOnOneRankFailsTheSaveOnEveryRankAndKeepsTheOldF
     int ranksNeeded;
     std::function<BundlePtr()> bundle;
     std::function<StrongPtr<StorageTransformations>()> policy;
-    bool fullDisk;  // on the last rank
+    int fullDiskOn;  // the rank whose disk is full; -1: none
     std::string expected;
   };
   auto plain = [&] { return bundleOf({rank}, false); };
@@ -215,12 +215,14 @@ TEST_F(SharedFolderTest, aFailureOnOneRankFailsTheSaveOnEveryRankAndKeepsTheOldF
        [&]() -> StrongPtr<StorageTransformations> {
          return StrongPtr<StorageTransformations>(new RefusesWhenAsked(rank == last));
        },
-       false, lastRank + "stopped by an exception: isSaved refuses"},
-      // Not on rank 0, which writes the metadata: HDF5 1.10 cannot close a
-      // file whose metadata it could not write (docs/parallel.md).
-      {"the disk of the last rank is full", 2, big, none, true, lastRank + "cannot write"},
+       -1, lastRank + "stopped by an exception: isSaved refuses"},
+      {"the disk of the last rank is full as the data are written", 2, big, none, last,
+       lastRank + "cannot write"},
+      // Rank 0 writes the metadata in HDF5's collective flush; it makes sure
+      // of the room before.
+      {"the disk of rank 0 is full", 1, plain, none, 0, "rank 0: no room for"},
       {"rank 1 names its fragments as rank 0 does", 2,
-       [&] { return bundleOf({rank}, false, rank == 1 ? 1 : 0); }, none, false,
+       [&] { return bundleOf({rank}, false, rank == 1 ? 1 : 0); }, none, -1,
        "rank 1 holds its fragment \"r0."},
       {"rank 1 holds a field of another type", 2,
        [&] {
@@ -231,14 +233,14 @@ TEST_F(SharedFolderTest, aFailureOnOneRankFailsTheSaveOnEveryRankAndKeepsTheOldF
          }
          return bundle;
        },
-       none, false, "field \"id\": the ranks hold it with different element types"},
+       none, -1, "field \"id\": the ranks hold it with different element types"},
       {"filters are asked for", 1, plain,
        [] {
          StrongPtr<StorageTransformations> policy(new StorageTransformations);
          policy->setCompressionLevel(4);
          return policy;
        },
-       false, "a collective save cannot filter data (switch the filters off)"},
+       -1, "a collective save cannot filter data (switch the filters off)"},
   };
   for (const Case& test : cases) {
     if (worldSize() < test.ranksNeeded) continue;
@@ -246,7 +248,7 @@ TEST_F(SharedFolderTest, aFailureOnOneRankFailsTheSaveOnEveryRankAndKeepsTheOldF
     BundlePtr bundle = test.bundle();
     rlimit previous{};
     getrlimit(RLIMIT_FSIZE, &previous);
-    const bool limited = test.fullDisk && rank == last;
+    const bool limited = rank == test.fullDiskOn;
     if (limited) {
       signal(SIGXFSZ, SIG_IGN);
       const rlimit small{16 << 10, previous.rlim_max};

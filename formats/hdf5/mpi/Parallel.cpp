@@ -636,6 +636,31 @@ Together planTogether(MPI_Comm ranks, int rank, const Bundle& bundle, const std:
   return together;
 }
 
+/// More bytes than rank 0 writes of the merged file's metadata: its data set
+/// headers, groups, attributes and index.
+uint64_t metadataBound(const Merged& merged) {
+  uint64_t bytes = (uint64_t{1} << 16) + 4096 * merged.arrays.size();
+  for (const std::string& text : merged.structures) bytes += 2 * text.size();
+  for (const std::string& name : merged.index.names) bytes += 2 * name.size() + 64;
+  return bytes + 64 * (merged.index.times.size() + merged.index.entries.size());
+}
+
+/// Makes sure that the folder of `path`, the empty file rank 0 made, has
+/// room for `bytes`: space is set aside for it, and given back. Rank 0 alone
+/// writes the metadata in HDF5's collective flush, which cannot fail on one
+/// rank without leaving the others waiting. Throws Failure.
+void requireRoom(const std::string& path, uint64_t bytes) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  require(fd >= 0, systemError("cannot write " + path));
+  const int failed = posix_fallocate(fd, 0, static_cast<off_t>(bytes));
+  const bool given = ::ftruncate(fd, 0) == 0;
+  ::close(fd);
+  errno = failed;
+  require(failed == 0 || failed == EOPNOTSUPP || failed == EINVAL,
+          systemError("no room for " + path));
+  require(given, systemError("cannot write " + path));
+}
+
 /// Writes the file the ranks make together as `path`: rank 0 makes a new
 /// file beside it, all ranks write it and make their isSaved calls, and
 /// once all succeeded rank 0 runs `replace` with the new file's name, which
@@ -644,7 +669,15 @@ Together planTogether(MPI_Comm ranks, int rank, const Bundle& bundle, const std:
 void writeTogether(MPI_Comm ranks, int rank, const std::string& path, const Together& together,
                    const std::function<void(const std::string&)>& replace) {
   std::string temporary;
-  auto agreed = onRankZero(ranks, rank, [&] { temporary = makeTemporary(path); });
+  auto agreed = onRankZero(ranks, rank, [&] {
+    temporary = makeTemporary(path);
+    try {
+      requireRoom(temporary, metadataBound(together.merged));
+    } catch (...) {
+      std::remove(temporary.c_str());
+      throw;
+    }
+  });
   if (agreed) throw Failure(*agreed);
   temporary = broadcastText(ranks, temporary, 0);
   const Plan& plan = together.plans[static_cast<size_t>(rank)].plan;
