@@ -229,10 +229,7 @@ Outcome save(const Bundle& bundle, const std::string& filename,
                               written, structures, detail::fileNameOf(filename))}),
                           descriptor);
       };
-      request.whenReplaced = [&] {
-        detail::require(std::rename(temporary.c_str(), descriptor.c_str()) == 0,
-                        detail::systemError("cannot replace " + descriptor));
-      };
+      request.whenReplaced = [&] { detail::renameOver(temporary, descriptor); };
       detail::writeBundle(bundle, filename, request);
     } catch (...) {
       std::remove(temporary.c_str());

@@ -394,6 +394,13 @@ TEST_F(FileTest, failedSaveLeavesTheOldFileByteForByteAndNoTemporary) {
     EXPECT_FALSE(saved.ok);
     EXPECT_NE(saved.error.find("cannot write in"), std::string::npos) << saved.error;
   }
+  // A folder in the way of the file: the system's reason for that very call.
+  std::filesystem::create_directories(path("folder.h5/inside"));
+  const H5::Outcome blocked = H5::save(*bundle, path("folder.h5"));
+  EXPECT_NE(blocked.error.find("cannot replace " + path("folder.h5") + ": Is a directory"),
+            std::string::npos)
+      << blocked.error;
+  std::filesystem::remove_all(path("folder.h5"));
 
   // A full disk: the save runs in a child whose files may not grow past 16 KiB.
   ASSERT_TRUE(H5::save(*makeSampleBundle(), path("keep.h5")).ok);

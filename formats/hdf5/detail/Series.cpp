@@ -179,7 +179,7 @@ std::string readAll(int fd) {
   for (;;) {
     const ssize_t got = read(fd, buffer, sizeof(buffer));
     if (got < 0 && errno == EINTR) continue;
-    require(got >= 0, systemError("cannot read the journal"));
+    requireSystem(got >= 0, "cannot read the journal");
     if (got == 0) return bytes;
     bytes.append(buffer, static_cast<size_t>(got));
   }
@@ -213,18 +213,6 @@ Journal parseJournal(const std::string& bytes) {
   }
   journal.validBytes = at;
   return journal;
-}
-
-/// Writes `bytes` at `offset` of `fd` whole.
-void writeAt(int fd, const std::vector<uint8_t>& bytes, uint64_t offset, const std::string& what) {
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t wrote =
-        pwrite(fd, bytes.data() + done, bytes.size() - done, static_cast<off_t>(offset + done));
-    if (wrote < 0 && errno == EINTR) continue;
-    require(wrote > 0, systemError("cannot write " + what));
-    done += static_cast<size_t>(wrote);
-  }
 }
 
 }  // namespace
@@ -398,7 +386,7 @@ namespace {
 /// Opens the journal `path` for appending, locked against other writers.
 int openLocked(const std::string& path) {
   const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-  require(fd >= 0, systemError("cannot open"));
+  requireSystem(fd >= 0, "cannot open");
   if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
     const int error = errno;
     close(fd);
@@ -416,10 +404,10 @@ JournalTail::JournalTail(const std::string& path) : path_(path), fd_(openLocked(
     read_ = readJournal(path);
     // A record cut short by a crash goes before the next is appended.
     struct stat status {};
-    require(fstat(fd_, &status) == 0, systemError("cannot read " + path));
+    requireSystem(fstat(fd_, &status) == 0, "cannot read " + path);
     if (static_cast<uint64_t>(status.st_size) > read_.validBytes) {
-      require(ftruncate(fd_, static_cast<off_t>(read_.validBytes)) == 0 && fsync(fd_) == 0,
-              systemError("cannot cut the unfinished record off " + path));
+      requireSystem(ftruncate(fd_, static_cast<off_t>(read_.validBytes)) == 0 && fsync(fd_) == 0,
+                    "cannot cut the unfinished record off " + path);
     }
   } catch (...) {
     close(fd_);
@@ -436,8 +424,8 @@ JournalTail::~JournalTail() {
 void JournalTail::append(const Index& index) {
   try {
     const std::vector<uint8_t> record = encodeRecord(next_, index);
-    writeAt(fd_, record, length_, path_);
-    require(fsync(fd_) == 0, systemError("cannot flush " + path_));
+    writeAt(fd_, record.data(), record.size(), length_, path_);
+    requireSystem(fsync(fd_) == 0, "cannot flush " + path_);
     length_ += record.size();
     ++next_;
   } catch (...) {
@@ -537,9 +525,9 @@ void writeJournal(const std::string& path, const std::string& token,
   header.out.insert(header.out.end(), first.begin(), first.end());
   replaceFile(path, [&](const std::string& temporary) {
     const int fd = open(temporary.c_str(), O_WRONLY | O_CLOEXEC);
-    require(fd >= 0, systemError("cannot open " + temporary));
+    requireSystem(fd >= 0, "cannot open " + temporary);
     try {
-      writeAt(fd, header.out, 0, path);
+      writeAt(fd, header.out.data(), header.out.size(), 0, path);
     } catch (...) {
       close(fd);
       throw;
@@ -596,7 +584,7 @@ bool isJournal(const std::string& path) {
 
 Journal readJournal(const std::string& path) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  require(fd >= 0, systemError("cannot open"));
+  requireSystem(fd >= 0, "cannot open");
   std::string bytes;
   try {
     bytes = readAll(fd);
@@ -664,7 +652,7 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
     const std::shared_ptr<Source> source = Source::open(path);
     const std::string token = newToken();
     const std::string first = partPath(path, token, 0);
-    require(link(path.c_str(), first.c_str()) == 0, systemError("cannot link " + first));
+    requireSystem(link(path.c_str(), first.c_str()) == 0, "cannot link " + first);
     try {
       startJournal(path, token, source->index());
     } catch (...) {

@@ -577,6 +577,10 @@ std::string systemError(const std::string& what) {
   return what + ": " + std::strerror(errno);
 }
 
+void requireSystem(bool ok, const std::string& what) {
+  if (!ok) throw Failure(systemError(what));
+}
+
 /// Makes a new, empty file beside `path` and returns its name.
 std::string makeTemporary(const std::string& path) {
   fs::path target(path);
@@ -588,7 +592,7 @@ std::string makeTemporary(const std::string& path) {
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
   int fd = mkstemp(name.data());
-  require(fd >= 0, systemError("cannot write in " + directory.string()));
+  requireSystem(fd >= 0, "cannot write in " + directory.string());
   // The new file gets the target's permissions, or the usual ones for a new file.
   struct stat existing {};
   mode_t mode;
@@ -606,12 +610,31 @@ std::string makeTemporary(const std::string& path) {
 
 void syncToDisk(const std::string& path, bool directory) {
   int fd = open(path.c_str(), directory ? O_RDONLY | O_DIRECTORY : O_RDONLY);
-  require(fd >= 0, systemError("cannot open " + path + " to flush it"));
+  requireSystem(fd >= 0, "cannot open " + path + " to flush it");
   int result = fsync(fd);
   int error = errno;
   close(fd);
   errno = error;
-  require(result == 0, systemError("cannot flush " + path));
+  requireSystem(result == 0, "cannot flush " + path);
+}
+
+void writeAt(int fd, const void* data, size_t size, uint64_t offset, const std::string& what) {
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  for (size_t done = 0; done < size;) {
+    const ssize_t wrote = pwrite(fd, bytes + done, size - done, static_cast<off_t>(offset + done));
+    if (wrote < 0 && errno == EINTR) continue;
+    requireSystem(wrote > 0, "cannot write " + what);
+    done += static_cast<size_t>(wrote);
+  }
+}
+
+void renameOver(const std::string& temporary, const std::string& path) {
+  requireSystem(std::rename(temporary.c_str(), path.c_str()) == 0, "cannot replace " + path);
+}
+
+void syncFolderOf(const std::string& path) {
+  const fs::path directory = fs::path(path).parent_path();
+  syncToDisk(directory.empty() ? "." : directory.string(), true);
 }
 
 void replaceFile(const std::string& path, const std::function<void(const std::string&)>& fill,
@@ -620,22 +643,20 @@ void replaceFile(const std::string& path, const std::function<void(const std::st
   try {
     fill(temporary);
     syncToDisk(temporary, false);
-    require(std::rename(temporary.c_str(), path.c_str()) == 0,
-            systemError("cannot replace " + path));
+    renameOver(temporary, path);
   } catch (...) {
     std::remove(temporary.c_str());
     throw;
   }
   if (whenReplaced) whenReplaced();
-  const fs::path directory = fs::path(path).parent_path();
-  syncToDisk(directory.empty() ? "." : directory.string(), true);
+  syncFolderOf(path);
 }
 
 void writeText(const std::string& path, const std::string& text, const std::string& shownAs) {
   std::FILE* out = std::fopen(path.c_str(), "wb");
-  require(out != nullptr, systemError("cannot write " + shownAs));
+  requireSystem(out != nullptr, "cannot write " + shownAs);
   const bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
-  require(std::fclose(out) == 0 && written, systemError("cannot write " + shownAs));
+  requireSystem(std::fclose(out) == 0 && written, "cannot write " + shownAs);
 }
 
 void writeTextAtomically(const std::string& path, const std::string& text) {

@@ -409,17 +409,8 @@ std::string readText(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream text;
   text << in.rdbuf();
-  require(in.good() || in.eof(), systemError("cannot read " + path));
+  requireSystem(in.good() || in.eof(), "cannot read " + path);
   return text.str();
-}
-
-void writeIn(int fd, const std::string& text, uint64_t at, const std::string& path) {
-  for (size_t done = 0; done < text.size();) {
-    const ssize_t wrote =
-        pwrite(fd, text.data() + done, text.size() - done, static_cast<off_t>(at + done));
-    require(wrote > 0, systemError("cannot write " + path));
-    done += static_cast<size_t>(wrote);
-  }
 }
 
 }  // namespace
@@ -575,21 +566,23 @@ void SeriesDescriptor::addIn(const DescribedFile& part) {
   for (const auto& [row, xml] : steps) fits = fits && xml.size() <= rooms_[row].spaces;
   if (fits) {
     const int fd = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
-    require(fd >= 0, systemError("cannot open " + path_));
+    requireSystem(fd >= 0, "cannot open " + path_);
     try {
       // Each write leaves a whole document: the steps, and the room after them.
       for (const auto& [row, xml] : steps) {
-        writeIn(fd, xml + RoomMarker, rooms_[row].at, path_);
+        const std::string text = xml + RoomMarker;
+        writeAt(fd, text.data(), text.size(), rooms_[row].at, path_);
         rooms_[row].at += xml.size();
         rooms_[row].spaces -= xml.size();
       }
-      writeIn(fd, countLine(described, token_).substr(std::strlen(CountMarker), CountDigits),
-              countAt_, path_);
+      const std::string count =
+          countLine(described, token_).substr(std::strlen(CountMarker), CountDigits);
+      writeAt(fd, count.data(), count.size(), countAt_, path_);
     } catch (...) {
       ::close(fd);
       throw;
     }
-    require(::close(fd) == 0, systemError("cannot write " + path_));
+    requireSystem(::close(fd) == 0, "cannot write " + path_);
   } else {
     // Written anew around what it says: each grid's room made as large as
     // its steps, new grids before the end of the domain.

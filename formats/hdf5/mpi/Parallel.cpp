@@ -537,10 +537,10 @@ std::optional<std::string> createTogether(MPI_Comm comm, const std::string& path
   if (!flushed && rank == 0) {
     flushed = failureOf([&] {
       struct stat status {};
-      require(::stat(path.c_str(), &status) == 0, systemError("cannot write " + path));
+      requireSystem(::stat(path.c_str(), &status) == 0, "cannot write " + path);
       if (static_cast<haddr_t>(status.st_size) < end) {
-        require(::truncate(path.c_str(), static_cast<off_t>(end)) == 0,
-                systemError("cannot write " + path));
+        requireSystem(::truncate(path.c_str(), static_cast<off_t>(end)) == 0,
+                      "cannot write " + path);
       }
     });
   }
@@ -555,40 +555,34 @@ std::optional<std::string> createTogether(MPI_Comm comm, const std::string& path
 /// Failure.
 void writeArrays(const std::string& path, const Plan& plan, const Places& places, bool flush) {
   const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
-  require(fd >= 0, systemError("cannot write " + path));
-  auto fail = [&](const std::string& what) {
-    const std::string error = systemError(what);
+  requireSystem(fd >= 0, "cannot write " + path);
+  try {
+    std::vector<unsigned char> converted;
+    for (const auto& [planned, offset] : places) {
+      const Plan::Array& array = plan.arrays[planned];
+      uint64_t count = 1;
+      for (hsize_t extent : array.extents) count *= extent;
+      if (count == 0) continue;
+      require(offset != HADDR_UNDEF, "no place for an array in " + path);
+      const void* bytes = array.data->rawData();
+      const size_t size = count * H5Tget_size(array.fileType);
+      if (H5Tequal(array.fileType, array.memoryType) <= 0) {
+        // Doubles stored as floats: converted in a buffer that holds either.
+        converted.assign(count * std::max(H5Tget_size(array.memoryType), size / count), 0);
+        std::memcpy(converted.data(), bytes, count * H5Tget_size(array.memoryType));
+        check(H5Tconvert(array.memoryType, array.fileType, count, converted.data(), nullptr,
+                         H5P_DEFAULT),
+              "cannot convert an array");
+        bytes = converted.data();
+      }
+      writeAt(fd, bytes, size, offset, path);
+    }
+    if (flush && ::fsync(fd) != 0) throw Failure(systemError("cannot flush " + path));
+  } catch (...) {
     ::close(fd);
-    throw Failure(error);
-  };
-  std::vector<unsigned char> converted;
-  for (const auto& [planned, offset] : places) {
-    const Plan::Array& array = plan.arrays[planned];
-    uint64_t count = 1;
-    for (hsize_t extent : array.extents) count *= extent;
-    if (count == 0) continue;
-    if (offset == HADDR_UNDEF) fail("no place for an array in " + path);
-    const auto* bytes = static_cast<const unsigned char*>(array.data->rawData());
-    size_t size = count * H5Tget_size(array.fileType);
-    if (H5Tequal(array.fileType, array.memoryType) <= 0) {
-      // Doubles stored as floats: converted in a buffer that holds either.
-      converted.assign(count * std::max(H5Tget_size(array.memoryType), size / count), 0);
-      std::memcpy(converted.data(), bytes, count * H5Tget_size(array.memoryType));
-      check(H5Tconvert(array.memoryType, array.fileType, count, converted.data(), nullptr,
-                       H5P_DEFAULT),
-            "cannot convert an array");
-      bytes = converted.data();
-    }
-    for (size_t done = 0; done < size;) {
-      const ssize_t written =
-          ::pwrite(fd, bytes + done, size - done, static_cast<off_t>(offset + done));
-      if (written < 0 && errno == EINTR) continue;
-      if (written <= 0) fail("cannot write " + path);
-      done += static_cast<size_t>(written);
-    }
+    throw;
   }
-  if (flush && ::fsync(fd) != 0) fail("cannot flush " + path);
-  if (::close(fd) != 0) throw Failure(systemError("cannot write " + path));
+  requireSystem(::close(fd) == 0, "cannot write " + path);
 }
 
 /// Runs `action` on rank 0 only and agrees on its outcome.
@@ -651,14 +645,14 @@ uint64_t metadataBound(const Merged& merged) {
 /// rank without leaving the others waiting. Throws Failure.
 void requireRoom(const std::string& path, uint64_t bytes) {
   const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
-  require(fd >= 0, systemError("cannot write " + path));
+  requireSystem(fd >= 0, "cannot write " + path);
   const int failed = posix_fallocate(fd, 0, static_cast<off_t>(bytes));
-  const bool given = ::ftruncate(fd, 0) == 0;
+  const int given = ::ftruncate(fd, 0) == 0 ? 0 : errno;
   ::close(fd);
   errno = failed;
-  require(failed == 0 || failed == EOPNOTSUPP || failed == EINVAL,
-          systemError("no room for " + path));
-  require(given, systemError("cannot write " + path));
+  requireSystem(failed == 0 || failed == EOPNOTSUPP || failed == EINVAL, "no room for " + path);
+  errno = given;
+  requireSystem(given == 0, "cannot write " + path);
 }
 
 /// Writes the file the ranks make together as `path`: rank 0 makes a new
@@ -702,17 +696,6 @@ void writeTogether(MPI_Comm ranks, int rank, const std::string& path, const Toge
   if (agreed) throw Failure(*agreed);
 }
 
-/// Flushes the folder of `path` to disk.
-void syncFolderOf(const std::string& path) {
-  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
-  syncToDisk(folder.empty() ? "." : folder.string(), true);
-}
-
-/// Renames `temporary` over `path`.
-void rename(const std::string& temporary, const std::string& path) {
-  require(std::rename(temporary.c_str(), path.c_str()) == 0, systemError("cannot replace " + path));
-}
-
 void saveTogether(MPI_Comm comm, const Bundle& bundle, const std::string& filename,
                   const StrongPtr<StorageTransformations>& transformations,
                   const StrongPtr<Ostrak::LoaderProgress>& progress,
@@ -738,8 +721,8 @@ void saveTogether(MPI_Comm comm, const Bundle& bundle, const std::string& filena
                                                fileNameOf(path))}),
                   descriptor);
       }
-      rename(temporary, path);
-      if (xdmf) rename(temporaryDescriptor, descriptor);
+      renameOver(temporary, path);
+      if (xdmf) renameOver(temporaryDescriptor, descriptor);
       syncFolderOf(path);
     } catch (...) {
       if (!temporaryDescriptor.empty()) std::remove(temporaryDescriptor.c_str());
@@ -819,7 +802,7 @@ class CollectiveBinding : public ReportingBinding {
     const Together together =
         planTogether(ranks, rank, bundle, part, {transformations_, progress_, {}, &plan});
     writeTogether(ranks, rank, part, together, [&](const std::string& temporary) {
-      rename(temporary, part);
+      renameOver(temporary, part);
       syncFolderOf(part);
       try {
         startJournal(journal_, token_, together.merged.index);
@@ -885,7 +868,7 @@ class CollectiveBinding : public ReportingBinding {
     // The part is in place before its record is appended; only the record
     // makes it part of the series.
     writeTogether(ranks, rank, part, together, [&](const std::string& temporary) {
-      rename(temporary, part);
+      renameOver(temporary, part);
       syncFolderOf(part);
       try {
         tail_->append(together.merged.index);
