@@ -2,9 +2,22 @@
 
 #include <map>
 
+#include <nlohmann/json.hpp>
+
 namespace Quaril::H5::detail::layout {
 
 namespace {
+
+using Json = nlohmann::json;
+
+/// The element of `list` for which `same` holds; null when none.
+template <class Same>
+Json* findIn(Json& list, Same&& same) {
+  for (Json& element : list) {
+    if (same(element)) return &element;
+  }
+  return nullptr;
+}
 
 /// The native HDF5 type of a scalar element type, by its readable name.
 hid_t scalarType(const QuarilTypeBase& type) {
@@ -62,6 +75,30 @@ DynamicSize arraySize(const std::vector<hsize_t>& extents, const StoredType& typ
   }
   if (sizes.empty() || sizes.size() > 4) return {};
   return DynamicSize(std::move(sizes));
+}
+
+Json* sameSkeleton(Json& skeletons, const Json& like) {
+  return findIn(skeletons, [&](const Json& held) {
+    return held.at(Dimension) == like.at(Dimension) &&
+           held.at(SkeletonIndex) == like.at(SkeletonIndex);
+  });
+}
+
+Json* sameRepresentation(Json& representations, const Json& like) {
+  return findIn(representations, [&](const Json& held) {
+    return held.value(Chart, Json()) == like.value(Chart, Json()) &&
+           held.value(RelativeSkeleton, Json()) == like.value(RelativeSkeleton, Json());
+  });
+}
+
+Json* sameField(Json& fields, const Json& like) {
+  return findIn(fields, [&](const Json& held) { return held.at(FieldName) == like.at(FieldName); });
+}
+
+Json* sameFragment(Json& fragments, const Json& like) {
+  return findIn(fragments, [&](const Json& held) {
+    return held.value(Fragment, "") == like.value(Fragment, "");
+  });
 }
 
 }  // namespace Quaril::H5::detail::layout

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json_fwd.hpp>
+
 #include "field/DynamicSize.hpp"
 #include "field/QuarilType.hpp"
 
@@ -112,5 +114,13 @@ std::vector<hsize_t> fileExtents(const DynamicSize& size, const StoredType& type
 /// The array size of a dataset of `extents` storing `type`; rank 0 when the
 /// extents do not fit the type (wrong component count, rank not 1 to 4).
 DynamicSize arraySize(const std::vector<hsize_t>& extents, const StoredType& type);
+
+/// In a structure's list of skeletons, representations, fields or fragments,
+/// the element that stands for the same thing as `like` (the same dimension
+/// and index; chart or skeleton; name); null when there is none.
+nlohmann::json* sameSkeleton(nlohmann::json& skeletons, const nlohmann::json& like);
+nlohmann::json* sameRepresentation(nlohmann::json& representations, const nlohmann::json& like);
+nlohmann::json* sameField(nlohmann::json& fields, const nlohmann::json& like);
+nlohmann::json* sameFragment(nlohmann::json& fragments, const nlohmann::json& like);
 
 }  // namespace Quaril::H5::detail::layout

@@ -107,15 +107,6 @@ std::string dimensions(const Json& extents, int components) {
 
 // ---- merging the parts of a series ----------------------------------------------------
 
-/// The element of `list` for which `same` holds, or null.
-template <class Same>
-Json* findIn(Json& list, Same&& same) {
-  for (Json& element : list) {
-    if (same(element)) return &element;
-  }
-  return nullptr;
-}
-
 /// Applies `added`, a grid's structure from a later part, to `grid`: a
 /// partial one adds its fields (a partial field its fragments, replacing
 /// those of the same name), any other replaces the grid.
@@ -126,30 +117,21 @@ void merge(Json& grid, Json added) {
   }
   Json& skeletons = grid[layout::Skeletons];
   for (Json& skeleton : added[layout::Skeletons]) {
-    Json* into = findIn(skeletons, [&](const Json& known) {
-      return known.at(layout::Dimension) == skeleton.at(layout::Dimension) &&
-             known.at(layout::SkeletonIndex) == skeleton.at(layout::SkeletonIndex);
-    });
+    Json* into = layout::sameSkeleton(skeletons, skeleton);
     if (!into) {
       skeletons.push_back(std::move(skeleton));
       continue;
     }
     Json& representations = (*into)[layout::Representations];
     for (Json& representation : skeleton[layout::Representations]) {
-      Json* same = findIn(representations, [&](const Json& known) {
-        return known.value(layout::RelativeSkeleton, Json()) ==
-                   representation.value(layout::RelativeSkeleton, Json()) &&
-               known.value(layout::Chart, Json()) == representation.value(layout::Chart, Json());
-      });
+      Json* same = layout::sameRepresentation(representations, representation);
       if (!same) {
         representations.push_back(std::move(representation));
         continue;
       }
       Json& fields = (*same)[layout::Fields];
       for (Json& field : representation[layout::Fields]) {
-        Json* old = findIn(fields, [&](const Json& known) {
-          return known.at(layout::FieldName) == field.at(layout::FieldName);
-        });
+        Json* old = layout::sameField(fields, field);
         if (!old) {
           fields.push_back(std::move(field));
         } else if (!field.value(layout::Partial, false)) {
@@ -157,9 +139,7 @@ void merge(Json& grid, Json added) {
         } else {
           Json& fragments = (*old)[layout::Fragments];
           for (Json& fragment : field[layout::Fragments]) {
-            Json* replaced = findIn(fragments, [&](const Json& known) {
-              return known.value(layout::Fragment, "") == fragment.value(layout::Fragment, "");
-            });
+            Json* replaced = layout::sameFragment(fragments, fragment);
             if (replaced) {
               *replaced = std::move(fragment);
             } else {

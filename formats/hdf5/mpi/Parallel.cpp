@@ -252,15 +252,6 @@ struct Merged {
   std::optional<Plan::Attributes> bundleAttributes;
 };
 
-/// The element of `list` for which `same` holds; null when none.
-template <class Same>
-Json* findIn(Json& list, Same&& same) {
-  for (Json& element : list) {
-    if (same(element)) return &element;
-  }
-  return nullptr;
-}
-
 /// Adds the fragments of field `from` to the field `into` of the same name.
 void mergeField(Json& into, const Json& from, const std::string& what, size_t rank) {
   require(into.at(layout::ElementType) == from.at(layout::ElementType),
@@ -287,10 +278,7 @@ void mergeStructure(Json& into, const Json& from, const std::string& grid, size_
           grid + ": the ranks write it differently");
   if (from.value(layout::HasAttributes, false)) into[layout::HasAttributes] = true;
   for (const Json& skeleton : from.at(layout::Skeletons)) {
-    Json* same = findIn(into[layout::Skeletons], [&](const Json& held) {
-      return held.at(layout::Dimension) == skeleton.at(layout::Dimension) &&
-             held.at(layout::SkeletonIndex) == skeleton.at(layout::SkeletonIndex);
-    });
+    Json* same = layout::sameSkeleton(into[layout::Skeletons], skeleton);
     if (!same) {
       into[layout::Skeletons].push_back(skeleton);
       continue;
@@ -307,19 +295,13 @@ void mergeStructure(Json& into, const Json& from, const std::string& grid, size_
               which + " with different elements");
     }
     for (const Json& rep : skeleton.at(layout::Representations)) {
-      Json* sameRep = findIn((*same)[layout::Representations], [&](const Json& held) {
-        return held.value(layout::Chart, Json()) == rep.value(layout::Chart, Json()) &&
-               held.value(layout::RelativeSkeleton, Json()) ==
-                   rep.value(layout::RelativeSkeleton, Json());
-      });
+      Json* sameRep = layout::sameRepresentation((*same)[layout::Representations], rep);
       if (!sameRep) {
         (*same)[layout::Representations].push_back(rep);
         continue;
       }
       for (const Json& field : rep.at(layout::Fields)) {
-        Json* sameField = findIn((*sameRep)[layout::Fields], [&](const Json& held) {
-          return held.at(layout::FieldName) == field.at(layout::FieldName);
-        });
+        Json* sameField = layout::sameField((*sameRep)[layout::Fields], field);
         if (sameField) {
           mergeField(*sameField, field,
                      grid + ": field \"" + field.at(layout::FieldName).get<std::string>() + "\"",
