@@ -343,8 +343,24 @@ void recordWritten(const Bundle& bundle, const Selection& plan, Stored& stored) 
 
 // ---- the descriptor ----------------------------------------------------------------
 
+namespace {
+
+/// A part as the series' descriptor (beside the journal) names it.
 std::string partReference(const std::string& journal, const std::string& token, uint64_t number) {
   return partPath(fileNameOf(journal), token, number);
+}
+
+}  // namespace
+
+void describePart(SeriesDescriptor& descriptor, const std::string& journal,
+                  const std::string& token, uint64_t number, const Index& index,
+                  const std::vector<std::string>& structures) {
+  const std::optional<std::string> failed = failureOf([&] {
+    descriptor.add(describedWrite(index, structures, partReference(journal, token, number)));
+  });
+  require(!failed,
+          "the data are synced, but the descriptor " + descriptorOf(journal) +
+              " could not be updated (the next sync writes it anew): " + failed.value_or(""));
 }
 
 std::unique_ptr<SeriesDescriptor> descriptorFor(const std::string& journal,
@@ -492,13 +508,7 @@ class SeriesBinding : public ReportingBinding {
     recordWritten(bundle, plan, *stored_);
     walkAll_ = false;
     changed_.clear();
-    if (!descriptor_) return;
-    const std::optional<std::string> failed = failureOf([&] {
-      descriptor_->add(describedWrite(written, structures, partReference(journal_, token, number)));
-    });
-    require(!failed,
-            "the data are synced, but the descriptor " + descriptorOf(journal_) +
-                " could not be updated (the next sync writes it anew): " + failed.value_or(""));
+    if (descriptor_) describePart(*descriptor_, journal_, token, number, written, structures);
   }
 
   // The first sync visits every slice: changes before the binding are not

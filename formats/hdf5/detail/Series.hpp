@@ -93,8 +93,12 @@ void removeStrayParts(const std::string& journal, const Journal& read, bool keep
 /// The descriptor of the series `journal` whose parts are named by `token`.
 std::unique_ptr<SeriesDescriptor> descriptorFor(const std::string& journal,
                                                 const std::string& token);
-/// Part `number` as the series' descriptor (beside the journal) names it.
-std::string partReference(const std::string& journal, const std::string& token, uint64_t number);
+/// Adds part `number`, just synced, holding `index` with the structure texts
+/// `structures`, to `descriptor`. Throws a Failure saying that the data are
+/// synced when the descriptor could not be updated.
+void describePart(SeriesDescriptor& descriptor, const std::string& journal,
+                  const std::string& token, uint64_t number, const Index& index,
+                  const std::vector<std::string>& structures);
 
 /// What a sync of many writers makes every writer that holds it write,
 /// because some writer writes it. What is written whole replaces what the

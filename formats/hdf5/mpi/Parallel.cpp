@@ -865,13 +865,8 @@ class CollectiveBinding : public ReportingBinding {
     const uint64_t number = next_++;
     agreed = onRankZero(ranks, rank, [&] {
       if (!descriptor_) return;
-      const std::optional<std::string> failed = failureOf([&] {
-        descriptor_->add(describedWrite(together.merged.index, together.merged.structures,
-                                        partReference(journal_, token_, number)));
-      });
-      require(!failed,
-              "the data are synced, but the descriptor " + descriptorOf(journal_) +
-                  " could not be updated (the next sync writes it anew): " + failed.value_or(""));
+      describePart(*descriptor_, journal_, token_, number, together.merged.index,
+                   together.merged.structures);
     });
     if (agreed) throw Failure(*agreed);
   }
