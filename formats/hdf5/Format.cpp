@@ -210,31 +210,14 @@ Outcome save(const Bundle& bundle, const std::string& filename,
     if (!detail::writesXdmf(transformations.get())) {
       return detail::writeBundle(bundle, filename, request);
     }
-    // The descriptor is made from what the writer reports and written beside
-    // the target before the data replace it, so that a descriptor that cannot
-    // be written fails the save before anything changed. It is renamed right
-    // after the data; derived from them, it is not flushed on its own.
     detail::Index written;
     std::vector<std::string> structures;
     request.written = &written;
     request.structures = &structures;
-    const std::string descriptor = detail::descriptorOf(filename);
-    detail::require(!std::filesystem::is_directory(descriptor),
-                    "cannot write its descriptor " + descriptor + ": a folder is in the way");
-    const std::string temporary = detail::makeTemporary(descriptor);
-    try {
-      request.whenComplete = [&] {
-        detail::writeText(temporary,
-                          detail::describeXdmf({detail::describedWrite(
-                              written, structures, detail::fileNameOf(filename))}),
-                          descriptor);
-      };
-      request.whenReplaced = [&] { detail::renameOver(temporary, descriptor); };
-      detail::writeBundle(bundle, filename, request);
-    } catch (...) {
-      std::remove(temporary.c_str());
-      throw;
-    }
+    detail::DescriptorBeside descriptor(filename);
+    request.whenComplete = [&] { descriptor.write(written, structures); };
+    request.whenReplaced = [&] { descriptor.replace(); };
+    detail::writeBundle(bundle, filename, request);
   });
 }
 

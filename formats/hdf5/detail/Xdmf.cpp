@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -402,6 +403,26 @@ bool writesXdmf(const StorageTransformations* policy) {
 
 std::string descriptorOf(const std::string& path) {
   return path + ".xmf";
+}
+
+DescriptorBeside::DescriptorBeside(const std::string& file)
+    : file_(file), path_(descriptorOf(file)) {
+  require(!std::filesystem::is_directory(path_),
+          "cannot write its descriptor " + path_ + ": a folder is in the way");
+  temporary_ = makeTemporary(path_);
+}
+
+DescriptorBeside::~DescriptorBeside() {
+  std::remove(temporary_.c_str());  // gone after a rename
+}
+
+void DescriptorBeside::write(const Index& index, const std::vector<std::string>& structures) {
+  writeText(temporary_, describeXdmf({describedWrite(index, structures, fileNameOf(file_))}),
+            path_);
+}
+
+void DescriptorBeside::replace() {
+  renameOver(temporary_, path_);
 }
 
 void writeFileDescriptor(const std::string& path) {

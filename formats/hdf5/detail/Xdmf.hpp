@@ -53,6 +53,30 @@ DescribedFile describedWrite(const Index& index, const std::vector<std::string>&
 /// an XDMF number type, other skeletons) is left out and named in a comment.
 std::string describeXdmf(const std::vector<DescribedFile>& files);
 
+/// The descriptor NAME.xmf of a file NAME that a save writes. It is made
+/// beside the file first, so that a descriptor that cannot be written fails
+/// the save before anything changed; written from what the writer reports;
+/// and renamed right after the file (derived from it, it is not flushed on
+/// its own). A new descriptor not renamed is removed when this goes.
+class DescriptorBeside {
+ public:
+  /// Makes the new descriptor of `file`. Throws Failure.
+  explicit DescriptorBeside(const std::string& file);
+  ~DescriptorBeside();
+  DescriptorBeside(const DescriptorBeside&) = delete;
+  DescriptorBeside& operator=(const DescriptorBeside&) = delete;
+
+  /// Writes the description of the file from its `index` and `structures`.
+  void write(const Index& index, const std::vector<std::string>& structures);
+  /// Renames the new descriptor over the old one. Throws Failure.
+  void replace();
+
+ private:
+  std::string file_;
+  std::string path_;
+  std::string temporary_;
+};
+
 /// The descriptor NAME.xmf of the bound series NAME, kept up to date sync by
 /// sync at a cost that does not grow with the series: after each grid's
 /// steps it leaves room (a comment of spaces) into which the steps of a

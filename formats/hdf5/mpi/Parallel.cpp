@@ -689,27 +689,15 @@ void saveTogether(MPI_Comm comm, const Bundle& bundle, const std::string& filena
   const bool xdmf = broadcastText(ranks, writesXdmf(transformations.get()) ? "1" : "", 0) == "1";
   const Together together =
       planTogether(ranks, rank, bundle, path, {transformations, progress, gridNames});
-  // The descriptor goes beside the file, renamed right after it.
   writeTogether(ranks, rank, path, together, [&](const std::string& temporary) {
-    const std::string descriptor = descriptorOf(path);
-    std::string temporaryDescriptor;
-    try {
-      if (xdmf) {
-        require(!std::filesystem::is_directory(descriptor),
-                "cannot write its descriptor " + descriptor + ": a folder is in the way");
-        temporaryDescriptor = makeTemporary(descriptor);
-        writeText(temporaryDescriptor,
-                  describeXdmf({describedWrite(together.merged.index, together.merged.structures,
-                                               fileNameOf(path))}),
-                  descriptor);
-      }
-      renameOver(temporary, path);
-      if (xdmf) renameOver(temporaryDescriptor, descriptor);
-      syncFolderOf(path);
-    } catch (...) {
-      if (!temporaryDescriptor.empty()) std::remove(temporaryDescriptor.c_str());
-      throw;
+    std::optional<DescriptorBeside> descriptor;
+    if (xdmf) {
+      descriptor.emplace(path);
+      descriptor->write(together.merged.index, together.merged.structures);
     }
+    renameOver(temporary, path);
+    if (descriptor) descriptor->replace();
+    syncFolderOf(path);
   });
 }
 
