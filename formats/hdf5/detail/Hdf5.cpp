@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <limits>
 #include <type_traits>
@@ -62,16 +63,16 @@ Session::~Session() {
 }
 
 template <class Result>
-Result check(Result result, const std::string& what) {
+Result check(Result result, std::string_view what) {
   if (result < 0) {
     std::string reason = takeErrorStack();
-    throw Failure(reason.empty() ? what : what + ": " + reason);
+    throw Failure(reason.empty() ? std::string(what) : std::string(what) + ": " + reason);
   }
   return result;
 }
-template herr_t check<herr_t>(herr_t, const std::string&);
-template hid_t check<hid_t>(hid_t, const std::string&);
-template hssize_t check<hssize_t>(hssize_t, const std::string&);
+template herr_t check<herr_t>(herr_t, std::string_view);
+template hid_t check<hid_t>(hid_t, std::string_view);
+template hssize_t check<hssize_t>(hssize_t, std::string_view);
 
 // ---- files -------------------------------------------------------------------
 
@@ -253,8 +254,70 @@ Datatype datasetType(hid_t dataset) {
   return Datatype(H5Dget_type(dataset), "cannot read the type of a dataset");
 }
 
-void readDataset(hid_t dataset, hid_t memoryType, void* data, const std::string& what) {
-  check(H5Dread(dataset, memoryType, H5S_ALL, H5S_ALL, H5P_DEFAULT, data), "cannot read " + what);
+void readDataset(hid_t dataset, hid_t memoryType, void* data, std::string_view what) {
+  if (H5Dread(dataset, memoryType, H5S_ALL, H5S_ALL, H5P_DEFAULT, data) < 0) {
+    check(-1, "cannot read " + std::string(what));
+  }
+}
+
+RawFile rawFileOf(hid_t file) {
+  RawFile raw;
+  PropertyList access(H5Fget_access_plist(file), "cannot read a file's settings");
+  void* handle = nullptr;
+  // Only the default driver keeps the file in one descriptor of its own.
+  hsize_t bytes = 0;
+  if (H5Pget_driver(access.id()) != H5FD_SEC2 ||
+      H5Fget_vfd_handle(file, H5P_DEFAULT, &handle) < 0 || handle == nullptr ||
+      H5Fget_filesize(file, &bytes) < 0) {
+    H5Eclear2(H5E_DEFAULT);
+    return {};
+  }
+  raw.descriptor = *static_cast<int*>(handle);
+  raw.handle = handle;
+  raw.bytes = bytes;
+  return raw;
+}
+
+namespace {
+/// Where the dataset's `bytes` bytes start in `raw` when they lie there as
+/// `memoryType` stores them: contiguous, written, and in that file (not
+/// behind an external link, nor in an external raw file).
+std::optional<uint64_t> rawOffset(hid_t dataset, hid_t memoryType, uint64_t bytes,
+                                  const RawFile& raw) {
+  if (raw.descriptor < 0) return std::nullopt;
+  const haddr_t offset = H5Dget_offset(dataset);
+  if (offset == HADDR_UNDEF || H5Dget_storage_size(dataset) != bytes) return std::nullopt;
+  // The driver's handle is the identity of the open file.
+  Owned<H5Fclose> file(H5Iget_file_id(dataset), "cannot find the file of a dataset");
+  void* handle = nullptr;
+  check(H5Fget_vfd_handle(file.id(), H5P_DEFAULT, &handle), "cannot find the file of a dataset");
+  if (handle != raw.handle) return std::nullopt;
+  Datatype stored = datasetType(dataset);
+  if (check(H5Tequal(stored.id(), memoryType), "cannot compare types") <= 0) return std::nullopt;
+  return offset;
+}
+}  // namespace
+
+void readWhole(hid_t dataset, hid_t memoryType, void* data, uint64_t bytes, const RawFile& raw,
+               std::string_view what) {
+  const std::optional<uint64_t> offset = rawOffset(dataset, memoryType, bytes, raw);
+  if (!offset) {
+    readDataset(dataset, memoryType, data, what);
+    return;
+  }
+  require(*offset <= raw.bytes && bytes <= raw.bytes - *offset,
+          [&] { return "cannot read " + std::string(what) + ": the file ends within it"; });
+  auto* into = static_cast<char*>(data);
+  for (uint64_t done = 0; done < bytes;) {
+    const ssize_t got =
+        pread(raw.descriptor, into + done, bytes - done, static_cast<off_t>(*offset + done));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) {
+      const std::string reason = got == 0 ? "the file ends within it" : std::strerror(errno);
+      throw Failure("cannot read " + std::string(what) + ": " + reason);
+    }
+    done += static_cast<uint64_t>(got);
+  }
 }
 
 std::vector<uint8_t> readBytes(hid_t dataset, uint64_t begin, uint64_t count,

@@ -7,12 +7,14 @@
 
 #include <hdf5.h>
 
+#include <concepts>
 #include <cstdint>
 #include <mutex>
 #include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -53,8 +55,16 @@ Outcome attempt(Action&& action) {
 }
 
 /// Throws a Failure with `text` when `condition` is false.
-inline void require(bool condition, const std::string& text) {
-  if (!condition) throw Failure(text);
+inline void require(bool condition, std::string_view text) {
+  if (!condition) throw Failure(std::string(text));
+}
+
+/// Throws a Failure with the text that `text()` makes when `condition` is
+/// false: for checks made for every array or slice read, where making the
+/// text would cost more than checking.
+template <std::invocable Text>
+void require(bool condition, Text&& text) {
+  if (!condition) throw Failure(std::string(text()));
 }
 
 /// Serialises the format's HDF5 calls and keeps HDF5's error printing off
@@ -75,7 +85,7 @@ class Session {
 /// Throws a Failure naming `what` and HDF5's reason when `result` is
 /// negative; returns `result` otherwise.
 template <class Result>
-Result check(Result result, const std::string& what);
+Result check(Result result, std::string_view what);
 
 /// The native HDF5 type of `T` (not owned).
 template <class T>
@@ -97,7 +107,7 @@ class Owned {
  public:
   Owned() noexcept = default;
   /// Takes `id`; a negative id is a failed call, reported as `what`.
-  Owned(hid_t id, const std::string& what) : id_(check(id, what)) {}
+  Owned(hid_t id, std::string_view what) : id_(check(id, what)) {}
   ~Owned() { reset(); }
   Owned(Owned&& other) noexcept : id_(other.id_) { other.id_ = H5I_INVALID_HID; }
   Owned& operator=(Owned&& other) noexcept {
@@ -114,7 +124,7 @@ class Owned {
   hid_t id() const noexcept { return id_; }
   explicit operator bool() const noexcept { return id_ >= 0; }
   /// Closes now, reporting a failure (closing a file flushes it).
-  void close(const std::string& what) {
+  void close(std::string_view what) {
     hid_t id = id_;
     id_ = H5I_INVALID_HID;
     if (id >= 0) check(Close(id), what);
@@ -190,7 +200,22 @@ std::vector<hsize_t> datasetExtents(hid_t dataset);
 /// The stored type of a dataset, owned.
 Datatype datasetType(hid_t dataset);
 /// Reads the whole dataset into `data` as `memoryType`.
-void readDataset(hid_t dataset, hid_t memoryType, void* data, const std::string& what);
+void readDataset(hid_t dataset, hid_t memoryType, void* data, std::string_view what);
+
+/// A file opened with openFile, for reading its datasets past HDF5.
+struct RawFile {
+  int descriptor = -1;           ///< -1: read through HDF5 only
+  const void* handle = nullptr;  ///< HDF5's handle of the open file
+  uint64_t bytes = 0;
+};
+RawFile rawFileOf(hid_t file);
+
+/// Reads the whole dataset, of `bytes` bytes, into `data` as `memoryType`.
+/// A dataset stored contiguously in `raw` as `memoryType` is read straight
+/// from the file: for an array of a few megabytes, HDF5's read path costs
+/// as much as building the grid that holds it.
+void readWhole(hid_t dataset, hid_t memoryType, void* data, uint64_t bytes, const RawFile& raw,
+               std::string_view what);
 
 /// `count` bytes from `begin` on of a one-dimensional dataset of bytes.
 std::vector<uint8_t> readBytes(hid_t dataset, uint64_t begin, uint64_t count,

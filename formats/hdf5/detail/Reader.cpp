@@ -10,6 +10,7 @@
 #include "field/CreativeArrayBase.hpp"
 #include "formats/hdf5/Format.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
+#include "formats/hdf5/detail/Shape.hpp"
 #include "formats/hdf5/detail/Stored.hpp"
 #include "grid/GridConstructors.hpp"
 #include "grid/GridWalk.hpp"
@@ -18,15 +19,6 @@
 namespace Quaril::H5::detail {
 
 namespace {
-
-/// The element type stored under `name`. Besides the types the field layer
-/// always knows, the triangles' vertex triples: a process that reads a
-/// surface before it made one has not described them yet.
-const QuarilTypeBase* elementType(const std::string& name) {
-  static const QuarilTypeBase& triangles = QuarilTypeBase::getType<TriangleIndices>();
-  (void)triangles;
-  return QuarilTypeBase::findType(name);
-}
 
 using Json = nlohmann::json;
 using Ostrak::StrongPtr;
@@ -223,36 +215,11 @@ void readAttributes(hid_t object, Ostrak::Attributes& into) {
 void checkStoredSize(hid_t dataset, uint64_t bytes, uint64_t fileBytes, const std::string& what) {
   const uint64_t stored = H5Dget_storage_size(dataset);
   // Deflate packs at most about a thousand to one.
-  require(bytes <= stored * 1100 + 65536, what + ": its extents ask for " + std::to_string(bytes) +
-                                              " bytes, the file stores " + std::to_string(stored));
-  require(stored <= fileBytes, what + ": it claims more bytes than its file holds");
-}
-
-/// A number of the structure within [low, high].
-template <class T>
-T numberIn(const Json& object, const char* key, T low, T high) {
-  const Json& value = object.at(key);
-  require(value.is_number_integer(), std::string("\"") + key + "\" is not an integer");
-  const T number = value.get<T>();
-  require(number >= low && number <= high, std::string("\"") + key + "\" is out of range");
-  return number;
-}
-
-/// The array extents of the structure, first extent first.
-DynamicSize extentsOf(const Json& object, const std::string& what) {
-  const Json& list = object.at(layout::Extents);
-  require(list.is_array() && !list.empty() && list.size() <= 4,
-          what + ": extents must list 1 to 4 numbers");
-  std::vector<uint64_t> extents;
-  for (const Json& extent : list) {
-    require(
-        extent.is_number_unsigned() || (extent.is_number_integer() && extent.get<int64_t>() >= 0),
-        what + ": an extent is not a count");
-    extents.push_back(extent.get<uint64_t>());
-  }
-  DynamicSize size(std::move(extents));
-  require(size.elements() != UINT64_MAX, what + ": its extents overflow");
-  return size;
+  require(bytes <= stored * 1100 + 65536, [&] {
+    return what + ": its extents ask for " + std::to_string(bytes) + " bytes, the file stores " +
+           std::to_string(stored);
+  });
+  require(stored <= fileBytes, [&] { return what + ": it claims more bytes than its file holds"; });
 }
 
 /// Builds one grid, or adds to it, from an entry's structure, with data
@@ -271,30 +238,22 @@ class GridReader {
         vetoes_(Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(progress)),
         choice_(Ostrak::dynamic_pointer_cast<FragmentChoice>(progress)) {}
 
-  /// The entry's structure, parsed.
-  const Json& structure() {
-    if (!structure_) structure_ = source_.structure(source_.index().entries[entry_].structureRow);
-    return *structure_;
-  }
-
   void read() {
-    try {
-      if (structure().value(layout::HasAttributes, false)) {
-        Group group = openGroup(source_.file(), layout::gridPath(entry_));
-        readAttributes(group.id(), grid_);
+    shape_ = source_.shape(source_.index().entries[entry_].structureRow);
+    if (shape_->hasAttributes) {
+      Group group = openGroup(source_.file(), layout::gridPath(entry_));
+      readAttributes(group.id(), grid_);
+    }
+    collectFragments();
+    std::vector<StrongPtr<Skeleton>> made;
+    for (const GridShape::Skeleton& skeleton : shape_->skeletons) {
+      made.push_back(makeSkeleton(skeleton));
+    }
+    for (size_t i = 0; i < made.size(); ++i) {
+      std::vector<const Representation*> seen;
+      for (const GridShape::Representation& rep : shape_->skeletons[i].representations) {
+        readRepresentation(rep, *made[i], seen);
       }
-      collectFragments();
-      const Json& skeletons = structure().at(layout::Skeletons);
-      std::vector<StrongPtr<Skeleton>> made;
-      for (const Json& skeleton : skeletons) made.push_back(makeSkeleton(skeleton));
-      for (size_t i = 0; i < made.size(); ++i) {
-        std::set<const Representation*> seen;
-        for (const Json& rep : skeletons[i].at(layout::Representations)) {
-          readRepresentation(rep, *made[i], seen);
-        }
-      }
-    } catch (const Json::exception& error) {
-      throw Failure(std::string("its structure: ") + error.what());
     }
   }
 
@@ -304,110 +263,66 @@ class GridReader {
  private:
   /// A skeleton of the structure; one the grid has already (from an earlier
   /// part) is taken as it is, when it has the same elements.
-  StrongPtr<Skeleton> makeSkeleton(const Json& skeleton) {
-    const int dimension = numberIn<int>(skeleton, layout::Dimension, 0, 64);
-    const int index = numberIn<int>(skeleton, layout::SkeletonIndex, 0, INT32_MAX);
-    const uint64_t elements = numberIn<uint64_t>(skeleton, layout::Elements, 0, UINT64_MAX);
-    const int refinement = numberIn<int>(skeleton, layout::Refinement, 1, 1 << 30);
-    const SkeletonID id(dimension, index);
-    require(madeSkeletons_.insert({dimension, index}).second, id.Name() + " appears twice");
+  StrongPtr<Skeleton> makeSkeleton(const GridShape::Skeleton& skeleton) {
+    const SkeletonID id(skeleton.dimension, skeleton.index);
     if (StrongPtr<Skeleton> existing = grid_.getSkeleton(id)) {
-      require(existing->getNumberOfElements() == elements &&
-                  existing->getIsotropicRefinementFactor() == refinement,
-              id.Name() + " differs from the one read before");
+      require(existing->getNumberOfElements() == skeleton.elements &&
+                  existing->getIsotropicRefinementFactor() == skeleton.refinement,
+              [&] { return id.Name() + " differs from the one read before"; });
       return existing;
     }
-    return grid_.makeSkeleton(id, elements, refinement);
+    return grid_.makeSkeleton(id, skeleton.elements, skeleton.refinement);
   }
 
-  WeakPtr<BaseSpace> readBase(const Json& rep) {
-    if (rep.contains(layout::Chart)) {
-      const std::string name = rep.at(layout::Chart).get<std::string>();
-      const int dimension = numberIn<int>(rep, layout::ChartDimension, 1, 64);
-      const bool cartesian = rep.at(layout::ChartCartesian).get<bool>();
+  WeakPtr<BaseSpace> readBase(const GridShape::Representation& rep) {
+    if (rep.onChart) {
       require(grid_.getCharts().valid(), "the grid has no charts");
-      StrongPtr<ChartID> chart = grid_.getCharts()->makeChart(name, dimension, cartesian);
-      require(chart.valid(), "chart " + inQuotes(name) + " does not fit the bundle's charts");
+      StrongPtr<ChartID> chart =
+          grid_.getCharts()->makeChart(rep.chart, rep.chartDimension, rep.cartesian);
+      require(chart.valid(),
+              [&] { return "chart " + inQuotes(rep.chart) + " does not fit the bundle's charts"; });
       return WeakPtr<BaseSpace>(chart);
     }
-    const Json& id = rep.at(layout::RelativeSkeleton);
-    require(id.is_array() && id.size() == 2, "\"skeleton\" must be [dimension, index]");
-    StrongPtr<Skeleton> skeleton =
-        grid_.getSkeleton(SkeletonID(id[0].get<int>(), id[1].get<int>()));
+    StrongPtr<Skeleton> skeleton = grid_.getSkeleton(SkeletonID(rep.skeleton[0], rep.skeleton[1]));
     require(skeleton.valid(), "a representation relative to a skeleton the grid does not have");
     return WeakPtr<BaseSpace>(skeleton);
   }
 
-  void readRepresentation(const Json& rep, Skeleton& skeleton,
-                          std::set<const Representation*>& seen) {
+  void readRepresentation(const GridShape::Representation& rep, Skeleton& skeleton,
+                          std::vector<const Representation*>& seen) {
     StrongPtr<Representation> representation = skeleton.makeRepresentation(readBase(rep));
-    require(representation && seen.insert(representation.get()).second,
-            "a representation appears twice");
-    std::set<std::string> fields;
-    for (const Json& field : rep.at(layout::Fields)) readField(field, *representation, fields);
+    require(
+        representation && std::find(seen.begin(), seen.end(), representation.get()) == seen.end(),
+        "a representation appears twice");
+    seen.push_back(representation.get());
+    for (const GridShape::Field& field : rep.fields) readField(field, *representation);
   }
 
-  void readField(const Json& described, Representation& representation,
-                 std::set<std::string>& names) {
-    const std::string name = described.at(layout::FieldName).get<std::string>();
-    const std::string typeName = described.at(layout::ElementType).get<std::string>();
-    const std::string what = "field " + inQuotes(name);
-    require(!name.empty(), "a field has no name");
-    require(names.insert(name).second, what + " appears twice");
-    const QuarilTypeBase* type = elementType(typeName);
-    require(type != nullptr, what + ": unknown element type " + inQuotes(typeName));
-    const layout::StoredType stored = layout::storedType(*type);
-    require(stored.component >= 0,
-            what + ": elements of type " + inQuotes(typeName) + " cannot be read");
+  void readField(const GridShape::Field& described, Representation& representation) {
     // A partial field adds its fragments to the field read before.
-    StrongPtr<Field> field = described.value(layout::Partial, false)
-                                 ? representation.findField(name)
-                                 : StrongPtr<Field>();
-    if (field && &field->getElementDescriptor() != type) field.reset();
+    StrongPtr<Field> field =
+        described.partial ? representation.findField(described.name) : StrongPtr<Field>();
+    if (field && &field->getElementDescriptor() != described.type) field.reset();
     if (!field) {
-      if (vetoes_ && !vetoes_->CreateField(id_, grid_, time_, name)) return;
-      field = StrongPtr<Field>(new Field(*type));
+      if (vetoes_ && !vetoes_->CreateField(id_, grid_, time_, described.name)) return;
+      field = StrongPtr<Field>(new Field(*described.type));
     }
-    std::set<const FragmentID*> seen;
-    const Json& fragments = described.at(layout::Fragments);
     size_t chosen = 0;
-    for (size_t position = 0; position < fragments.size(); ++position) {
-      const Json& fragmentJson = fragments[position];
-      StrongPtr<FragmentID> fragment = fragmentNamed(fragmentJson);
-      const std::string fragmentWhat =
-          what + (fragment ? " fragment " + inQuotes(fragment->Name()) : "");
-      require(seen.insert(fragment.get()).second, fragmentWhat + " appears twice");
-      const FragmentPlace place = placeOf(fragmentJson, position, fragments.size(), fragmentWhat);
+    for (const GridShape::Fragment& fragment : described.fragments) {
       if (choice_ &&
-          !choice_->CreateFragment(id_, time_, name, fragment ? fragment->Name() : "", place)) {
+          !choice_->CreateFragment(id_, time_, described.name, fragment.name, fragment.place)) {
         continue;
       }
       ++chosen;
       StrongPtr<CreativeArrayBase> creator =
-          fragmentJson.contains(layout::Uniform)
-              ? uniformCreator(fragmentJson.at(layout::Uniform), *type, fragmentWhat)
-              : arrayCreator(fragmentJson, *type, stored, fragmentWhat);
+          fragment.uniform ? uniformCreator(fragment, *described.type)
+                           : arrayCreator(fragment, *described.type, described.stored);
       creators_.push_back(creator);
-      field->setCreator(creator, fragment);
+      field->setCreator(creator,
+                        fragment.named ? fragmentNamed(fragment.name) : StrongPtr<FragmentID>());
     }
-    if (chosen == 0 && !fragments.empty()) return;
-    representation.setField(name, field);
-  }
-
-  /// Where the fragment `described` stands, with the rank that wrote it.
-  static FragmentPlace placeOf(const Json& described, size_t position, size_t count,
-                               const std::string& what) {
-    FragmentPlace place{position, count};
-    if (!described.contains(layout::WriterRank)) return place;
-    const Json& writer = described.at(layout::WriterRank);
-    require(writer.is_array() && writer.size() == 2 && writer[0].is_number_unsigned() &&
-                writer[1].is_number_unsigned() &&
-                writer[0].get<uint64_t>() < writer[1].get<uint64_t>() &&
-                writer[1].get<uint64_t>() <= INT32_MAX,
-            what + ": its writer rank is not [rank, ranks]");
-    place.rank = writer[0].get<int>();
-    place.ranks = writer[1].get<int>();
-    return place;
+    if (chosen == 0 && !described.fragments.empty()) return;
+    representation.setField(described.name, field);
   }
 
   /// The fragment identities the grid has already, by name, so that a later
@@ -420,68 +335,59 @@ class GridReader {
     });
   }
 
-  /// The fragment named in the description, one identity per name in the
-  /// grid; null for an unfragmented field.
-  StrongPtr<FragmentID> fragmentNamed(const Json& described) {
-    if (!described.contains(layout::Fragment)) return {};
-    const std::string name = described.at(layout::Fragment).get<std::string>();
+  /// The identity of the fragment `name`, one per name in the grid.
+  StrongPtr<FragmentID> fragmentNamed(const std::string& name) {
     StrongPtr<FragmentID>& fragment = fragments_[name];
     if (!fragment) fragment = StrongPtr<FragmentID>(new FragmentID(name));
     return fragment;
   }
 
-  static StrongPtr<CreativeArrayBase> uniformCreator(const Json& uniform,
-                                                     const QuarilTypeBase& type,
-                                                     const std::string& what) {
-    require(type.is<Pelorn::PhysicalSpace::point>(), what + ": uniform positions must be points");
-    const auto origin = uniform.at(layout::Origin).get<std::array<double, 3>>();
-    const auto spacing = uniform.at(layout::Spacing).get<std::array<double, 3>>();
-    const DynamicSize size = extentsOf(uniform, what);
-    require(size.rank() == 3, what + ": uniform extents must be three numbers");
-    const std::array<uint64_t, 3> counts{size[0], size[1], size[2]};
-    const Pelorn::PhysicalSpace::point first{origin[0], origin[1], origin[2]};
-    const Pelorn::PhysicalSpace::tvector step{spacing[0], spacing[1], spacing[2]};
-    return StrongPtr<CreativeArrayBase>(
-        new DeferredCreator(type, size, [first, step, counts]() -> StrongPtr<MemBase, Cacheable> {
+  static StrongPtr<CreativeArrayBase> uniformCreator(const GridShape::Fragment& fragment,
+                                                     const QuarilTypeBase& type) {
+    const Pelorn::PhysicalSpace::point first{fragment.origin[0], fragment.origin[1],
+                                             fragment.origin[2]};
+    const Pelorn::PhysicalSpace::tvector step{fragment.spacing[0], fragment.spacing[1],
+                                              fragment.spacing[2]};
+    return StrongPtr<CreativeArrayBase>(new DeferredCreator(
+        type, fragment.size,
+        [first, step, counts = fragment.counts]() -> StrongPtr<MemBase, Cacheable> {
           return StrongPtr<MemBase, Cacheable>(new UniformCartesianArray(first, step, counts));
         }));
   }
 
-  StrongPtr<CreativeArrayBase> arrayCreator(const Json& described, const QuarilTypeBase& type,
-                                            const layout::StoredType& stored,
-                                            const std::string& what) {
-    const std::string dataset = described.at(layout::Dataset).get<std::string>();
-    require(!dataset.empty() && dataset.find('/') == std::string::npos,
-            what + ": bad data set name " + inQuotes(dataset));
-    DynamicSize size = extentsOf(described, what);
-    require(size.elements() <= UINT64_MAX / type.size(), what + ": its extents overflow");
+  StrongPtr<CreativeArrayBase> arrayCreator(const GridShape::Fragment& fragment,
+                                            const QuarilTypeBase& type,
+                                            const layout::StoredType& stored) {
     return StrongPtr<CreativeArrayBase>(new DeferredCreator(
-        type, size,
-        arrayProducer(part_, layout::arrayName(entry_, dataset), type, size, stored, what)));
+        type, fragment.size, arrayProducer(part_, shape_, fragment, entry_, type, stored)));
   }
 
-  static DeferredCreator::Producer arrayProducer(std::shared_ptr<PartSource> part, std::string name,
-                                                 const QuarilTypeBase& type, DynamicSize size,
-                                                 layout::StoredType stored, std::string what) {
-    return [part = std::move(part), name = std::move(name), &type, size = std::move(size), stored,
-            what = std::move(what)]() -> StrongPtr<MemBase, Cacheable> {
+  /// Reads the fragment's array; `shape` keeps `fragment` alive.
+  static DeferredCreator::Producer arrayProducer(std::shared_ptr<PartSource> part,
+                                                 std::shared_ptr<const GridShape> shape,
+                                                 const GridShape::Fragment& fragment,
+                                                 uint64_t entry, const QuarilTypeBase& type,
+                                                 layout::StoredType stored) {
+    return [part = std::move(part), shape = std::move(shape), &fragment, entry, &type,
+            stored]() -> StrongPtr<MemBase, Cacheable> {
       Session session;
       try {
         const std::shared_ptr<Source> source = part->get();
         require(source->arrays() >= 0, "the file has no group \"arrays\"");
-        Dataset dataset = openDataset(source->arrays(), name);
-        require(datasetExtents(dataset.id()) == layout::fileExtents(size, stored),
-                "its data set does not have the extents " + size.str());
-        checkStoredSize(dataset.id(), size.elements() * type.size(), source->fileBytes(),
-                        "its data set");
-        StrongPtr<MemBase, Cacheable> array = makeMemArray(type, size, false);
-        require(array.valid(), "no array of type " + type.name());
-        if (array->nElements() > 0) {
-          readDataset(dataset.id(), stored.component, array->rawData(), "its data set");
+        Dataset dataset = openDataset(source->arrays(), layout::arrayName(entry, fragment.dataset));
+        require(datasetExtents(dataset.id()) == layout::fileExtents(fragment.size, stored),
+                [&] { return "its data set does not have the extents " + fragment.size.str(); });
+        const uint64_t bytes = fragment.size.elements() * type.size();
+        checkStoredSize(dataset.id(), bytes, source->fileBytes(), "its data set");
+        StrongPtr<MemBase, Cacheable> array = makeMemArray(type, fragment.size, false);
+        require(array.valid(), [&] { return "no array of type " + type.name(); });
+        if (bytes > 0) {
+          readWhole(dataset.id(), stored.component, array->rawData(), bytes, source->raw(),
+                    "its data set");
         }
         return array;
       } catch (const Failure& failure) {
-        throw Failure(part->path() + ": " + what + ": " + failure.what());
+        throw Failure(part->path() + ": " + fragment.what + ": " + failure.what());
       }
     };
   }
@@ -494,8 +400,7 @@ class GridReader {
   double time_;
   StrongPtr<BundleLoaderProgress> vetoes_;
   StrongPtr<FragmentChoice> choice_;
-  std::shared_ptr<const Json> structure_;
-  std::set<std::pair<int, int>> madeSkeletons_;
+  std::shared_ptr<const GridShape> shape_;
   std::map<std::string, StrongPtr<FragmentID>> fragments_;
   std::vector<StrongPtr<CreativeArrayBase>> creators_;
 };
@@ -543,8 +448,10 @@ class SliceLoader : public Slice::Loader {
             listedRow == RowOfTime ? rowOf(source->index(), slice->getTime()) : listedRow;
         require(
             row < source->index().times.size() && source->index().times[row] == slice->getTime(),
-            "it does not hold the time " + std::to_string(slice->getTime()) +
-                " that the series lists");
+            [&] {
+              return "it does not hold the time " + std::to_string(slice->getTime()) +
+                     " that the series lists";
+            });
         complete = loadRow(*slice, *bundle, part, *source, row, grids) && complete;
       } catch (const Failure& failure) {
         report(progress_, part->path() + ": " + failure.what());
@@ -585,8 +492,7 @@ class SliceLoader : public Slice::Loader {
       try {
         // A partial entry adds to the grid read before; any other makes a
         // grid that replaces it.
-        const bool adds =
-            source.structure(index.entries[entry].structureRow)->value(layout::Partial, false);
+        const bool adds = source.shape(index.entries[entry].structureRow)->partial;
         StrongPtr<Grid> grid = adds ? existingGrid(slice, id) : StrongPtr<Grid>();
         const bool made = !grid;
         if (made) {
@@ -627,6 +533,7 @@ std::shared_ptr<Source> Source::open(const std::string& path) {
   hsize_t bytes = 0;
   check(H5Fget_filesize(source->file(), &bytes), "cannot read the file's size");
   source->fileBytes_ = bytes;
+  source->raw_ = rawFileOf(source->file());
   checkFormat(source->file());
   source->structures_ =
       openDataset(openGroup(source->file(), layout::IndexGroup).id(), layout::Structures);
@@ -654,6 +561,15 @@ std::shared_ptr<const Json> Source::structure(uint64_t row) {
   if (parsed_.size() >= 256) parsed_.clear();
   parsed_.emplace(row, parsed);
   return parsed;
+}
+
+std::shared_ptr<const GridShape> Source::shape(uint64_t row) {
+  auto found = shapes_.find(row);
+  if (found != shapes_.end()) return found->second;
+  auto made = std::make_shared<const GridShape>(shapeOf(*structure(row)));
+  if (shapes_.size() >= 256) shapes_.clear();
+  shapes_.emplace(row, made);
+  return made;
 }
 
 Source::~Source() {

@@ -18,6 +18,8 @@
 
 namespace Quaril::H5::detail {
 
+struct GridShape;
+
 /// One open file of the format, shared by the slice loaders and the data
 /// creators made from it; closed when the last of them goes. Used under a
 /// Session only.
@@ -34,10 +36,14 @@ class Source {
   hid_t arrays() const noexcept { return arrays_.id(); }
   /// The file's size when it was opened.
   uint64_t fileBytes() const noexcept { return fileBytes_; }
+  /// The file for reading contiguous arrays past HDF5.
+  const RawFile& raw() const noexcept { return raw_; }
 
   /// The parsed structure text of row `row`, read on first use and kept
   /// while few enough are. Throws Failure when it is not JSON.
   std::shared_ptr<const nlohmann::json> structure(uint64_t row);
+  /// The structure of row `row`, read and checked, kept as the text is.
+  std::shared_ptr<const GridShape> shape(uint64_t row);
 
  private:
   Source(std::string path, File file) : path_(std::move(path)), file_(std::move(file)) {}
@@ -45,10 +51,12 @@ class Source {
   std::string path_;
   File file_;
   uint64_t fileBytes_ = 0;
+  RawFile raw_;
   Index index_;
   Dataset structures_;
   Group arrays_;
   std::unordered_map<uint64_t, std::shared_ptr<const nlohmann::json>> parsed_;
+  std::unordered_map<uint64_t, std::shared_ptr<const GridShape>> shapes_;
 };
 
 class Stored;
