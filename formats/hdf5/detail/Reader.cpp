@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <map>
 #include <set>
 
@@ -222,6 +223,12 @@ void checkStoredSize(hid_t dataset, uint64_t bytes, uint64_t fileBytes, const st
   require(stored <= fileBytes, [&] { return what + ": it claims more bytes than its file holds"; });
 }
 
+/// The fields and arrays that a slice's readers made.
+struct Made {
+  std::vector<StrongPtr<Field>> fields;
+  std::vector<StrongPtr<CreativeArrayBase>> creators;
+};
+
 /// Builds one grid, or adds to it, from an entry's structure, with data
 /// creators that read each array on the first request.
 class GridReader {
@@ -259,6 +266,11 @@ class GridReader {
 
   /// Every array of the grid, for checking them all.
   const std::vector<StrongPtr<CreativeArrayBase>>& creators() const noexcept { return creators_; }
+  /// Hands the fields and arrays this reader made to `made`.
+  void handOver(Made& made) {
+    std::move(fields_.begin(), fields_.end(), std::back_inserter(made.fields));
+    std::move(creators_.begin(), creators_.end(), std::back_inserter(made.creators));
+  }
 
  private:
   /// A skeleton of the structure; one the grid has already (from an earlier
@@ -323,6 +335,7 @@ class GridReader {
     }
     if (chosen == 0 && !described.fragments.empty()) return;
     representation.setField(described.name, field);
+    fields_.push_back(field);
   }
 
   /// The fragment identities the grid has already, by name, so that a later
@@ -402,6 +415,7 @@ class GridReader {
   StrongPtr<FragmentChoice> choice_;
   std::shared_ptr<const GridShape> shape_;
   std::map<std::string, StrongPtr<FragmentID>> fragments_;
+  std::vector<StrongPtr<Field>> fields_;
   std::vector<StrongPtr<CreativeArrayBase>> creators_;
 };
 
@@ -440,6 +454,7 @@ class SliceLoader : public Slice::Loader {
     Session session;
     bool complete = true;
     std::vector<StrongPtr<Grid>> grids;
+    Made made;
     for (size_t i = 0; i <= more_.size(); ++i) {
       const auto& [part, listedRow] = i == 0 ? first_ : more_[i - 1];
       try {
@@ -452,7 +467,7 @@ class SliceLoader : public Slice::Loader {
               return "it does not hold the time " + std::to_string(slice->getTime()) +
                      " that the series lists";
             });
-        complete = loadRow(*slice, *bundle, part, *source, row, grids) && complete;
+        complete = loadRow(*slice, *bundle, part, *source, row, grids, made) && complete;
       } catch (const Failure& failure) {
         report(progress_, part->path() + ": " + failure.what());
         complete = false;
@@ -460,7 +475,11 @@ class SliceLoader : public Slice::Loader {
     }
     if (stored_) {
       stored_->add(SlicePtr(weakSlice).referenceBlock(), slice);
-      for (const StrongPtr<Grid>& grid : grids) stored_->addGrid(grid);
+      for (const StrongPtr<Grid>& grid : grids) stored_->add(grid.referenceBlock(), grid.get());
+      std::vector<Ostrak::ReferenceBlock*> blocks;
+      for (const auto& field : made.fields) blocks.push_back(field.referenceBlock());
+      for (const auto& creator : made.creators) blocks.push_back(creator.referenceBlock());
+      stored_->addAll(blocks);
     }
     return complete;
   }
@@ -472,7 +491,7 @@ class SliceLoader : public Slice::Loader {
   }
 
   bool loadRow(Slice& slice, Bundle& bundle, const std::shared_ptr<PartSource>& part,
-               Source& source, uint64_t row, std::vector<StrongPtr<Grid>>& grids) {
+               Source& source, uint64_t row, std::vector<StrongPtr<Grid>>& grids, Made& made) {
     const Index& index = source.index();
     const double time = index.times[row];
     bool complete = true;
@@ -494,15 +513,17 @@ class SliceLoader : public Slice::Loader {
         // grid that replaces it.
         const bool adds = source.shape(index.entries[entry].structureRow)->partial;
         StrongPtr<Grid> grid = adds ? existingGrid(slice, id) : StrongPtr<Grid>();
-        const bool made = !grid;
-        if (made) {
+        const bool madeGrid = !grid;
+        if (madeGrid) {
           grid = StrongPtr<Grid>(
               new Grid(WeakPtr<GridContainer>(bundle.getGridList()), bundle.getCharts()));
           if (vetoes_ && !vetoes_->CreateGrid(id, *grid, time)) continue;
         }
-        GridReader(part, source, entry, *grid, id, time, progress_).read();
-        if (made) slice.insert(name, grid);
+        GridReader reader(part, source, entry, *grid, id, time, progress_);
+        reader.read();
+        if (madeGrid) slice.insert(name, grid);
         grids.push_back(grid);
+        reader.handOver(made);
       } catch (const Failure& failure) {
         report(progress_, source.path() + ": grid " + inQuotes(name) + " at time " +
                               std::to_string(time) + ": " + failure.what());

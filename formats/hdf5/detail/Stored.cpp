@@ -32,12 +32,29 @@ bool Stored::sameBundleAttributes(const Ostrak::Attributes& attributes) const {
 void Stored::add(Ostrak::ReferenceBlock* block, const Ostrak::Attributes* attributes) {
   if (!block) return;
   std::lock_guard lock(mutex_);
+  Entry& entry = listed(block);
+  if (attributes) {
+    entry.attributes = attributes->attributes();
+    entry.hasAttributes = true;
+  }
+  sweepWhenDoubled();
+}
+
+void Stored::addAll(const std::vector<Ostrak::ReferenceBlock*>& blocks) {
+  std::lock_guard lock(mutex_);
+  for (Ostrak::ReferenceBlock* block : blocks) {
+    if (block) listed(block);
+  }
+  sweepWhenDoubled();
+}
+
+Stored::Entry& Stored::listed(Ostrak::ReferenceBlock* block) {
   auto [entry, added] = entries_.try_emplace(block);
   if (added) block->acquireWeak();
-  if (attributes) {
-    entry->second.attributes = attributes->attributes();
-    entry->second.hasAttributes = true;
-  }
+  return entry->second;
+}
+
+void Stored::sweepWhenDoubled() {
   // Dead entries go once the list has doubled since the last sweep, so a
   // long run that releases what it wrote keeps the list at its live size.
   if (entries_.size() > 2 * liveAtLastSweep_ + 1024) dropDead();

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "bundle/Bundle.hpp"
 #include "ostrak/Attributes.hpp"
@@ -38,6 +39,8 @@ class Stored {
   void add(Ostrak::ReferenceBlock* block, const Ostrak::Attributes* attributes = nullptr);
   /// Lists `grid` with everything in it (fields and their creators).
   void addGrid(const Ostrak::StrongPtr<Grid>& grid);
+  /// Lists `blocks`, without attributes.
+  void addAll(const std::vector<Ostrak::ReferenceBlock*>& blocks);
   void setBundleAttributes(const Ostrak::Attributes& attributes);
 
  private:
@@ -45,6 +48,9 @@ class Stored {
     AttributeMap attributes;
     bool hasAttributes = false;
   };
+  /// The entry of `block`, listed when new. Under the mutex.
+  Entry& listed(Ostrak::ReferenceBlock* block);
+  void sweepWhenDoubled();
   void dropDead();
 
   mutable std::mutex mutex_;
