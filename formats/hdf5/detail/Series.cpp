@@ -248,10 +248,11 @@ void planSlice(const SlicePtr& slice, const Stored& stored, bool readPending,
       plan.gridAttributes.insert(grid.get());
       gridNews = true;
     }
+    const std::string& gridName = id->getName();
     forEachPlacedField(*grid, [&](const SkeletonID&, const Skeleton&, const FieldID& fieldID,
                                   const StrongPtr<Field>& field) {
       if (!gridKnown || !stored.contains(field.referenceBlock()) ||
-          (shared && shared->fields.count({time, id->getName(), fieldID.Name()}))) {
+          (shared && shared->fields.count({time, gridName, fieldID.Name()}))) {
         plan.fields[field.get()];
         gridNews = true;
         return;
@@ -310,12 +311,13 @@ SharedWrites sharedWritesOf(const Selection& plan) {
         shared.grids.emplace(slice->getTime(), id->getName());
         continue;
       }
-      shared.added.emplace(slice->getTime(), id->getName());
+      const std::string& gridName = id->getName();
+      shared.added.emplace(slice->getTime(), gridName);
       forEachPlacedField(*grid, [&](const SkeletonID&, const Skeleton&, const FieldID& fieldID,
                                     const StrongPtr<Field>& field) {
         const auto fieldChoice = plan.fields.find(field.get());
         if (fieldChoice != plan.fields.end() && !fieldChoice->second.partial) {
-          shared.fields.emplace(slice->getTime(), id->getName(), fieldID.Name());
+          shared.fields.emplace(slice->getTime(), gridName, fieldID.Name());
         }
       });
     }
