@@ -97,9 +97,11 @@ def write_by_the_layout(path):
             ).encode()]
         index["structures"] = np.frombuffer(b"".join(structures), dtype=np.uint8)
         index["structure_ends"] = np.cumsum([len(s) for s in structures]).astype(np.uint64)
-        for row, step in ((0, 0), (2, 1)):
-            f[f"arrays/{row}.0"] = np.arange(9, dtype=np.float64).reshape(3, 3) + step
-            f[f"arrays/{row}.1"] = np.array([1.5, 2.5, 3.5], dtype=np.float32) * (step + 1)
+        # The second step is big-endian: the reader converts what is not
+        # stored as it holds it.
+        for row, step, order in ((0, 0, "<"), (2, 1, ">")):
+            f[f"arrays/{row}.0"] = (np.arange(9.0).reshape(3, 3) + step).astype(order + "f8")
+            f[f"arrays/{row}.1"] = (np.array([1.5, 2.5, 3.5]) * (step + 1)).astype(order + "f4")
         f.create_group("grids/1").attrs["material"] = "steel"
 
 
