@@ -260,22 +260,16 @@ void readDataset(hid_t dataset, hid_t memoryType, void* data, std::string_view w
   }
 }
 
-RawFile rawFileOf(hid_t file) {
-  RawFile raw;
+RawFile rawFileOf(hid_t file, uint64_t bytes) {
   PropertyList access(H5Fget_access_plist(file), "cannot read a file's settings");
   void* handle = nullptr;
   // Only the default driver keeps the file in one descriptor of its own.
-  hsize_t bytes = 0;
   if (H5Pget_driver(access.id()) != H5FD_SEC2 ||
-      H5Fget_vfd_handle(file, H5P_DEFAULT, &handle) < 0 || handle == nullptr ||
-      H5Fget_filesize(file, &bytes) < 0) {
+      H5Fget_vfd_handle(file, H5P_DEFAULT, &handle) < 0 || handle == nullptr) {
     H5Eclear2(H5E_DEFAULT);
     return {};
   }
-  raw.descriptor = *static_cast<int*>(handle);
-  raw.handle = handle;
-  raw.bytes = bytes;
-  return raw;
+  return {*static_cast<int*>(handle), handle, bytes};
 }
 
 namespace {

@@ -208,7 +208,8 @@ struct RawFile {
   const void* handle = nullptr;  ///< HDF5's handle of the open file
   uint64_t bytes = 0;
 };
-RawFile rawFileOf(hid_t file);
+/// The open `file`, of `bytes` bytes.
+RawFile rawFileOf(hid_t file, uint64_t bytes);
 
 /// Reads the whole dataset, of `bytes` bytes, into `data` as `memoryType`.
 /// A dataset stored contiguously in `raw` as `memoryType` is read straight

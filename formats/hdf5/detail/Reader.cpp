@@ -25,10 +25,6 @@ using Json = nlohmann::json;
 using Ostrak::StrongPtr;
 using Ostrak::WeakPtr;
 
-std::string inQuotes(const std::string& text) {
-  return "\"" + text + "\"";
-}
-
 // ---- the index -------------------------------------------------------------------
 
 void checkFormat(hid_t file) {
@@ -554,7 +550,7 @@ std::shared_ptr<Source> Source::open(const std::string& path) {
   hsize_t bytes = 0;
   check(H5Fget_filesize(source->file(), &bytes), "cannot read the file's size");
   source->fileBytes_ = bytes;
-  source->raw_ = rawFileOf(source->file());
+  source->raw_ = rawFileOf(source->file(), bytes);
   checkFormat(source->file());
   source->structures_ =
       openDataset(openGroup(source->file(), layout::IndexGroup).id(), layout::Structures);

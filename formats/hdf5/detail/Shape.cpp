@@ -23,10 +23,6 @@ const QuarilTypeBase* elementType(const std::string& name) {
   return QuarilTypeBase::findType(name);
 }
 
-std::string inQuotes(const std::string& text) {
-  return "\"" + text + "\"";
-}
-
 /// A number of the structure within [low, high].
 template <class T>
 T numberIn(const Json& object, const char* key, T low, T high) {
@@ -143,6 +139,10 @@ GridShape::Representation readRepresentation(const Json& rep) {
 }
 
 }  // namespace
+
+std::string inQuotes(const std::string& text) {
+  return "\"" + text + "\"";
+}
 
 GridShape shapeOf(const Json& structure) {
   try {

@@ -63,4 +63,7 @@ struct GridShape {
 /// Reads and checks a structure. Throws Failure naming the problem.
 GridShape shapeOf(const nlohmann::json& structure);
 
+/// A name read from a file, as error texts quote it.
+std::string inQuotes(const std::string& text);
+
 }  // namespace Quaril::H5::detail
