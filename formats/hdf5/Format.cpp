@@ -1,10 +1,8 @@
 #include "formats/hdf5/Format.hpp"
 
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 
 #include "bundle/Binder.hpp"
 #include "bundle/LoaderControl.hpp"
@@ -27,31 +25,6 @@ bool isOurFileName(const std::string& filename) {
     if (Ostrak::LoaderRegistryBase::matches(pattern, filename)) return true;
   }
   return false;
-}
-
-/// The files a bundle was loaded from, each with what was read from it, kept
-/// on the bundle so that binding to one of them neither reads it a second
-/// time nor writes again what it holds.
-class LoadedFiles : public Ostrak::Interface<LoadedFiles> {
- public:
-  static std::string key(const std::string& filename) {
-    std::error_code error;
-    auto canonical = std::filesystem::weakly_canonical(filename, error);
-    return error ? filename : canonical.string();
-  }
-  std::map<std::string, std::shared_ptr<detail::Stored>> files;
-};
-
-/// The list of what is read from `filename` into `bundle`, made when new.
-std::shared_ptr<detail::Stored> recordLoaded(Bundle& bundle, const std::string& filename) {
-  auto loaded = bundle.findInterface<LoadedFiles, LoadedFiles>();
-  if (!loaded) {
-    loaded = StrongPtr<LoadedFiles>(new LoadedFiles);
-    bundle.addInterface(StrongPtr<Ostrak::InterfaceBase>(loaded));
-  }
-  auto& stored = loaded->files[LoadedFiles::key(filename)];
-  if (!stored) stored = std::make_shared<detail::Stored>();
-  return stored;
 }
 
 /// A file opened for loading: a single file or the parts of a series.
@@ -89,7 +62,7 @@ class FileLoader : public Ostrak::Loader<Bundle> {
     for (const Opened& file : opened) {
       Outcome attached = detail::attempt([&] {
         detail::attachParts(*target.target, file.parts, progress,
-                            recordLoaded(*target.target, file.path));
+                            detail::recordLoaded(*target.target, file.path));
       });
       if (!attached) {
         request->setErrorText(file.path + ": " + attached.error);
@@ -169,27 +142,6 @@ void registerFormat() {
   });
 }
 
-bool FragmentChoice::CreateFragment(const StrongPtr<GridID>&, double, const std::string&,
-                                    const std::string&, const FragmentPlace&) {
-  return true;
-}
-
-bool FragmentsOfRank::CreateFragment(const StrongPtr<GridID>&, double, const std::string&,
-                                     const std::string& fragment, const FragmentPlace& place) {
-  if (fragment.empty() || size_ <= 0) return true;
-  if (place.ranks == size_) return place.rank == rank_;
-  const auto first = [&](uint64_t rank) {
-    return rank * place.count / static_cast<uint64_t>(size_);
-  };
-  const auto rank = static_cast<uint64_t>(rank_);
-  return first(rank) <= place.position && place.position < first(rank + 1);
-}
-
-bool FragmentsNamed::CreateFragment(const StrongPtr<GridID>&, double, const std::string&,
-                                    const std::string& fragment, const FragmentPlace&) {
-  return fragment.empty() || names_.count(fragment) > 0;
-}
-
 Outcome load(BundlePtr& bundle, const std::list<std::string>& filenames,
              const StrongPtr<Ostrak::LoaderProgress>& progress) {
   bundle.create();
@@ -219,14 +171,6 @@ Outcome save(const Bundle& bundle, const std::string& filename,
     request.whenReplaced = [&] { descriptor.replace(); };
     detail::writeBundle(bundle, filename, request);
   });
-}
-
-std::shared_ptr<detail::Stored> detail::loadedFrom(const Bundle& bundle,
-                                                   const std::string& filename) {
-  auto loaded = bundle.findInterface<LoadedFiles, LoadedFiles>();
-  if (!loaded) return {};
-  auto found = loaded->files.find(LoadedFiles::key(filename));
-  return found == loaded->files.end() ? nullptr : found->second;
 }
 
 Outcome lastSync(const Bundle& bundle) {

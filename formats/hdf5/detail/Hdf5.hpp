@@ -7,65 +7,17 @@
 
 #include <hdf5.h>
 
-#include <concepts>
 #include <cstdint>
 #include <mutex>
-#include <new>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
 #include <vector>
 
-#include "formats/hdf5/Format.hpp"
+#include "formats/hdf5/detail/Failure.hpp"
 
 namespace Quaril::H5::detail {
-
-/// A failed HDF5 call or an inconsistency found in a file. Never leaves the
-/// format: the entry points turn it into an error text.
-class Failure : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
-/// Runs `action`; returns nothing when it succeeds, otherwise what it threw
-/// as an error text (the format's own failures as they are).
-template <class Action>
-std::optional<std::string> failureOf(Action&& action) {
-  try {
-    action();
-    return std::nullopt;
-  } catch (const Failure& failure) {
-    return failure.what();
-  } catch (const std::bad_alloc&) {
-    return "out of memory";
-  } catch (const std::exception& error) {
-    return std::string("stopped by an exception: ") + error.what();
-  } catch (...) {
-    return "stopped by an exception";
-  }
-}
-
-/// Runs `action`, turning whatever it throws into the outcome's error.
-template <class Action>
-Outcome attempt(Action&& action) {
-  std::optional<std::string> error = failureOf(std::forward<Action>(action));
-  return {!error, error.value_or("")};
-}
-
-/// Throws a Failure with `text` when `condition` is false.
-inline void require(bool condition, std::string_view text) {
-  if (!condition) throw Failure(std::string(text));
-}
-
-/// Throws a Failure with the text that `text()` makes when `condition` is
-/// false: for checks made for every array or slice read, where making the
-/// text would cost more than checking.
-template <std::invocable Text>
-void require(bool condition, Text&& text) {
-  if (!condition) throw Failure(std::string(text()));
-}
 
 /// Serialises the format's HDF5 calls and keeps HDF5's error printing off
 /// for the current thread while it lives. Re-entrant.

@@ -12,7 +12,7 @@
 
 #include "field/DynamicSize.hpp"
 #include "field/QuarilType.hpp"
-#include "formats/hdf5/Format.hpp"
+#include "formats/hdf5/Options.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
 
 namespace Quaril::H5::detail {

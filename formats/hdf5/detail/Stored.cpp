@@ -1,8 +1,25 @@
 #include "formats/hdf5/detail/Stored.hpp"
 
+#include <filesystem>
+
 #include "grid/GridWalk.hpp"
 
 namespace Quaril::H5::detail {
+
+namespace {
+
+/// The files a bundle was loaded from, each with what was read from it.
+class LoadedFiles : public Ostrak::Interface<LoadedFiles> {
+ public:
+  static std::string key(const std::string& filename) {
+    std::error_code error;
+    auto canonical = std::filesystem::weakly_canonical(filename, error);
+    return error ? filename : canonical.string();
+  }
+  std::map<std::string, std::shared_ptr<Stored>> files;
+};
+
+}  // namespace
 
 Stored::~Stored() {
   for (auto& [block, entry] : entries_) block->releaseWeak();
@@ -86,6 +103,24 @@ void Stored::dropDead() {
     entry = entries_.erase(entry);
   }
   liveAtLastSweep_ = entries_.size();
+}
+
+std::shared_ptr<Stored> recordLoaded(Bundle& bundle, const std::string& filename) {
+  auto loaded = bundle.findInterface<LoadedFiles, LoadedFiles>();
+  if (!loaded) {
+    loaded = Ostrak::StrongPtr<LoadedFiles>(new LoadedFiles);
+    bundle.addInterface(Ostrak::StrongPtr<Ostrak::InterfaceBase>(loaded));
+  }
+  auto& stored = loaded->files[LoadedFiles::key(filename)];
+  if (!stored) stored = std::make_shared<Stored>();
+  return stored;
+}
+
+std::shared_ptr<Stored> loadedFrom(const Bundle& bundle, const std::string& filename) {
+  auto loaded = bundle.findInterface<LoadedFiles, LoadedFiles>();
+  if (!loaded) return {};
+  auto found = loaded->files.find(LoadedFiles::key(filename));
+  return found == loaded->files.end() ? nullptr : found->second;
 }
 
 }  // namespace Quaril::H5::detail

@@ -4,6 +4,7 @@
 // were then.
 
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -58,5 +59,13 @@ class Stored {
   size_t liveAtLastSweep_ = 0;
   AttributeMap bundleAttributes_;
 };
+
+/// The list of what is read from `filename` into `bundle`, kept on the
+/// bundle (made when new), so that binding to that file neither reads it a
+/// second time nor writes again what it holds.
+std::shared_ptr<Stored> recordLoaded(Bundle& bundle, const std::string& filename);
+/// What was read from `filename` into `bundle`; null when it was not loaded
+/// from it.
+std::shared_ptr<Stored> loadedFrom(const Bundle& bundle, const std::string& filename);
 
 }  // namespace Quaril::H5::detail

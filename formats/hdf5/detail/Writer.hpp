@@ -86,40 +86,6 @@ struct WriteRequest {
   Plan* plan = nullptr;
 };
 
-/// "what: " and the system's reason for the last failed system call.
-std::string systemError(const std::string& what);
-/// Throws a Failure with systemError(what) when `ok` is false. The reason is
-/// read only then: an argument built beside the call that failed could be
-/// evaluated before it, and carry an old reason.
-void requireSystem(bool ok, const std::string& what);
-/// Makes a new, empty file beside `path` (hidden, named after it) with the
-/// permissions of `path`, or those of a new file; returns its name.
-std::string makeTemporary(const std::string& path);
-/// Flushes the file, or folder, `path` to disk.
-void syncToDisk(const std::string& path, bool directory);
-
-/// Writes the `size` bytes at `data` at `offset` of the file `fd`, all of
-/// them; a failure names `what`. Throws Failure.
-void writeAt(int fd, const void* data, size_t size, uint64_t offset, const std::string& what);
-/// Renames `temporary` over `path`. Throws Failure.
-void renameOver(const std::string& temporary, const std::string& path);
-/// Flushes the folder that holds `path` to disk. Throws Failure.
-void syncFolderOf(const std::string& path);
-
-/// Makes the file `path` anew: `fill` writes a new file (its argument)
-/// beside it, which is flushed, renamed over `path`, and the folder flushed.
-/// On failure the new file is removed, `path` is left as it was, and the
-/// failure is thrown on. `whenReplaced` (may be empty) runs after the rename,
-/// before the folder is flushed, for other renames in the same folder.
-void replaceFile(const std::string& path, const std::function<void(const std::string&)>& fill,
-                 const std::function<void()>& whenReplaced = nullptr);
-
-/// Writes `text` as the new file `path`; errors name the file `shownAs`.
-void writeText(const std::string& path, const std::string& text, const std::string& shownAs);
-
-/// Writes `text` as the file `path` through replaceFile.
-void writeTextAtomically(const std::string& path, const std::string& text);
-
 /// Writes `bundle` to `path`: into a new file beside it, flushed to disk and
 /// renamed over `path` only when everything was written. Pending slices are
 /// loaded; data read for the save only are dropped again. Throws Failure (or

@@ -12,9 +12,9 @@
 #include <optional>
 #include <sstream>
 
-#include "formats/hdf5/Format.hpp"
+#include "formats/hdf5/Options.hpp"
+#include "formats/hdf5/detail/Files.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
-#include "formats/hdf5/detail/Writer.hpp"
 
 namespace Quaril::H5::detail {
 namespace {
@@ -385,14 +385,6 @@ class Content {
   std::map<std::string, size_t> rows_;
   std::vector<std::map<double, Json>> steps_;  // by name row, by time
 };
-
-std::string readText(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  requireSystem(in.good() || in.eof(), "cannot read " + path);
-  return text.str();
-}
 
 }  // namespace
 

@@ -14,7 +14,7 @@
 
 #include "bundle/StorageTransformations.hpp"
 #include "formats/hdf5/detail/Index.hpp"
-#include "formats/hdf5/detail/Reader.hpp"
+#include "formats/hdf5/detail/Source.hpp"
 
 namespace Quaril::H5::detail {
 

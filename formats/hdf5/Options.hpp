@@ -1,0 +1,101 @@
+#pragma once
+// What the format's entry points take and give back: the storage options of
+// a save or binding, the choice of fragments of a load, and the outcome of an
+// operation. Format.hpp includes it; the format's internals use it alone.
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "bundle/LoaderControl.hpp"
+#include "bundle/StorageTransformations.hpp"
+
+namespace Quaril::H5 {
+
+/// The file patterns the format reads and writes.
+inline constexpr const char* FilePatterns[] = {"*.h5", "*.hdf5", "*.qb.h5"};
+
+/// Bits of FilterSettings::filter as this format reads them. The deflate
+/// level is FilterSettings::level (1 to 9; other values take 6); data smaller
+/// than FilterSettings::minimumBytes are written unfiltered. Without a filter,
+/// StorageTransformations::setCompressionLevel(n > 0) deflates and shuffles
+/// everything at level n.
+inline constexpr uint32_t FilterDeflate = 1;
+inline constexpr uint32_t FilterShuffle = 2;
+
+/// A storage policy with the options of this format: pass it, or a class
+/// derived from it, where a StorageTransformations is taken (save, bindTo,
+/// bindToNew). A plain StorageTransformations has the defaults.
+class StorageOptions : public StorageTransformations {
+ public:
+  /// Whether a save, a binding and every sync also write NAME.xmf, the XDMF
+  /// descriptor through which visualisation programs read the file or
+  /// series (default true). Switched off, an existing NAME.xmf is left alone.
+  bool getWriteXdmf() const noexcept { return writeXdmf_; }
+  void setWriteXdmf(bool write) noexcept { writeXdmf_ = write; }
+
+ private:
+  bool writeXdmf_ = true;
+};
+
+/// Where a fragment stands in the file (or the part of a series) it is read
+/// from.
+struct FragmentPlace {
+  size_t position = 0;  ///< among the fragments the file lists for the field there
+  size_t count = 0;     ///< of those fragments
+  /// The rank that wrote it, of `ranks` ranks, when a collective save or sync
+  /// wrote it; `ranks` is 0 otherwise.
+  int rank = 0;
+  int ranks = 0;
+};
+
+/// A load's progress sink that also chooses fragments: pass it as the
+/// progress of a load, and each fragment of each field is offered to
+/// CreateFragment before it is created. One left out is never read. A field
+/// whose fragments are all left out is left out too.
+class FragmentChoice : public BundleLoaderProgress {
+ public:
+  /// Whether to load the fragment `fragment` ("" when the field is not
+  /// fragmented) of the field `field` of the grid `id` at `time`, which
+  /// stands at `place`. Default: true.
+  virtual bool CreateFragment(const Ostrak::StrongPtr<GridID>& id, double time,
+                              const std::string& field, const std::string& fragment,
+                              const FragmentPlace& place);
+};
+
+/// The fragments of rank `rank` of `size` ranks. A fragment that a
+/// collective save or sync of `size` ranks wrote goes back to the rank that
+/// wrote it. Any other is dealt out in blocks, in the order the file lists
+/// the field's fragments: rank r takes positions [r n / size, (r + 1) n /
+/// size) of n. Fields that are not fragmented go to every rank.
+class FragmentsOfRank : public FragmentChoice {
+ public:
+  FragmentsOfRank(int rank, int size) : rank_(rank), size_(size) {}
+  bool CreateFragment(const Ostrak::StrongPtr<GridID>& id, double time, const std::string& field,
+                      const std::string& fragment, const FragmentPlace& place) override;
+
+ private:
+  int rank_;
+  int size_;
+};
+
+/// The fragments of the given names, and the fields that are not fragmented.
+class FragmentsNamed : public FragmentChoice {
+ public:
+  explicit FragmentsNamed(std::set<std::string> names) : names_(std::move(names)) {}
+  bool CreateFragment(const Ostrak::StrongPtr<GridID>& id, double time, const std::string& field,
+                      const std::string& fragment, const FragmentPlace& place) override;
+
+ private:
+  std::set<std::string> names_;
+};
+
+/// The outcome of an operation: success, or the reason of the failure.
+struct Outcome {
+  bool ok = false;
+  std::string error;
+  explicit operator bool() const noexcept { return ok; }
+};
+
+}  // namespace Quaril::H5

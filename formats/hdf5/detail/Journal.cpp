@@ -1,0 +1,320 @@
+#include "formats/hdf5/detail/Journal.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <random>
+
+namespace Quaril::H5::detail {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// ---- the bytes of a journal ------------------------------------------------------
+
+constexpr char Magic[8] = {'Q', 'B', 'S', 'E', 'R', 'I', 'E', 'S'};
+constexpr uint32_t VersionMajor = 1;
+constexpr uint32_t VersionMinor = 0;
+constexpr size_t TokenBytes = 16;
+constexpr size_t HeaderBytes = sizeof(Magic) + 8 + TokenBytes;
+constexpr uint32_t RecordMagic = 0x43455251;  // "QREC"
+constexpr size_t RecordHeaderBytes = 12;
+/// No record is this long; a length beyond it is a damaged record.
+constexpr uint32_t LongestRecord = 1u << 30;
+
+uint32_t crc32(const uint8_t* data, size_t size) {
+  static const std::array<uint32_t, 256> table = [] {
+    std::array<uint32_t, 256> made{};
+    for (uint32_t i = 0; i < 256; ++i) {
+      uint32_t c = i;
+      for (int bit = 0; bit < 8; ++bit) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+      made[i] = c;
+    }
+    return made;
+  }();
+  uint32_t crc = 0xFFFFFFFFu;
+  for (size_t i = 0; i < size; ++i) crc = table[(crc ^ data[i]) & 0xFF] ^ (crc >> 8);
+  return crc ^ 0xFFFFFFFFu;
+}
+
+/// Little-endian numbers and texts appended to a byte buffer.
+class Encoder {
+ public:
+  template <class T>
+  void put(T value) {
+    uint8_t bytes[sizeof(T)];
+    std::memcpy(bytes, &value, sizeof(T));
+    if constexpr (std::endian::native == std::endian::big) std::reverse(bytes, bytes + sizeof(T));
+    out.insert(out.end(), bytes, bytes + sizeof(T));
+  }
+  void put(const std::string& text) {
+    put<uint64_t>(text.size());
+    out.insert(out.end(), text.begin(), text.end());
+  }
+  std::vector<uint8_t> out;
+};
+
+/// The reading counterpart; throws Failure past the end.
+class Decoder {
+ public:
+  Decoder(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+  template <class T>
+  T get() {
+    need(sizeof(T));
+    uint8_t bytes[sizeof(T)];
+    std::memcpy(bytes, data_ + at_, sizeof(T));
+    if constexpr (std::endian::native == std::endian::big) std::reverse(bytes, bytes + sizeof(T));
+    at_ += sizeof(T);
+    T value;
+    std::memcpy(&value, bytes, sizeof(T));
+    return value;
+  }
+  std::string text() {
+    const uint64_t length = count(1);
+    std::string made(reinterpret_cast<const char*>(data_ + at_), length);
+    at_ += length;
+    return made;
+  }
+  /// A count of items of `bytes` each that must fit in what is left.
+  uint64_t count(size_t bytes) {
+    const uint64_t n = get<uint64_t>();
+    require(n <= (size_ - at_) / bytes, "a journal record is malformed");
+    return n;
+  }
+  bool done() const noexcept { return at_ == size_; }
+
+ private:
+  void need(size_t bytes) const { require(bytes <= size_ - at_, "a journal record is malformed"); }
+  const uint8_t* data_;
+  size_t size_;
+  size_t at_ = 0;
+};
+
+std::vector<uint8_t> encodeRecord(uint64_t number, const Index& index) {
+  Encoder payload;
+  payload.put<uint64_t>(number);
+  payload.put<uint64_t>(index.times.size());
+  for (double time : index.times) payload.put(time);
+  for (size_t row = 0; row < index.times.size(); ++row) {
+    payload.put<uint8_t>(index.sliceAttributes[row] ? 1 : 0);
+  }
+  payload.put<uint8_t>(index.bundleAttributes ? 1 : 0);
+  payload.put<uint64_t>(index.names.size());
+  for (size_t row = 0; row < index.names.size(); ++row) {
+    payload.put(index.names[row]);
+    payload.put<int64_t>(index.parents[row]);
+  }
+  payload.put<uint64_t>(index.entries.size());
+  for (const IndexEntry& entry : index.entries) {
+    payload.put<uint64_t>(entry.timeRow);
+    payload.put<uint64_t>(entry.nameRow);
+  }
+  Encoder record;
+  record.put<uint32_t>(RecordMagic);
+  record.put<uint32_t>(static_cast<uint32_t>(payload.out.size()));
+  record.put<uint32_t>(crc32(payload.out.data(), payload.out.size()));
+  record.out.insert(record.out.end(), payload.out.begin(), payload.out.end());
+  return std::move(record.out);
+}
+
+/// A record's part, checked as far as the series needs it before the part
+/// is opened (the part's own index is checked when it is).
+Journal::Record decodeRecord(const uint8_t* data, size_t size) {
+  Decoder in(data, size);
+  Journal::Record record;
+  record.number = in.get<uint64_t>();
+  Index& index = record.index;
+  const uint64_t times = in.count(9);
+  for (uint64_t row = 0; row < times; ++row) {
+    index.times.push_back(in.get<double>());
+    require(
+        !std::isnan(index.times.back()) && (row == 0 || index.times[row] > index.times[row - 1]),
+        "a journal record lists times out of order");
+  }
+  for (uint64_t row = 0; row < times; ++row) index.sliceAttributes.push_back(in.get<uint8_t>());
+  index.bundleAttributes = in.get<uint8_t>() != 0;
+  const uint64_t names = in.count(16);
+  for (uint64_t row = 0; row < names; ++row) {
+    index.names.push_back(in.text());
+    index.parents.push_back(in.get<int64_t>());
+  }
+  for (int64_t parent : index.parents) {
+    require(parent >= -1 && parent < static_cast<int64_t>(names),
+            "a journal record names a parent that does not exist");
+  }
+  const uint64_t entries = in.count(16);
+  index.sliceBegin.assign(times + 1, 0);
+  for (uint64_t i = 0; i < entries; ++i) {
+    const uint64_t timeRow = in.get<uint64_t>(), nameRow = in.get<uint64_t>();
+    require(timeRow < times && nameRow < names, "a journal record names a grid that is not there");
+    require(i == 0 || timeRow >= index.entries.back().timeRow,
+            "a journal record lists grids out of time order");
+    index.entries.push_back({timeRow, nameRow, 0});
+    ++index.sliceBegin[timeRow + 1];
+  }
+  for (uint64_t row = 1; row <= times; ++row) index.sliceBegin[row] += index.sliceBegin[row - 1];
+  require(in.done(), "a journal record is malformed");
+  return record;
+}
+
+Journal parseJournal(const std::string& bytes) {
+  require(bytes.size() >= HeaderBytes && std::memcmp(bytes.data(), Magic, sizeof(Magic)) == 0,
+          "not a bundle series");
+  const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
+  Decoder header(data + sizeof(Magic), 8);
+  const uint32_t major = header.get<uint32_t>();
+  require(major <= VersionMajor, "a series of journal version " + std::to_string(major) +
+                                     ", newer than this reader's " + std::to_string(VersionMajor));
+  Journal journal;
+  journal.token.assign(bytes.data() + sizeof(Magic) + 8, TokenBytes);
+  for (char c : journal.token)
+    require(std::isxdigit(static_cast<unsigned char>(c)), "a bad journal");
+  size_t at = HeaderBytes;
+  while (bytes.size() - at >= RecordHeaderBytes) {
+    Decoder head(data + at, RecordHeaderBytes);
+    const uint32_t magic = head.get<uint32_t>(), length = head.get<uint32_t>();
+    const uint32_t crc = head.get<uint32_t>();
+    // A record cut short, or never finished, ends the complete ones.
+    if (magic != RecordMagic || length > LongestRecord ||
+        length > bytes.size() - at - RecordHeaderBytes ||
+        crc32(data + at + RecordHeaderBytes, length) != crc) {
+      break;
+    }
+    journal.records.push_back(decodeRecord(data + at + RecordHeaderBytes, length));
+    at += RecordHeaderBytes + length;
+  }
+  journal.validBytes = at;
+  return journal;
+}
+
+/// Writes a journal of no records (or of the one record `first`) as `path`,
+/// atomically.
+void writeJournal(const std::string& path, const std::string& token,
+                  const std::vector<uint8_t>& first) {
+  Encoder header;
+  header.out.assign(Magic, Magic + sizeof(Magic));
+  header.put<uint32_t>(VersionMajor);
+  header.put<uint32_t>(VersionMinor);
+  header.out.insert(header.out.end(), token.begin(), token.end());
+  header.out.insert(header.out.end(), first.begin(), first.end());
+  replaceFile(path, [&](const std::string& temporary) {
+    const int fd = open(temporary.c_str(), O_WRONLY | O_CLOEXEC);
+    requireSystem(fd >= 0, "cannot open " + temporary);
+    try {
+      writeAt(fd, header.out.data(), header.out.size(), 0, path);
+    } catch (...) {
+      close(fd);
+      throw;
+    }
+    close(fd);
+  });
+}
+
+}  // namespace
+
+// ---- the journal's end -------------------------------------------------------------
+
+std::string partsFolder(const std::string& journal) {
+  return journal + ".parts";
+}
+
+std::string newToken() {
+  std::random_device device;
+  std::mt19937_64 random((static_cast<uint64_t>(device()) << 32) ^ device() ^
+                         static_cast<uint64_t>(getpid()));
+  char text[TokenBytes + 1];
+  std::snprintf(text, sizeof(text), "%016llx", static_cast<unsigned long long>(random()));
+  return text;
+}
+
+JournalTail::JournalTail(const std::string& path)
+    : path_(path), file_(path, BoundAlready), fd_(file_.descriptor()) {
+  read_ = readJournal(path);
+  // A record cut short by a crash goes before the next is appended.
+  struct stat status {};
+  requireSystem(fstat(fd_, &status) == 0, "cannot read " + path);
+  if (static_cast<uint64_t>(status.st_size) > read_.validBytes) {
+    requireSystem(ftruncate(fd_, static_cast<off_t>(read_.validBytes)) == 0 && fsync(fd_) == 0,
+                  "cannot cut the unfinished record off " + path);
+  }
+  next_ = read_.records.empty() ? 0 : read_.records.back().number + 1;
+  length_ = read_.validBytes;
+}
+
+void JournalTail::append(const Index& index) {
+  try {
+    const std::vector<uint8_t> record = encodeRecord(next_, index);
+    writeAt(fd_, record.data(), record.size(), length_, path_);
+    requireSystem(fsync(fd_) == 0, "cannot flush " + path_);
+    length_ += record.size();
+    ++next_;
+  } catch (...) {
+    // The record may not stay: the journal ends where it did.
+    if (ftruncate(fd_, static_cast<off_t>(length_)) == 0) fsync(fd_);
+    throw;
+  }
+}
+
+void requireUnbound(const std::string& path) {
+  if (isJournal(path)) LockedFile(path, BoundAlready);
+}
+
+void startJournal(const std::string& path, const std::string& token, const Index& first) {
+  writeJournal(path, token, encodeRecord(0, first));
+}
+
+void removeStrayParts(const std::string& journal, const Journal& read, bool keepOtherSeries) {
+  const uint64_t next = read.records.empty() ? 0 : read.records.back().number + 1;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(partsFolder(journal), error)) {
+    const std::string name = entry.path().filename().string();
+    bool ours = false;
+    if (keepOtherSeries && name.rfind(read.token + "-", 0) != 0 && name[0] != '.') continue;
+    if (name.rfind(read.token + "-", 0) == 0) {
+      const std::string number = name.substr(read.token.size() + 1);
+      char* end = nullptr;
+      const unsigned long long n = std::strtoull(number.c_str(), &end, 10);
+      ours = end && std::string(end) == ".h5" && n < next;
+    }
+    if (!ours) fs::remove(entry.path(), error);
+  }
+}
+
+bool isJournal(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  char head[sizeof(Magic)] = {};
+  const bool found = pread(fd, head, sizeof(head), 0) == static_cast<ssize_t>(sizeof(head)) &&
+                     std::memcmp(head, Magic, sizeof(Magic)) == 0;
+  close(fd);
+  return found;
+}
+
+Journal readJournal(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  requireSystem(fd >= 0, "cannot open");
+  std::string bytes;
+  try {
+    bytes = readAll(fd, "the journal");
+  } catch (...) {
+    close(fd);
+    throw;
+  }
+  close(fd);
+  return parseJournal(bytes);
+}
+
+std::string partPath(const std::string& journal, const std::string& token, uint64_t number) {
+  return (fs::path(partsFolder(journal)) / (token + "-" + std::to_string(number) + ".h5")).string();
+}
+
+}  // namespace Quaril::H5::detail

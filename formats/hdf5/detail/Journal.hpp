@@ -1,0 +1,85 @@
+#pragma once
+// The journal of a bound series: the file the series is named by, an
+// append-only list of records, each naming one part (an ordinary file of the
+// format in the folder NAME.parts) with that part's index. A record is
+// appended, and flushed, only after its part is complete; a record cut short
+// by a crash fails its checksum, is ignored by readers and cut off by the
+// next writer. A writer holds the journal's lock. docs/hdf5-layout.md
+// describes the bytes.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "formats/hdf5/detail/Files.hpp"
+#include "formats/hdf5/detail/Index.hpp"
+
+namespace Quaril::H5::detail {
+
+/// The records of a journal that are complete.
+struct Journal {
+  std::string token;  ///< the prefix of this series' part names
+  struct Record {
+    uint64_t number;  ///< the part's number
+    Index index;      ///< what the part holds (no structures)
+  };
+  std::vector<Record> records;
+  uint64_t validBytes = 0;  ///< where the last complete record ends
+};
+
+/// What a second binding of a series is told: the journal is locked while a
+/// binding writes the series.
+inline constexpr const char* BoundAlready = "bound already, by another binding or process";
+
+/// Whether `path` starts like a journal.
+bool isJournal(const std::string& path);
+/// Reads the complete records of the journal `path`. Throws Failure when
+/// it is no journal or a complete record is malformed.
+Journal readJournal(const std::string& path);
+/// The file of part `number` of the series `journal`.
+std::string partPath(const std::string& journal, const std::string& token, uint64_t number);
+
+/// The folder of the parts of the series `journal`.
+std::string partsFolder(const std::string& journal);
+/// A new random token to name the parts of a new series.
+std::string newToken();
+
+/// Throws Failure when `path` is a series that a binding holds.
+void requireUnbound(const std::string& path);
+/// Makes `path` a journal with one record, of part 0 holding `first`,
+/// atomically replacing whatever `path` was. Throws Failure.
+void startJournal(const std::string& path, const std::string& token, const Index& first);
+
+/// The end of a journal that a binding appends to, open and locked against
+/// other writers while it lives.
+class JournalTail {
+ public:
+  /// Opens and locks `path`, reads its complete records, and cuts off a
+  /// record cut short by a crash. Throws Failure.
+  explicit JournalTail(const std::string& path);
+  JournalTail(const JournalTail&) = delete;
+  JournalTail& operator=(const JournalTail&) = delete;
+
+  /// The complete records as they were when the tail was opened.
+  const Journal& journal() const noexcept { return read_; }
+  /// The number of the next part.
+  uint64_t next() const noexcept { return next_; }
+  /// Appends the record of the next part, holding `index`, and flushes it.
+  /// On failure the journal ends where it did and Failure is thrown.
+  void append(const Index& index);
+
+ private:
+  std::string path_;
+  LockedFile file_;
+  int fd_;
+  Journal read_;
+  uint64_t next_;
+  uint64_t length_;
+};
+
+/// Removes what is in the parts folder but not a part of the journal: parts
+/// of a series replaced since (unless `keepOtherSeries`), of a sync that did
+/// not complete, and their temporary files.
+void removeStrayParts(const std::string& journal, const Journal& read, bool keepOtherSeries);
+
+}  // namespace Quaril::H5::detail
