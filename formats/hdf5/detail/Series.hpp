@@ -18,8 +18,8 @@
 #include "bundle/StorageTransformations.hpp"
 #include "formats/hdf5/detail/Index.hpp"
 #include "formats/hdf5/detail/Journal.hpp"
+#include "formats/hdf5/detail/Planner.hpp"
 #include "formats/hdf5/detail/Reader.hpp"
-#include "formats/hdf5/detail/Writer.hpp"
 #include "formats/hdf5/detail/Xdmf.hpp"
 #include "ostrak/Loader.hpp"
 
