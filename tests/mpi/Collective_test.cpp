@@ -2,7 +2,7 @@
 // same collective calls in the same order on every rank, whatever its
 // expectations find, so that a failure never leaves a rank waiting.
 
-#include "formats/hdf5/detail/Collective.hpp"
+#include "formats/hdf5/mpi/detail/Collective.hpp"
 
 #include <gtest/gtest.h>
 

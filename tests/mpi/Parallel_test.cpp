@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "formats/hdf5/detail/Collective.hpp"
+#include "formats/hdf5/mpi/detail/Collective.hpp"
 #include "grid/GridWalk.hpp"
 #include "tests/hdf5/FileFixture.hpp"
 #include "tests/mpi/Ranks.hpp"

@@ -1,4 +1,4 @@
-#include "formats/hdf5/detail/Collective.hpp"
+#include "formats/hdf5/mpi/detail/Collective.hpp"
 
 #include <algorithm>
 #include <limits>
