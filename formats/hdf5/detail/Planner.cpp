@@ -40,6 +40,89 @@ struct Place {
   std::string representation;
 };
 
+/// What `base` is: a chart, or a skeleton of the same grid.
+Json describeBase(const Grid& grid, const BaseSpace* base) {
+  if (auto* chart = dynamic_cast<const ChartID*>(base)) {
+    return {{layout::Chart, chart->Name()},
+            {layout::ChartDimension, chart->getDimension()},
+            {layout::ChartCartesian, chart->isCartesian()}};
+  }
+  SkeletonID found(-1, -1);
+  grid.iterate([&](const SkeletonID& id, const StrongPtr<Skeleton>& skeleton) {
+    if (skeleton.get() == base) found = id;
+    return !found.isValid();
+  });
+  require(found.isValid(),
+          "a representation relative to neither a chart nor a skeleton of its grid");
+  return {{layout::RelativeSkeleton, {found.dimension(), found.index()}}};
+}
+
+Json describeUniform(const UniformCartesianArray& uniform, const std::string& what) {
+  const auto origin = uniform.origin();
+  const auto spacing = uniform.spacing();
+  for (double value : {origin.x, origin.y, origin.z, spacing.x, spacing.y, spacing.z}) {
+    require(std::isfinite(value), what + ": uniform positions need a finite origin and spacing");
+  }
+  return {{layout::Origin, {origin.x, origin.y, origin.z}},
+          {layout::Spacing, {spacing.x, spacing.y, spacing.z}},
+          {layout::Extents, uniform.extents()}};
+}
+
+/// Halves the largest chunk extent until a chunk fits HDF5's limit and
+/// the policy's byte limit.
+void limitChunk(const StorageTransformations& policy, std::vector<hsize_t>& chunk,
+                size_t elementBytes) {
+  const uint64_t limit = policy.getChunkByteLimit() > 0
+                             ? static_cast<uint64_t>(policy.getChunkByteLimit())
+                             : (uint64_t{1} << 31);
+  auto chunkBytes = [&] {
+    uint64_t total = elementBytes;
+    for (hsize_t extent : chunk) total *= extent;
+    return total;
+  };
+  while (chunkBytes() > limit) {
+    auto largest = std::max_element(chunk.begin(), chunk.end());
+    if (*largest <= 1) break;
+    *largest = (*largest + 1) / 2;
+  }
+}
+
+/// Chunking and filters of one data set, as the policy asks.
+Storage storageFor(StorageTransformations& policy, const Place& place, const Field& field,
+                   const std::string& fieldName, CreativeArrayBase& creator,
+                   const StrongPtr<FragmentID>& fragment, const StrongPtr<MemBase, Cacheable>& data,
+                   const std::vector<hsize_t>& extents, uint64_t bytes) {
+  Storage storage;
+  if (bytes == 0) return storage;
+  const FilterSettings filter =
+      policy.getFilterSettings(place.time, place.gridName, place.grid, place.skeleton,
+                               place.representation, field, fieldName, creator, fragment, data);
+  const bool small = filter.minimumBytes >= 0 && bytes < static_cast<uint64_t>(filter.minimumBytes);
+  if (!small && (filter.filter & FilterDeflate)) {
+    storage.deflate = filter.level <= 9 ? static_cast<int>(filter.level) : 6;
+  }
+  if (!small && (filter.filter & FilterShuffle)) storage.shuffle = true;
+  if (filter.filter == 0 && policy.getCompressionLevel() > 0) {
+    storage.deflate = std::min(policy.getCompressionLevel(), 9);
+    storage.shuffle = true;
+  }
+  const DynamicSize& size = data->getSize();
+  const DynamicSize chunk =
+      policy.computeChunkSize(size, static_cast<uint32_t>(data->getTypeDescriptor().size()));
+  const bool filtered = storage.deflate >= 0 || storage.shuffle;
+  if (!filtered && (chunk == size || chunk.rank() != size.rank())) return storage;
+  storage.chunk.assign(extents.size(), 1);
+  for (int d = 0; d < size.rank(); ++d) {
+    const uint64_t wanted = chunk.rank() == size.rank() ? chunk[d] : size[d];
+    storage.chunk[static_cast<size_t>(size.rank() - 1 - d)] =
+        std::clamp<uint64_t>(wanted, 1, std::max<uint64_t>(size[d], 1));
+  }
+  if (extents.size() > static_cast<size_t>(size.rank())) storage.chunk.back() = extents.back();
+  limitChunk(policy, storage.chunk, data->getTypeDescriptor().size());
+  return storage;
+}
+
+/// Walks a bundle as a write takes it, handing each piece to a sink.
 class Planner {
  public:
   Planner(const Bundle& bundle, const std::string& path, const WriteRequest& request,
@@ -180,7 +263,7 @@ class Planner {
     const Entry& entry = entries_[row];
     policy_->writtenGrids().insert(entry.id);
     const Grid& grid = *entry.grid;
-    GridWriting writing{row, 0, 0};
+    GridPlan writing{row, 0, 0};
     Json skeletons = Json::array();
     grid.iterate([&](const SkeletonID& id, const StrongPtr<Skeleton>& skeleton) {
       Json representations = Json::array();
@@ -192,7 +275,7 @@ class Planner {
                         : SkeletonID(described[layout::RelativeSkeleton][0].get<int>(),
                                      described[layout::RelativeSkeleton][1].get<int>())
                               .Name()};
-        described[layout::Fields] = writeFields(writing, *rep, place);
+        described[layout::Fields] = planFields(writing, *rep, place);
         representations.push_back(std::move(described));
         return true;
       });
@@ -228,31 +311,14 @@ class Planner {
     return writing.bytes;
   }
 
-  /// What is being written into one grid group.
-  struct GridWriting {
+  /// What is planned of one grid so far.
+  struct GridPlan {
     size_t row;
     int datasets;
     uint64_t bytes;
   };
 
-  /// What `base` is: a chart, or a skeleton of the same grid.
-  static Json describeBase(const Grid& grid, const BaseSpace* base) {
-    if (auto* chart = dynamic_cast<const ChartID*>(base)) {
-      return {{layout::Chart, chart->Name()},
-              {layout::ChartDimension, chart->getDimension()},
-              {layout::ChartCartesian, chart->isCartesian()}};
-    }
-    SkeletonID found(-1, -1);
-    grid.iterate([&](const SkeletonID& id, const StrongPtr<Skeleton>& skeleton) {
-      if (skeleton.get() == base) found = id;
-      return !found.isValid();
-    });
-    require(found.isValid(),
-            "a representation relative to neither a chart nor a skeleton of its grid");
-    return {{layout::RelativeSkeleton, {found.dimension(), found.index()}}};
-  }
-
-  Json writeFields(GridWriting& writing, const Representation& rep, const Place& place) {
+  Json planFields(GridPlan& writing, const Representation& rep, const Place& place) {
     Json fields = Json::array();
     rep.iterate([&](const StrongPtr<FieldID>& id, const StrongPtr<Field>& field) {
       const Selection::FieldChoice* choice = nullptr;
@@ -279,7 +345,7 @@ class Planner {
       });
       Json fragments = Json::array();
       for (const auto& [fragment, creator] : held) {
-        Json written = writeFragment(writing, *id, *field, fragment, creator, place);
+        Json written = planFragment(writing, *id, *field, fragment, creator, place);
         if (!written.is_null()) fragments.push_back(std::move(written));
       }
       fields.push_back({{layout::FieldName, id->Name()},
@@ -293,11 +359,11 @@ class Planner {
 
   // ---- one fragment -------------------------------------------------------------
 
-  /// Writes one fragment and returns its description; null when the policy
+  /// Plans one fragment and returns its description; null when the policy
   /// leaves it out.
-  Json writeFragment(GridWriting& writing, const FieldID& id, const Field& field,
-                     const StrongPtr<FragmentID>& fragment,
-                     const StrongPtr<CreativeArrayBase>& creator, const Place& place) {
+  Json planFragment(GridPlan& writing, const FieldID& id, const Field& field,
+                    const StrongPtr<FragmentID>& fragment,
+                    const StrongPtr<CreativeArrayBase>& creator, const Place& place) {
     if (!creator) return {};
     const std::string& fieldName = id.Name();
     if (policy_->SkipStorage(place.time, place.gridName, place.grid, place.skeleton,
@@ -336,19 +402,8 @@ class Planner {
     return described;
   }
 
-  static Json describeUniform(const UniformCartesianArray& uniform, const std::string& what) {
-    const auto origin = uniform.origin();
-    const auto spacing = uniform.spacing();
-    for (double value : {origin.x, origin.y, origin.z, spacing.x, spacing.y, spacing.z}) {
-      require(std::isfinite(value), what + ": uniform positions need a finite origin and spacing");
-    }
-    return {{layout::Origin, {origin.x, origin.y, origin.z}},
-            {layout::Spacing, {spacing.x, spacing.y, spacing.z}},
-            {layout::Extents, uniform.extents()}};
-  }
-
-  uint64_t planArray(const GridWriting& writing, const std::string& name,
-                     const std::string& fieldName, const Field& field, CreativeArrayBase& creator,
+  uint64_t planArray(const GridPlan& writing, const std::string& name, const std::string& fieldName,
+                     const Field& field, CreativeArrayBase& creator,
                      const StrongPtr<FragmentID>& fragment,
                      const StrongPtr<MemBase, Cacheable>& data, const Place& place,
                      const std::string& what) {
@@ -371,8 +426,8 @@ class Planner {
       array.fileType = H5T_NATIVE_FLOAT;
     }
     const uint64_t bytes = data->nElements() * data->getTypeDescriptor().size();
-    array.storage =
-        storageFor(place, field, fieldName, creator, fragment, data, array.extents, bytes);
+    array.storage = storageFor(*policy_, place, field, fieldName, creator, fragment, data,
+                               array.extents, bytes);
     auto [externalFile, externalPath] = policy_->getExternalLocation(
         place.time, place.gridName, place.skeleton, place.representation, fieldName);
     if (!externalFile.empty()) {
@@ -397,60 +452,6 @@ class Planner {
     }
     sink_.array(std::move(array));
     return bytes;
-  }
-
-  /// Chunking and filters of one data set, as the policy asks.
-  Storage storageFor(const Place& place, const Field& field, const std::string& fieldName,
-                     CreativeArrayBase& creator, const StrongPtr<FragmentID>& fragment,
-                     const StrongPtr<MemBase, Cacheable>& data, const std::vector<hsize_t>& extents,
-                     uint64_t bytes) {
-    Storage storage;
-    if (bytes == 0) return storage;
-    const FilterSettings filter =
-        policy_->getFilterSettings(place.time, place.gridName, place.grid, place.skeleton,
-                                   place.representation, field, fieldName, creator, fragment, data);
-    const bool small =
-        filter.minimumBytes >= 0 && bytes < static_cast<uint64_t>(filter.minimumBytes);
-    if (!small && (filter.filter & FilterDeflate)) {
-      storage.deflate = filter.level <= 9 ? static_cast<int>(filter.level) : 6;
-    }
-    if (!small && (filter.filter & FilterShuffle)) storage.shuffle = true;
-    if (filter.filter == 0 && policy_->getCompressionLevel() > 0) {
-      storage.deflate = std::min(policy_->getCompressionLevel(), 9);
-      storage.shuffle = true;
-    }
-    const DynamicSize& size = data->getSize();
-    const DynamicSize chunk =
-        policy_->computeChunkSize(size, static_cast<uint32_t>(data->getTypeDescriptor().size()));
-    const bool filtered = storage.deflate >= 0 || storage.shuffle;
-    if (!filtered && (chunk == size || chunk.rank() != size.rank())) return storage;
-    storage.chunk.assign(extents.size(), 1);
-    for (int d = 0; d < size.rank(); ++d) {
-      const uint64_t wanted = chunk.rank() == size.rank() ? chunk[d] : size[d];
-      storage.chunk[static_cast<size_t>(size.rank() - 1 - d)] =
-          std::clamp<uint64_t>(wanted, 1, std::max<uint64_t>(size[d], 1));
-    }
-    if (extents.size() > static_cast<size_t>(size.rank())) storage.chunk.back() = extents.back();
-    limitChunk(storage.chunk, data->getTypeDescriptor().size());
-    return storage;
-  }
-
-  /// Halves the largest chunk extent until a chunk fits HDF5's limit and
-  /// the policy's byte limit.
-  void limitChunk(std::vector<hsize_t>& chunk, size_t elementBytes) const {
-    const uint64_t limit = policy_->getChunkByteLimit() > 0
-                               ? static_cast<uint64_t>(policy_->getChunkByteLimit())
-                               : (uint64_t{1} << 31);
-    auto chunkBytes = [&] {
-      uint64_t total = elementBytes;
-      for (hsize_t extent : chunk) total *= extent;
-      return total;
-    };
-    while (chunkBytes() > limit) {
-      auto largest = std::max_element(chunk.begin(), chunk.end());
-      if (*largest <= 1) break;
-      *largest = (*largest + 1) / 2;
-    }
   }
 
   const Bundle& bundle_;
