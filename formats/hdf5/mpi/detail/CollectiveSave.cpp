@@ -221,27 +221,31 @@ void writeTogether(MPI_Comm ranks, int rank, const std::string& path, const Toge
   if (agreed) throw Failure(*agreed);
 }
 
+RankZeroTarget targetOfRankZero(MPI_Comm ranks, const std::string& filename,
+                                const StorageTransformations* policy) {
+  return {broadcastText(ranks, filename, 0),
+          broadcastText(ranks, writesXdmf(policy) ? "1" : "", 0) == "1"};
+}
+
 void saveTogether(MPI_Comm comm, const Bundle& bundle, const std::string& filename,
                   const StrongPtr<StorageTransformations>& transformations,
                   const StrongPtr<Ostrak::LoaderProgress>& progress,
                   const StrongPtr<Ostrak::StringList>& gridNames) {
-  Communicator communicator(comm);
-  const int rank = communicator.rank();
-  const MPI_Comm ranks = communicator.get();
-  const std::string path = broadcastText(ranks, filename, 0);
-  const bool xdmf = broadcastText(ranks, writesXdmf(transformations.get()) ? "1" : "", 0) == "1";
-  const Together together =
-      planTogether(ranks, rank, bundle, path, {transformations, progress, gridNames});
-  writeTogether(ranks, rank, path, together, [&](const std::string& temporary) {
-    std::optional<DescriptorBeside> descriptor;
-    if (xdmf) {
-      descriptor.emplace(path);
-      descriptor->write(together.merged.index, together.merged.structures);
-    }
-    renameOver(temporary, path);
-    if (descriptor) descriptor->replace();
-    syncFolderOf(path);
-  });
+  Communicator ranks(comm);
+  const RankZeroTarget target = targetOfRankZero(ranks.get(), filename, transformations.get());
+  const Together together = planTogether(ranks.get(), ranks.rank(), bundle, target.path,
+                                         {transformations, progress, gridNames});
+  writeTogether(ranks.get(), ranks.rank(), target.path, together,
+                [&](const std::string& temporary) {
+                  std::optional<DescriptorBeside> descriptor;
+                  if (target.xdmf) {
+                    descriptor.emplace(target.path);
+                    descriptor->write(together.merged.index, together.merged.structures);
+                  }
+                  renameOver(temporary, target.path);
+                  if (descriptor) descriptor->replace();
+                  syncFolderOf(target.path);
+                });
 }
 
 }  // namespace Quaril::H5::detail

@@ -34,6 +34,15 @@ struct Together {
   bool empty() const noexcept { return merged.index.times.empty() && !merged.bundleAttributes; }
 };
 
+/// Rank 0's file name and whether rank 0's policy writes descriptors: what
+/// counts for the file the ranks write together.
+struct RankZeroTarget {
+  std::string path;
+  bool xdmf = false;
+};
+RankZeroTarget targetOfRankZero(MPI_Comm ranks, const std::string& filename,
+                                const StorageTransformations* policy);
+
 /// Plans this rank's part of the file `path` as `request` asks, and merges
 /// the plans of all ranks. Throws the failure the ranks agreed on.
 Together planTogether(MPI_Comm ranks, int rank, const Bundle& bundle, const std::string& path,

@@ -185,8 +185,9 @@ void bindTogether(MPI_Comm comm, Bundle& bundle, const std::string& filename, bo
   Communicator communicator(comm);
   const int rank = communicator.rank();
   const MPI_Comm ranks = communicator.get();
-  const std::string path = broadcastText(ranks, filename, 0);
-  const bool xdmf = broadcastText(ranks, writesXdmf(transformations.get()) ? "1" : "", 0) == "1";
+  const RankZeroTarget target = targetOfRankZero(ranks, filename, transformations.get());
+  const std::string& path = target.path;
+  const bool xdmf = target.xdmf;
   std::shared_ptr<Stored> loaded = loadedFrom(bundle, path);
   // Parts of the series replaced stay while a rank may still read them.
   const bool keepOtherSeries = !existing && onAnyRank(ranks, loaded != nullptr);
