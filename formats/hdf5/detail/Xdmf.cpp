@@ -100,7 +100,8 @@ int componentsOf(const std::string& type) {
 std::string dimensions(const Json& extents, int components) {
   std::string text;
   for (auto extent = extents.rbegin(); extent != extents.rend(); ++extent) {
-    text += (text.empty() ? "" : " ") + std::to_string(extent->get<uint64_t>());
+    if (!text.empty()) text += ' ';
+    text += std::to_string(extent->get<uint64_t>());
   }
   if (components > 1) text += " " + std::to_string(components);
   return text;
