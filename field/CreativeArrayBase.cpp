@@ -68,6 +68,9 @@ StrongPtr<MemBase, Cacheable> CreativeArrayBase::produceChecked() const {
   StrongPtr<MemBase, Cacheable> data;
   try {
     data = produce();
+  } catch (const ProductionFailure& failure) {
+    lastError_ = failure.what();
+    return {};
   } catch (const std::exception& error) {
     lastError_ = std::string("producing the data failed: ") + error.what();
     Ostrak::reportDiagnostic(Ostrak::Diagnostic::HookException, lastError_);

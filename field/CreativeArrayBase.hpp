@@ -5,6 +5,7 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -103,11 +104,20 @@ class MemCreator : public CreativeArrayBase {
   bool hasData_;
 };
 
+/// What a producer throws to say why its data cannot be produced (a damaged
+/// file, say): an expected failure, kept as the creator's lastError() as it
+/// is and not reported as a failing hook.
+class ProductionFailure : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 /// A creator that produces its data through a function on first request, and
 /// again after its cache was dropped. Opening a file this way reads no bulk
 /// data. A producer that throws or returns null, or returns data of another
 /// element type than declared, yields null (reported through the object
-/// core's diagnostics when it throws); no exception escapes. The producer
+/// core's diagnostics when it throws anything but a ProductionFailure); no
+/// exception escapes. The producer
 /// runs under the creator's lock: its own getData() yields null, and it must
 /// not call the creator's other operations.
 class DeferredCreator : public CreativeArrayBase {

@@ -6,6 +6,7 @@
 
 #include "bundle/Binder.hpp"
 #include "bundle/LoaderControl.hpp"
+#include "formats/hdf5/detail/Problems.hpp"
 #include "formats/hdf5/detail/Reader.hpp"
 #include "formats/hdf5/detail/Series.hpp"
 #include "formats/hdf5/detail/Stored.hpp"
@@ -171,6 +172,10 @@ Outcome save(const Bundle& bundle, const std::string& filename,
     request.whenReplaced = [&] { descriptor.replace(); };
     detail::writeBundle(bundle, filename, request);
   });
+}
+
+std::vector<Problem> problems(const Bundle& bundle) {
+  return detail::problemsOf(bundle);
 }
 
 Outcome lastSync(const Bundle& bundle) {

@@ -13,6 +13,7 @@
 
 #include <list>
 #include <string>
+#include <vector>
 
 #include "bundle/Bundle.hpp"
 #include "formats/hdf5/Options.hpp"
@@ -42,6 +43,12 @@ Outcome save(const Bundle& bundle, const std::string& filename,
 /// The outcome of the last sync of `bundle` (Bundle::sync, or the one at
 /// binding) with a file of this format; an error when it is not bound to one.
 Outcome lastSync(const Bundle& bundle);
+
+/// What of the files `bundle` was loaded from could not be read, so far, in
+/// the order it was found: slices are read on first access and arrays on
+/// first request, so using more of the bundle may add to it. Empty for a
+/// bundle that was read whole, or that holds nothing of a file.
+std::vector<Problem> problems(const Bundle& bundle);
 
 /// Reads everything of `filename` (index, every grid, every data set, each
 /// dropped after reading) and reports the first problem. Loads into no bundle.

@@ -35,8 +35,17 @@ class StorageOptions : public StorageTransformations {
   bool getWriteXdmf() const noexcept { return writeXdmf_; }
   void setWriteXdmf(bool write) noexcept { writeXdmf_ = write; }
 
+  /// Whether a save, a binding and every sync of a bundle that holds parts
+  /// which could not be read (problems()) go on without them (default
+  /// false: they refuse, naming each, and leave the target as it was). When
+  /// switched on, each part left out is told to the progress sink as "left
+  /// out, unreadable: ...".
+  bool getSkipDamaged() const noexcept { return skipDamaged_; }
+  void setSkipDamaged(bool skip) noexcept { skipDamaged_ = skip; }
+
  private:
   bool writeXdmf_ = true;
+  bool skipDamaged_ = false;
 };
 
 /// Where a fragment stands in the file (or the part of a series) it is read
@@ -89,6 +98,19 @@ class FragmentsNamed : public FragmentChoice {
 
  private:
   std::set<std::string> names_;
+};
+
+/// A part of a file that could not be read into a bundle: a slice, a grid, a
+/// field's data, or a record of a series' journal. It keeps its place: the
+/// bundle lists it (problems()) and writes that would lose it refuse.
+struct Problem {
+  std::string file;    ///< the file, or the part of a series, it was read from
+  std::string where;   ///< e.g. "grid \"fluid\" at time 0.5"; empty: the whole file
+  std::string reason;  ///< what is wrong
+  std::string grid;    ///< the grid's name; empty when it is not one grid's
+  /// The whole text: "file: where: reason".
+  std::string text() const { return file + ": " + (where.empty() ? "" : where + ": ") + reason; }
+  bool operator==(const Problem& other) const noexcept = default;
 };
 
 /// The outcome of an operation: success, or the reason of the failure.

@@ -58,6 +58,13 @@ TEST(DeferredCreator, failingProducersYieldNullWithAReasonWithoutEscaping) {
   EXPECT_NO_THROW(EXPECT_FALSE(throwing->getData()));
   EXPECT_NE(throwing->lastError().find("file vanished"), std::string::npos);
   EXPECT_EQ(reports.size(), 1u);
+  // A producer that says why it cannot produce is no failing hook: its
+  // reason is kept as it is, and nothing is reported.
+  auto damaged = deferredDoubles(
+      []() -> StrongPtr<MemBase, Cacheable> { throw ProductionFailure("a.h5: bad checksum"); });
+  EXPECT_FALSE(damaged->getData());
+  EXPECT_EQ(damaged->lastError(), "a.h5: bad checksum");
+  EXPECT_EQ(reports.size(), 1u);
   Ostrak::setDiagnosticsSink(previous);
 
   auto wrongType =

@@ -65,6 +65,13 @@ inline std::vector<std::string> partsOf(const std::string& journal) {
   return names;
 }
 
+/// A progress sink that keeps the messages it is told, one per line.
+class MessageLog : public Ostrak::LoaderProgress {
+ public:
+  void message(const std::string& line) override { text += line + "\n"; }
+  std::string text;
+};
+
 /// A policy that throws at the `remaining`-th fragment it is asked about
 /// (never while it is negative).
 class ThrowingPolicy : public StorageTransformations {

@@ -4,6 +4,7 @@
 // thrown as a Failure carrying its reason and caught where the format is
 // entered.
 
+#include <charconv>
 #include <concepts>
 #include <new>
 #include <optional>
@@ -59,6 +60,14 @@ inline void require(bool condition, std::string_view text) {
 template <std::invocable Text>
 void require(bool condition, Text&& text) {
   if (!condition) throw Failure(std::string(text()));
+}
+
+/// A time as error texts print it: the shortest text that reads back to the
+/// same double.
+inline std::string timeText(double time) {
+  char text[32];
+  const auto written = std::to_chars(text, text + sizeof(text), time);
+  return std::string(text, written.ptr);
 }
 
 }  // namespace Quaril::H5::detail

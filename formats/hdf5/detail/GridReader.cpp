@@ -7,6 +7,7 @@
 #include "field/CreativeArrayBase.hpp"
 #include "formats/hdf5/Options.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
+#include "formats/hdf5/detail/Problems.hpp"
 #include "formats/hdf5/detail/Shape.hpp"
 #include "grid/GridConstructors.hpp"
 #include "grid/GridWalk.hpp"
@@ -67,17 +68,16 @@ void checkStoredSize(hid_t dataset, uint64_t bytes, uint64_t fileBytes, const st
 /// creators that read each array on the first request.
 class GridReader {
  public:
-  GridReader(const std::shared_ptr<PartSource>& part, Source& source, uint64_t entry, Grid& grid,
-             const StrongPtr<GridID>& id, double time,
-             const StrongPtr<Ostrak::LoaderProgress>& progress)
-      : part_(part),
-        source_(source),
-        entry_(entry),
+  GridReader(const GridEntry& entry, Grid& grid)
+      : part_(entry.part),
+        source_(*entry.source),
+        entry_(entry.entry),
         grid_(grid),
-        id_(id),
-        time_(time),
-        vetoes_(Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(progress)),
-        choice_(Ostrak::dynamic_pointer_cast<FragmentChoice>(progress)) {}
+        id_(entry.id),
+        time_(entry.time),
+        vetoes_(Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(entry.progress)),
+        choice_(Ostrak::dynamic_pointer_cast<FragmentChoice>(entry.progress)),
+        problems_(entry.problems) {}
 
   void read() {
     shape_ = source_.shape(source_.index().entries[entry_].structureRow);
@@ -204,22 +204,32 @@ class GridReader {
                                             const QuarilTypeBase& type,
                                             const layout::StoredType& stored) {
     return StrongPtr<CreativeArrayBase>(new DeferredCreator(
-        type, fragment.size, arrayProducer(part_, shape_, fragment, entry_, type, stored)));
+        type, fragment.size,
+        arrayProducer({part_, shape_, entry_, id_, time_, problems_}, fragment, type, stored)));
   }
 
-  /// Reads the fragment's array; `shape` keeps `fragment` alive.
-  static DeferredCreator::Producer arrayProducer(std::shared_ptr<PartSource> part,
-                                                 std::shared_ptr<const GridShape> shape,
-                                                 const GridShape::Fragment& fragment,
-                                                 uint64_t entry, const QuarilTypeBase& type,
+  /// What an array's producer keeps of its grid.
+  struct Origin {
+    std::shared_ptr<PartSource> part;
+    std::shared_ptr<const GridShape> shape;  ///< keeps the fragment alive
+    uint64_t entry;
+    StrongPtr<GridID> id;
+    double time;
+    std::shared_ptr<ProblemList> problems;  ///< told of a failed read; may be null
+  };
+
+  /// Reads the fragment's array; a failure is listed with the grid's problems.
+  static DeferredCreator::Producer arrayProducer(Origin origin, const GridShape::Fragment& fragment,
+                                                 const QuarilTypeBase& type,
                                                  layout::StoredType stored) {
-    return [part = std::move(part), shape = std::move(shape), &fragment, entry, &type,
+    return [origin = std::move(origin), &fragment, &type,
             stored]() -> StrongPtr<MemBase, Cacheable> {
       Session session;
       try {
-        const std::shared_ptr<Source> source = part->get();
+        const std::shared_ptr<Source> source = origin.part->get();
         require(source->arrays() >= 0, "the file has no group \"arrays\"");
-        Dataset dataset = openDataset(source->arrays(), layout::arrayName(entry, fragment.dataset));
+        Dataset dataset =
+            openDataset(source->arrays(), layout::arrayName(origin.entry, fragment.dataset));
         require(datasetExtents(dataset.id()) == layout::fileExtents(fragment.size, stored),
                 [&] { return "its data set does not have the extents " + fragment.size.str(); });
         const uint64_t bytes = fragment.size.elements() * type.size();
@@ -232,7 +242,13 @@ class GridReader {
         }
         return array;
       } catch (const Failure& failure) {
-        throw Failure(part->path() + ": " + fragment.what + ": " + failure.what());
+        const std::string name = origin.id ? origin.id->getName() : "";
+        Problem problem{
+            origin.part->path(),
+            fragment.what + " of grid " + inQuotes(name) + " at time " + timeText(origin.time),
+            failure.what(), name};
+        if (origin.problems) origin.problems->add(problem);
+        throw ProductionFailure(problem.text());
       }
     };
   }
@@ -249,14 +265,13 @@ class GridReader {
   std::map<std::string, StrongPtr<FragmentID>> fragments_;
   std::vector<StrongPtr<Field>> fields_;
   std::vector<StrongPtr<CreativeArrayBase>> creators_;
+  std::shared_ptr<ProblemList> problems_;
 };
 
 }  // namespace
 
-void readGrid(const std::shared_ptr<PartSource>& part, Source& source, uint64_t entry, Grid& grid,
-              const StrongPtr<GridID>& id, double time,
-              const StrongPtr<Ostrak::LoaderProgress>& progress, Made& made) {
-  GridReader reader(part, source, entry, grid, id, time, progress);
+void readGrid(const GridEntry& entry, Grid& grid, Made& made) {
+  GridReader reader(entry, grid);
   reader.read();
   reader.handOver(made);
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bundle/Bundle.hpp"
+#include "formats/hdf5/detail/Problems.hpp"
 #include "formats/hdf5/detail/Source.hpp"
 
 namespace Quaril::H5::detail {
@@ -23,14 +24,24 @@ struct Made {
 /// `into` keeps the ones it had.
 void readAttributes(hid_t object, Ostrak::Attributes& into);
 
-/// Builds the grid of entry `entry` of `source` (opened through `part`) into
-/// `grid`, the grid `id` at `time`; a partial entry adds to what `grid` holds.
-/// `progress`, when it is a BundleLoaderProgress or a FragmentChoice, is
-/// asked before each field and fragment is made. The fields and creators made
-/// are added to `made` once the grid is complete. Reads the structure and the
-/// grid's attributes, no array. Throws Failure.
-void readGrid(const std::shared_ptr<PartSource>& part, Source& source, uint64_t entry, Grid& grid,
-              const Ostrak::StrongPtr<GridID>& id, double time,
-              const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress, Made& made);
+/// Where a grid is read from, and for whom.
+struct GridEntry {
+  std::shared_ptr<PartSource> part;  ///< the file, as creators open it again
+  Source* source;                    ///< the same file, open now
+  uint64_t entry;                    ///< the grid's row in the file's index
+  Ostrak::StrongPtr<GridID> id;
+  double time;
+  /// Asked before each field and fragment is made when it is a
+  /// BundleLoaderProgress or a FragmentChoice; may be null.
+  Ostrak::StrongPtr<Ostrak::LoaderProgress> progress;
+  /// Lists the arrays that later fail to be read; may be null.
+  std::shared_ptr<ProblemList> problems;
+};
+
+/// Builds the grid of `entry` into `grid`; a partial entry adds to what
+/// `grid` holds. The fields and creators made are added to `made` once the
+/// grid is complete. Reads the structure and the grid's attributes, no
+/// array. Throws Failure.
+void readGrid(const GridEntry& entry, Grid& grid, Made& made);
 
 }  // namespace Quaril::H5::detail

@@ -10,6 +10,7 @@
 
 #include "formats/hdf5/Options.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
+#include "formats/hdf5/detail/Problems.hpp"
 #include "formats/hdf5/detail/Values.hpp"
 #include "grid/GridWalk.hpp"
 
@@ -137,6 +138,7 @@ class Planner {
 
   void run() {
     collect();
+    refuseLosses(bundle_, policy_.get(), request_.gridNames, request_.series, request_.progress);
     sink_.begin();
     std::vector<uint64_t> entryBytes;
     for (size_t row = 0; row < entries_.size(); ++row) {
@@ -379,6 +381,11 @@ class Planner {
     const std::string what = "field \"" + fieldName + "\"" +
                              (fragment ? " fragment \"" + fragment->Name() + "\"" : "") +
                              " of grid \"" + place.gridName + "\"";
+    if (!data.valid() && skipsDamaged(policy_.get())) {
+      if (request_.progress)
+        request_.progress->message("left out, unreadable: " + creator->lastError());
+      return {};
+    }
     require(data.valid(), what + ": its data cannot be produced (" + creator->lastError() + ")");
     Json described = Json::object();
     if (fragment) described[layout::Fragment] = fragment->Name();

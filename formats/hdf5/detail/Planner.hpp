@@ -101,6 +101,11 @@ struct WriteRequest {
   std::function<void()> whenReplaced = nullptr;
   /// Plan the write into this instead of writing a file (planBundle).
   Plan* plan = nullptr;
+  /// The bound series whose part this write makes: what could not be read
+  /// from its own files does not stop the write, since the series keeps it.
+  /// Empty: every problem of the bundle stops it, unless the policy skips
+  /// damaged parts.
+  std::string series;
 };
 
 /// What takes the pieces of a write, in the order of the file: once the
@@ -130,7 +135,9 @@ void requireWritableVersion(const WriteRequest& request);
 /// Walks `bundle` (the part `request` asks for) as a write to `path` takes
 /// it, handing every piece to `sink`, and fills request.written and
 /// request.structures. Pending slices are loaded; data read for the write
-/// only are dropped again once handed over. Throws Failure.
+/// only are dropped again once handed over. Throws Failure, before anything
+/// is handed over when the write would lose a part of the bundle that could
+/// not be read.
 void planWrite(const Bundle& bundle, const std::string& path, const WriteRequest& request,
                PlanSink& sink);
 

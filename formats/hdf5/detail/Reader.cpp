@@ -6,9 +6,9 @@
 #include "bundle/LoaderControl.hpp"
 #include "formats/hdf5/detail/GridReader.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
+#include "formats/hdf5/detail/Problems.hpp"
 #include "formats/hdf5/detail/Shape.hpp"
 #include "formats/hdf5/detail/Stored.hpp"
-#include "ostrak/Diagnostics.hpp"
 
 namespace Quaril::H5::detail {
 
@@ -16,16 +16,6 @@ namespace {
 
 using Ostrak::StrongPtr;
 using Ostrak::WeakPtr;
-
-/// Reports a problem found after the load returned: to the load's progress
-/// sink when there was one, else through the object core's diagnostics.
-void report(const StrongPtr<Ostrak::LoaderProgress>& progress, const std::string& text) {
-  if (progress) {
-    progress->message(text);
-  } else {
-    Ostrak::reportDiagnostic(Ostrak::Diagnostic::HookException, text);
-  }
-}
 
 /// Reads a slice's grids and attributes on the slice's first access, from
 /// every part that holds some of them, in the parts' order.
@@ -53,6 +43,7 @@ class SliceLoader : public Slice::Loader {
     bool complete = true;
     std::vector<StrongPtr<Grid>> grids;
     Made made;
+    problems_ = problemListOf(*bundle);
     for (size_t i = 0; i <= more_.size(); ++i) {
       const auto& [part, listedRow] = i == 0 ? first_ : more_[i - 1];
       try {
@@ -62,12 +53,13 @@ class SliceLoader : public Slice::Loader {
         require(
             row < source->index().times.size() && source->index().times[row] == slice->getTime(),
             [&] {
-              return "it does not hold the time " + std::to_string(slice->getTime()) +
+              return "it does not hold the time " + timeText(slice->getTime()) +
                      " that the series lists";
             });
         complete = loadRow(*slice, *bundle, part, *source, row, grids, made) && complete;
       } catch (const Failure& failure) {
-        report(progress_, part->path() + ": " + failure.what());
+        report(problems_, progress_,
+               {part->path(), "slice at time " + timeText(slice->getTime()), failure.what(), ""});
         complete = false;
       }
     }
@@ -98,7 +90,9 @@ class SliceLoader : public Slice::Loader {
         Group group = openGroup(source.file(), layout::slicePath(row));
         readAttributes(group.id(), slice);
       } catch (const Failure& failure) {
-        report(progress_, source.path() + ": slice attributes: " + failure.what());
+        report(problems_, progress_,
+               {source.path(), "attributes of the slice at time " + timeText(time), failure.what(),
+                ""});
         complete = false;
       }
     }
@@ -117,12 +111,13 @@ class SliceLoader : public Slice::Loader {
               new Grid(WeakPtr<GridContainer>(bundle.getGridList()), bundle.getCharts()));
           if (vetoes_ && !vetoes_->CreateGrid(id, *grid, time)) continue;
         }
-        readGrid(part, source, entry, *grid, id, time, progress_, made);
+        readGrid({part, &source, entry, id, time, progress_, problems_}, *grid, made);
         if (madeGrid) slice.insert(name, grid);
         grids.push_back(grid);
       } catch (const Failure& failure) {
-        report(progress_, source.path() + ": grid " + inQuotes(name) + " at time " +
-                              std::to_string(time) + ": " + failure.what());
+        report(problems_, progress_,
+               {source.path(), "grid " + inQuotes(name) + " at time " + timeText(time),
+                failure.what(), name});
         complete = false;
       }
     }
@@ -139,6 +134,7 @@ class SliceLoader : public Slice::Loader {
   StrongPtr<Ostrak::LoaderProgress> progress_;
   StrongPtr<BundleLoaderProgress> vetoes_;
   std::shared_ptr<Stored> stored_;
+  std::shared_ptr<ProblemList> problems_;  // the bundle's, once it loads
 };
 
 }  // namespace
@@ -243,11 +239,11 @@ void checkSource(const std::shared_ptr<Source>& source) {
   for (uint64_t entry = 0; entry < index.entries.size(); ++entry) {
     const std::string& name = index.names[index.entries[entry].nameRow];
     const std::string what = "grid " + inQuotes(name) + " at time " +
-                             std::to_string(index.times[index.entries[entry].timeRow]) + ": ";
+                             timeText(index.times[index.entries[entry].timeRow]) + ": ";
     StrongPtr<Grid> grid(new Grid(WeakPtr<GridContainer>(list), charts));
     Made made;
     try {
-      readGrid(part, *source, entry, *grid, (*list)[name], 0, {}, made);
+      readGrid({part, source.get(), entry, (*list)[name], 0, {}, {}}, *grid, made);
     } catch (const Failure& failure) {
       throw Failure(what + failure.what());
     }

@@ -243,7 +243,9 @@ class SeriesBinding : public ReportingBinding {
     const std::string part = partPath(journal_, token, number);
     Index written;
     std::vector<std::string> structures;
-    writeBundle(bundle, part, {transformations_, {}, {}, &plan, &written, &structures});
+    WriteRequest request{transformations_, {}, {}, &plan, &written, &structures};
+    request.series = journal_;
+    writeBundle(bundle, part, request);
     try {
       tail_->append(written);
     } catch (...) {

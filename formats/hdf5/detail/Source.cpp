@@ -35,7 +35,7 @@ void checkTimes(const std::vector<double>& times) {
     if (std::isnan(times[row])) throw Failure("index: time " + std::to_string(row) + " is NaN");
     if (row == 0 || times[row] > times[row - 1]) continue;
     require(times[row] != times[row - 1],
-            "index: the time " + std::to_string(times[row]) + " appears twice");
+            "index: the time " + timeText(times[row]) + " appears twice");
     throw Failure("index: times are not in ascending order");
   }
 }

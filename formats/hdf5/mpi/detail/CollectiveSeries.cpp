@@ -112,8 +112,7 @@ class CollectiveBinding : public ReportingBinding {
     });
     if (agreed) throw Failure(*agreed);
     const std::string part = partPath(journal_, token_, next_);
-    const Together together =
-        planTogether(ranks, rank, bundle, part, {transformations_, progress_, {}, &plan});
+    const Together together = planTogether(ranks, rank, bundle, part, partRequest(plan));
     if (together.empty()) {
       changed_.clear();
       walkAll_ = false;
@@ -145,6 +144,13 @@ class CollectiveBinding : public ReportingBinding {
                    together.merged.structures);
     });
     if (agreed) throw Failure(*agreed);
+  }
+
+  /// What writes a part of this series that holds `plan`.
+  WriteRequest partRequest(const Selection& plan) const {
+    WriteRequest request{transformations_, progress_, {}, &plan};
+    request.series = journal_;
+    return request;
   }
 
   /// Why the ranks of `communicator` cannot sync the binding together;
