@@ -32,14 +32,18 @@ bool isOurFileName(const std::string& filename) {
 struct Opened {
   std::string path;
   std::vector<detail::Part> parts;
+  /// Damage found on opening that did not stop it (a series' journal).
+  std::vector<Problem> problems;
 };
 
 Opened openForLoading(const std::string& filename) {
   if (detail::isJournal(filename)) {
-    return {filename, detail::partsOf(filename, detail::readJournal(filename))};
+    Opened opened{filename, {}, {}};
+    opened.parts = detail::partsOf(filename, detail::readJournal(filename), opened.problems);
+    return opened;
   }
   std::shared_ptr<detail::Source> source = detail::Source::open(filename);
-  return {filename, {{std::make_shared<detail::PartSource>(source), source->index()}}};
+  return {filename, {{std::make_shared<detail::PartSource>(source), source->index()}}, {}};
 }
 
 class FileLoader : public Ostrak::Loader<Bundle> {
@@ -64,6 +68,9 @@ class FileLoader : public Ostrak::Loader<Bundle> {
       Outcome attached = detail::attempt([&] {
         detail::attachParts(*target.target, file.parts, progress,
                             detail::recordLoaded(*target.target, file.path));
+        for (const Problem& problem : file.problems) {
+          detail::report(detail::problemListOf(*target.target), progress, problem);
+        }
       });
       if (!attached) {
         request->setErrorText(file.path + ": " + attached.error);
@@ -189,7 +196,11 @@ Outcome lastSync(const Bundle& bundle) {
 Outcome check(const std::string& filename) {
   Outcome checked = detail::attempt([&] {
     if (!detail::isJournal(filename)) return detail::checkSource(detail::Source::open(filename));
-    for (const detail::Part& part : detail::partsOf(filename, detail::readJournal(filename))) {
+    std::vector<Problem> problems;
+    const std::vector<detail::Part> parts =
+        detail::partsOf(filename, detail::readJournal(filename), problems);
+    if (!problems.empty()) throw detail::Failure(problems.front().text());
+    for (const detail::Part& part : parts) {
       try {
         detail::checkSource(part.source->get());
       } catch (const detail::Failure& failure) {

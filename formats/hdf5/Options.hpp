@@ -108,6 +108,10 @@ struct Problem {
   std::string where;   ///< e.g. "grid \"fluid\" at time 0.5"; empty: the whole file
   std::string reason;  ///< what is wrong
   std::string grid;    ///< the grid's name; empty when it is not one grid's
+  /// Whether data are missing from the bundle for it; false when they were
+  /// read another way and only the file is damaged (a journal record whose
+  /// part was read from its own index). Writes refuse to lose only these.
+  bool lost = true;
   /// The whole text: "file: where: reason".
   std::string text() const { return file + ": " + (where.empty() ? "" : where + ": ") + reason; }
   bool operator==(const Problem& other) const noexcept = default;

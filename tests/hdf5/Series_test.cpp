@@ -1,6 +1,7 @@
 // Bound series: each sync adds what is new, a reader sees every completed
 // sync, a failed or killed sync loses nothing that was complete.
 
+#include <cstring>
 #include <random>
 
 #include "tests/hdf5/FileFixture.hpp"
@@ -211,6 +212,106 @@ TEST_F(FileTest, aFailedSyncLeavesTheSeriesByteForByteAndSaysWhy) {
   EXPECT_EQ(fileBytes(path("run.h5")), before);
   EXPECT_EQ(bundle->sync(), 1) << "what failed is written by the next sync";
   EXPECT_EQ(differences(*bundle, *loaded(path("run.h5"))), "");
+}
+
+/// Where each record of the journal `bytes` begins, and where the last ends.
+std::vector<size_t> recordOffsets(const std::string& bytes) {
+  std::vector<size_t> offsets;
+  size_t at = 32;  // magic, version, token
+  while (at + 12 <= bytes.size()) {
+    offsets.push_back(at);
+    uint32_t length = 0;
+    std::memcpy(&length, bytes.data() + at + 4, sizeof(length));
+    at += 12 + length;
+  }
+  offsets.push_back(at);
+  return offsets;
+}
+
+TEST_F(FileTest, aDamagedJournalRecordCostsNoStepAndNoPart) {
+  // Part 0 of the binding, then ten syncs of a step each (parts 1 to 10);
+  // then the journal is damaged as the cases say.
+  struct Case {
+    const char* what;
+    std::function<void(std::string& journal, const std::vector<size_t>& records)> damage;
+    size_t steps;   // loaded afterwards
+    bool reported;  // as a problem of the bundle
+    bool lost;      // data missing from the bundle
+  };
+  const std::vector<Case> cases{
+      {"a bit of the fourth record's payload",
+       [](std::string& journal, const std::vector<size_t>& records) {
+         journal[records[3] + 40] ^= 0x10;
+       },
+       10, true, false},
+      {"the fourth record's header",
+       [](std::string& journal, const std::vector<size_t>& records) {
+         journal[records[3] + 1] ^= 0x01;
+       },
+       10, true, false},
+      {"the last record, as a crash cuts it",
+       [](std::string& journal, const std::vector<size_t>& records) {
+         journal.resize(records[records.size() - 2] + 20);
+       },
+       9, false, false},
+      {"the fourth record and its part",
+       [this](std::string& journal, const std::vector<size_t>& records) {
+         journal[records[3] + 40] ^= 0x10;
+         for (const std::string& part : partsOf(path("run.h5"))) {
+           if (part.size() > 5 && part.substr(part.size() - 5) == "-3.h5") {
+             std::filesystem::remove(path("run.h5.parts/" + part));
+           }
+         }
+       },
+       9, true, true}};
+  for (const Case& test : cases) {
+    std::filesystem::remove_all(path("run.h5.parts"));
+    BundlePtr writer;
+    writer.create();
+    ASSERT_EQ(
+        writer->bindToNew(path("run.h5"), StrongPtr<StorageTransformations>(new H5::StorageOptions))
+            .status,
+        1);
+    for (int64_t step = 0; step < 10; ++step) {
+      const double t = static_cast<double>(step);
+      makePointCloud(gridIn(writer, t, "tracer"), {{t, 0, 0}});
+      addVertexField(gridIn(writer, t, "tracer"), "id", std::vector<int64_t>{step});
+      ASSERT_EQ(writer->sync(), 1);
+    }
+    writer.reset();
+    std::string journal = fileBytes(path("run.h5"));
+    test.damage(journal, recordOffsets(journal));
+    std::ofstream(path("run.h5"), std::ios::binary | std::ios::trunc) << journal;
+
+    BundlePtr bundle;
+    ASSERT_TRUE(H5::load(bundle, {path("run.h5")}).ok) << test.what;
+    EXPECT_EQ(bundle->getSlices().size(), test.steps) << test.what;
+    for (const auto& [time, slice] : bundle->getSlices()) {
+      auto ids = (*slice)("tracer")->getCartesianRepresentation()->findField("id")->getData();
+      ASSERT_TRUE(ids) << test.what;
+      EXPECT_EQ(static_cast<const int64_t*>(ids->rawData())[0], static_cast<int64_t>(time));
+    }
+    const std::vector<H5::Problem> problems = H5::problems(*bundle);
+    ASSERT_EQ(problems.size(), test.reported ? 1u : 0u) << test.what;
+    if (test.reported) {
+      EXPECT_NE(problems[0].where.find("record of part 3"), std::string::npos)
+          << problems[0].text();
+      EXPECT_EQ(problems[0].lost, test.lost) << test.what;
+      EXPECT_FALSE(H5::check(path("run.h5")).ok) << test.what;
+    }
+    // Going on with the series keeps every part a record names, damaged or not.
+    const size_t parts = partsOf(path("run.h5")).size();
+    ASSERT_EQ(bundle->bindTo(path("run.h5")).status, 1) << H5::lastSync(*bundle).error;
+    makePointCloud(gridIn(bundle, 10, "tracer"), {{10, 0, 0}});
+    addVertexField(gridIn(bundle, 10, "tracer"), "id", std::vector<int64_t>{10});
+    ASSERT_EQ(bundle->sync(), 1) << test.what << ": " << H5::lastSync(*bundle).error;
+    bundle.reset();
+    const size_t kept = test.steps == 9 && !test.lost ? parts - 1 : parts;
+    EXPECT_EQ(partsOf(path("run.h5")).size(), kept + 1) << test.what;
+    BundlePtr again;
+    ASSERT_TRUE(H5::load(again, {path("run.h5")}).ok) << test.what;
+    EXPECT_EQ(again->getSlices().size(), test.steps + 1) << test.what;
+  }
 }
 
 /// Binds a new series and syncs steps one by one, telling `report` the

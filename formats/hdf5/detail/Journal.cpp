@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <random>
 
 namespace Quaril::H5::detail {
@@ -166,6 +167,20 @@ Journal::Record decodeRecord(const uint8_t* data, size_t size) {
   return record;
 }
 
+/// The payload length of the complete record at `at` of the `size` bytes
+/// at `data`, whose checksum passes; nothing when there is none.
+std::optional<uint32_t> recordAt(const uint8_t* data, size_t size, size_t at) {
+  if (size - at < RecordHeaderBytes) return std::nullopt;
+  Decoder head(data + at, RecordHeaderBytes);
+  const uint32_t magic = head.get<uint32_t>(), length = head.get<uint32_t>();
+  const uint32_t crc = head.get<uint32_t>();
+  if (magic != RecordMagic || length > LongestRecord || length > size - at - RecordHeaderBytes ||
+      crc32(data + at + RecordHeaderBytes, length) != crc) {
+    return std::nullopt;
+  }
+  return length;
+}
+
 Journal parseJournal(const std::string& bytes) {
   require(bytes.size() >= HeaderBytes && std::memcmp(bytes.data(), Magic, sizeof(Magic)) == 0,
           "not a bundle series");
@@ -179,18 +194,20 @@ Journal parseJournal(const std::string& bytes) {
   for (char c : journal.token)
     require(std::isxdigit(static_cast<unsigned char>(c)), "a bad journal");
   size_t at = HeaderBytes;
-  while (bytes.size() - at >= RecordHeaderBytes) {
-    Decoder head(data + at, RecordHeaderBytes);
-    const uint32_t magic = head.get<uint32_t>(), length = head.get<uint32_t>();
-    const uint32_t crc = head.get<uint32_t>();
-    // A record cut short, or never finished, ends the complete ones.
-    if (magic != RecordMagic || length > LongestRecord ||
-        length > bytes.size() - at - RecordHeaderBytes ||
-        crc32(data + at + RecordHeaderBytes, length) != crc) {
-      break;
+  while (at < bytes.size()) {
+    const std::optional<uint32_t> length = recordAt(data, bytes.size(), at);
+    if (!length) {
+      // Damage when a complete record follows; else a record cut short, or
+      // never finished, which ends the journal.
+      size_t next = at + 1;
+      while (next < bytes.size() && !recordAt(data, bytes.size(), next)) ++next;
+      if (next >= bytes.size()) break;
+      journal.damaged.push_back({at, next, journal.records.size()});
+      at = next;
+      continue;
     }
-    journal.records.push_back(decodeRecord(data + at + RecordHeaderBytes, length));
-    at += RecordHeaderBytes + length;
+    journal.records.push_back(decodeRecord(data + at + RecordHeaderBytes, *length));
+    at += RecordHeaderBytes + *length;
   }
   journal.validBytes = at;
   return journal;

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "formats/hdf5/detail/Files.hpp"
@@ -24,7 +25,21 @@ struct Journal {
     Index index;      ///< what the part holds (no structures)
   };
   std::vector<Record> records;
+  /// Bytes between complete records that fail their checksum: damage, since
+  /// a crash cuts only the end of a journal. The records that lay there
+  /// named the parts numbered between those of the records around them.
+  struct Damage {
+    uint64_t begin, end;  ///< the bytes
+    size_t before;        ///< the position in `records` of the record after it
+  };
+  std::vector<Damage> damaged;
   uint64_t validBytes = 0;  ///< where the last complete record ends
+
+  /// The numbers [first, last) of the parts whose records lay in `damage`.
+  std::pair<uint64_t, uint64_t> partsIn(const Damage& damage) const {
+    return {damage.before == 0 ? 0 : records[damage.before - 1].number + 1,
+            records[damage.before].number};
+  }
 };
 
 /// What a second binding of a series is told: the journal is locked while a
@@ -33,8 +48,9 @@ inline constexpr const char* BoundAlready = "bound already, by another binding o
 
 /// Whether `path` starts like a journal.
 bool isJournal(const std::string& path);
-/// Reads the complete records of the journal `path`. Throws Failure when
-/// it is no journal or a complete record is malformed.
+/// Reads the complete records of the journal `path`, past damage between
+/// them, up to a record cut short at its end. Throws Failure when it is no
+/// journal or a record whose checksum passes is malformed.
 Journal readJournal(const std::string& path);
 /// The file of part `number` of the series `journal`.
 std::string partPath(const std::string& journal, const std::string& token, uint64_t number);

@@ -72,7 +72,7 @@ void refuseLosses(const Bundle& bundle, const StorageTransformations* policy,
   std::vector<Problem> lost;
   for (Problem& problem : problemsOf(bundle)) {
     if (grids && !problem.grid.empty() && !grids->contains(problem.grid)) continue;
-    if (inSeries(problem.file, series)) continue;
+    if (!problem.lost || inSeries(problem.file, series)) continue;
     lost.push_back(std::move(problem));
   }
   if (lost.empty()) return;

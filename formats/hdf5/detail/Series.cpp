@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <set>
 
+#include "formats/hdf5/detail/Problems.hpp"
 #include "formats/hdf5/detail/Stored.hpp"
 #include "formats/hdf5/detail/Writer.hpp"
 #include "formats/hdf5/detail/Xdmf.hpp"
@@ -21,6 +22,38 @@ using Ostrak::WeakPtr;
 
 /// Parts of one series open at once while reading.
 constexpr size_t OpenPartsLimit = 64;
+
+/// Adds the parts whose journal records lie in `damage` to `parts`, each
+/// read from its own index, and lists the damage in `problems`: as lost
+/// where a part cannot be read, as only the journal's otherwise.
+void recoverParts(const std::string& journal, const Journal& read, const Journal::Damage& damage,
+                  const std::shared_ptr<PartSource::Pool>& pool, std::vector<Part>& parts,
+                  std::vector<Problem>& problems) {
+  const std::string bytes =
+      "bytes " + std::to_string(damage.begin) + " to " + std::to_string(damage.end);
+  const auto [first, last] = read.partsIn(damage);
+  if (first >= last) {
+    problems.push_back(
+        {journal, bytes, "damaged, between complete records; no part is missing", "", false});
+    return;
+  }
+  for (uint64_t number = first; number < last; ++number) {
+    const std::string path = partPath(journal, read.token, number);
+    const std::string where =
+        "the journal record of part " + std::to_string(number) + " (" + bytes + ")";
+    try {
+      const std::shared_ptr<Source> source = Source::open(path);
+      parts.push_back({std::make_shared<PartSource>(path, pool), source->index()});
+      problems.push_back(
+          {journal, where, "fails its checksum; the part was read from its own index", "", false});
+    } catch (const Failure& failure) {
+      problems.push_back(
+          {journal, where,
+           "fails its checksum, and the part cannot be read: " + path + ": " + failure.what(), "",
+           true});
+    }
+  }
+}
 
 // ---- what a sync writes ------------------------------------------------------------
 
@@ -272,10 +305,17 @@ class SeriesBinding : public ReportingBinding {
 
 }  // namespace
 
-std::vector<Part> partsOf(const std::string& journal, const Journal& read) {
+std::vector<Part> partsOf(const std::string& journal, const Journal& read,
+                          std::vector<Problem>& problems) {
   auto pool = std::make_shared<PartSource::Pool>(OpenPartsLimit);
   std::vector<Part> parts;
-  for (const Journal::Record& record : read.records) {
+  auto damagedBefore = read.damaged.begin();
+  for (size_t position = 0; position < read.records.size(); ++position) {
+    for (; damagedBefore != read.damaged.end() && damagedBefore->before == position;
+         ++damagedBefore) {
+      recoverParts(journal, read, *damagedBefore, pool, parts, problems);
+    }
+    const Journal::Record& record = read.records[position];
     parts.push_back(
         {std::make_shared<PartSource>(partPath(journal, read.token, record.number), pool),
          record.index});
@@ -340,7 +380,9 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
   const Journal& read = tail->journal();
   if (!stored) {
     stored = std::make_shared<Stored>();
-    attachParts(bundle, partsOf(path, read), progress, stored);
+    std::vector<Problem> problems;
+    attachParts(bundle, partsOf(path, read, problems), progress, stored);
+    for (Problem& problem : problems) report(problemListOf(bundle), progress, std::move(problem));
   }
   removeStrayParts(path, read, readsReplacedParts);
   std::unique_ptr<SeriesDescriptor> descriptor;

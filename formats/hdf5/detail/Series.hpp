@@ -65,8 +65,11 @@ bool nothingIn(const Selection& plan);
 /// Lists in `stored` what a completed sync of `plan` wrote.
 void recordWritten(const Bundle& bundle, const Selection& plan, Stored& stored);
 
-/// The parts of the series, opened on first use.
-std::vector<Part> partsOf(const std::string& journal, const Journal& read);
+/// The parts of the series, opened on first use, in the order of their
+/// numbers. A part whose record is damaged is read from its own index, and
+/// the damage is added to `problems`.
+std::vector<Part> partsOf(const std::string& journal, const Journal& read,
+                          std::vector<Problem>& problems);
 
 /// Binds `bundle` to the series `path`: a new one (`existing` false;
 /// whatever `path` was is replaced once the first sync is complete, its

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "formats/hdf5/detail/Files.hpp"
+#include "formats/hdf5/detail/Problems.hpp"
 #include "formats/hdf5/detail/Series.hpp"
 #include "formats/hdf5/detail/Stored.hpp"
 #include "formats/hdf5/detail/Xdmf.hpp"
@@ -233,7 +234,9 @@ void bindTogether(MPI_Comm comm, Bundle& bundle, const std::string& filename, bo
     if (!existing || loaded) return;
     loaded = std::make_shared<Stored>();
     const StrongPtr<Ostrak::LoaderProgress> choice(new FragmentsOfRank(rank, communicator.size()));
-    attachParts(bundle, partsOf(path, readJournal(path)), choice, loaded);
+    std::vector<Problem> problems;
+    attachParts(bundle, partsOf(path, readJournal(path), problems), choice, loaded);
+    for (Problem& problem : problems) report(problemListOf(bundle), progress, std::move(problem));
   });
   if (agreed) throw Failure(*agreed);
   StrongPtr<CollectiveBinding> binding(new CollectiveBinding(
