@@ -79,7 +79,8 @@ std::optional<TimeRange> parseTimeRange(const std::string& text, std::string& er
 }
 
 H5::Outcome copyBundle(const CopyRequest& request,
-                       const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress) {
+                       const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress,
+                       std::vector<H5::Problem>* unreadable) {
   if (request.compression < 0 || request.compression > 9) {
     return {false,
             "bad compression level " + std::to_string(request.compression) + ": expected 0 to 9"};
@@ -99,13 +100,16 @@ H5::Outcome copyBundle(const CopyRequest& request,
   Ostrak::StrongPtr<Selected> transformations(new Selected(request.times));
   transformations->setCompressionLevel(request.compression);
   transformations->setWriteXdmf(request.xdmf);
+  transformations->setSkipDamaged(request.skipDamaged);
   if (request.times) {
     bool any = false;
     for (const auto& [time, slice] : bundle->getSlices())
       any = any || transformations->isSaveableTime(time);
     if (!any) return {false, "no time step in the range"};
   }
-  return H5::save(*bundle, request.output, transformations, progress, names);
+  const H5::Outcome saved = H5::save(*bundle, request.output, transformations, progress, names);
+  if (unreadable) *unreadable = H5::problems(*bundle);
+  return saved;
 }
 
 }  // namespace Quaril::Tools

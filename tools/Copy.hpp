@@ -41,13 +41,19 @@ struct CopyRequest {
   int compression = 0;
   /// Whether OUT.xmf, the descriptor for visualisation programs, is written.
   bool xdmf = true;
+  /// Whether what cannot be read is left out (each told to the progress
+  /// sink) instead of failing the copy.
+  bool skipDamaged = false;
 };
 
 /// Loads and merges the inputs (single files or bound series) and saves the
 /// selection as one self-contained file, atomically. Fails, writing
 /// nothing, for an input that cannot be read, a grid that no input holds, a
-/// time range that holds no step, or a compression level outside 0 to 9.
+/// time range that holds no step, a compression level outside 0 to 9, or a
+/// part of the inputs that cannot be read (unless request.skipDamaged).
+/// What could not be read is added to `unreadable` (may be null).
 H5::Outcome copyBundle(const CopyRequest& request,
-                       const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress = {});
+                       const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress = {},
+                       std::vector<H5::Problem>* unreadable = nullptr);
 
 }  // namespace Quaril::Tools

@@ -106,6 +106,7 @@ Summary summarize(const Bundle& bundle) {
   for (auto& [name, grid] : grids) summary.grids.push_back(std::move(grid));
   bundle.getMemoryUsage(summary.resident, summary.total);
   summary.total += summary.resident;
+  summary.unreadable = H5::problems(bundle);
   return summary;
 }
 
@@ -131,6 +132,7 @@ std::string formatSummary(const Summary& summary) {
   }
   text += "\nmemory: " + formatBytes(summary.resident) + " resident of " +
           formatBytes(summary.total) + "\n";
+  if (!summary.unreadable.empty()) text += "\n" + formatUnreadable(summary.unreadable);
   return text;
 }
 
@@ -156,13 +158,29 @@ std::string summaryJson(const Summary& summary) {
                      {"last", grid.last},
                      {"fields", std::move(fields)}});
   }
+  nlohmann::ordered_json unreadable = nlohmann::ordered_json::array();
+  for (const H5::Problem& problem : summary.unreadable) {
+    unreadable.push_back({{"file", problem.file},
+                          {"where", problem.where},
+                          {"reason", problem.reason},
+                          {"grid", problem.grid.empty() ? nlohmann::ordered_json(nullptr)
+                                                        : nlohmann::ordered_json(problem.grid)},
+                          {"lost", problem.lost}});
+  }
   const nlohmann::ordered_json document{
       {"steps", summary.times.size()},
       {"times", summary.times},
       {"grids", std::move(grids)},
-      {"memory", {{"resident", summary.resident}, {"total", summary.total}}}};
+      {"memory", {{"resident", summary.resident}, {"total", summary.total}}},
+      {"unreadable", std::move(unreadable)}};
   // Grid and field names are arbitrary bytes: invalid UTF-8 is replaced.
   return document.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
+
+std::string formatUnreadable(const std::vector<H5::Problem>& problems) {
+  std::string text;
+  for (const H5::Problem& problem : problems) text += "unreadable: " + problem.text() + "\n";
+  return text;
 }
 
 std::vector<ListingEntry> listSteps(const Bundle& bundle, const std::string& grid) {

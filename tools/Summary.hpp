@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "bundle/Bundle.hpp"
+#include "formats/hdf5/Format.hpp"
 
 namespace Quaril::Tools {
 
@@ -49,13 +50,17 @@ struct Summary {
   /// Bytes of field data in memory now, and in all (in memory or readable).
   unsigned long long resident = 0;
   unsigned long long total = 0;
+  /// What of the bundle's files could not be read, as far as the summary
+  /// looked (H5::problems).
+  std::vector<H5::Problem> unreadable;
 };
 
 /// Summarises `bundle`. Reads the structure of every time step, and no
 /// field data.
 Summary summarize(const Bundle& bundle);
 
-/// The summary as text lines, for a terminal.
+/// The summary as text lines, for a terminal; what could not be read ends
+/// it, a line "unreadable: FILE: WHERE: REASON" each.
 std::string formatSummary(const Summary& summary);
 
 /// The summary as JSON:
@@ -63,8 +68,12 @@ std::string formatSummary(const Summary& summary);
 ///    "grids": [{"name", "parent" (null without), "steps", "first", "last",
 ///               "fields": [{"name", "location", "type", "extents",
 ///                           "extents_vary", "fragments", "steps", "bytes"}]}],
-///    "memory": {"resident": bytes, "total": bytes}}
+///    "memory": {"resident": bytes, "total": bytes},
+///    "unreadable": [{"file", "where", "reason", "grid" (null without), "lost"}]}
 std::string summaryJson(const Summary& summary);
+
+/// What could not be read, a line "unreadable: FILE: WHERE: REASON" each.
+std::string formatUnreadable(const std::vector<H5::Problem>& problems);
 
 /// One time step of a listing: the names of its grids (or, for a listing of
 /// one grid, of that grid's fields) and their bytes.

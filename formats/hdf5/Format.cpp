@@ -69,7 +69,7 @@ class FileLoader : public Ostrak::Loader<Bundle> {
         detail::attachParts(*target.target, file.parts, progress,
                             detail::recordLoaded(*target.target, file.path));
         for (const Problem& problem : file.problems) {
-          detail::report(detail::problemListOf(*target.target), progress, problem);
+          detail::problemListOf(*target.target)->add(problem);
         }
       });
       if (!attached) {

@@ -205,8 +205,8 @@ std::vector<BadFile> corpus() {
   };
   const std::vector<Edit> structures{
       {"unknown-type", 1, "\"point\"", "\"quaternion\"", "unknown element type"},
-      {"no-elements", 1, "\"elements\"", "\"elementz\"", "'elements' not found"},
-      {"no-json", 1, "{", "[", "parse error"},
+      {"no-elements", 1, "\"elements\"", "\"elementz\"", "the key \"elements\" is missing"},
+      {"no-json", 1, "{", "[", "its structure: it is not JSON"},
       {"no-object", 1, "", "[1, 2]", "not a JSON object"},
       {"huge-box", 0, "\"extents\":[2,2,2]", "\"extents\":[1099511627776,1099511627776,2]",
        "overflow"},

@@ -219,5 +219,40 @@ TEST(TimeRange, readsBothEndsOneEndOrOneTimeAndRefusesTheRest) {
   }
 }
 
+TEST_F(ToolTest, aDamagedGridIsListedAsUnreadableAndNoCommandDropsItSilently) {
+  writeSample("sample.h5");
+  std::string bytes = fileBytes(path("sample.h5"));
+  const size_t at = bytes.find("\"elements\"");  // in the structure of "surface"
+  ASSERT_NE(at, std::string::npos);
+  bytes.replace(at, 10, "\"elementz\"");
+  std::ofstream(path("damaged.h5"), std::ios::binary) << bytes;
+  const std::string unreadable = "unreadable: damaged.h5: grid \"surface\" at time 0: ";
+  struct Case {
+    const char* command;
+    int status;
+    std::string out, err;  // what each must hold
+  };
+  const std::vector<Case> cases{
+      {"info damaged.h5", 3, unreadable, ""},
+      {"info --json damaged.h5", 3, "\"where\": \"grid \\\"surface\\\" at time 0\"", ""},
+      {"ls damaged.h5", 3, unreadable, ""},
+      {"xml damaged.h5", 3, "", unreadable},
+      {"copy damaged.h5 damaged.h5", 1, "", "refused: it would lose what could not be read"},
+      {"copy --skip-damaged damaged.h5 kept.h5", 3, "", "left out, " + unreadable}};
+  for (const Case& test : cases) {
+    const ToolRun run = tool(test.command);
+    EXPECT_EQ(run.status, test.status) << test.command << ": " << run.err;
+    EXPECT_NE(run.out.find(test.out), std::string::npos) << test.command << ": " << run.out;
+    EXPECT_NE(run.err.find(test.err), std::string::npos) << test.command << ": " << run.err;
+    EXPECT_EQ(fileBytes(path("damaged.h5")), bytes) << test.command;
+  }
+  BundlePtr kept;
+  ASSERT_TRUE(H5::load(kept, {path("kept.h5")}).ok);
+  EXPECT_EQ(kept->getSlices().size(), 3u);
+  EXPECT_EQ(gridIn(kept, 2, "points").CartesianPositions()->getData()->nElements(), 1u)
+      << "what could be read is copied";
+  EXPECT_TRUE(H5::problems(*kept).empty());
+}
+
 }  // namespace
 }  // namespace Quaril::Testing

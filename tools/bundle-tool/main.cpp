@@ -17,9 +17,23 @@ namespace {
 
 using namespace Quaril;
 
+// Exit codes, as the README lists them.
+constexpr int Done = 0;
+constexpr int Failed = 1;
+constexpr int Unreadable = 3;  // done, but parts of the files could not be read
+
 int fail(const std::string& error) {
   std::fprintf(stderr, "bundle-tool: %s\n", error.c_str());
-  return 1;
+  return Failed;
+}
+
+/// Done, or Unreadable after naming on `out` what of `bundle`'s files could
+/// not be read.
+int doneWith(const Bundle& bundle, std::FILE* out) {
+  const std::vector<H5::Problem> problems = H5::problems(bundle);
+  if (problems.empty()) return Done;
+  std::fprintf(out, "%s", Tools::formatUnreadable(problems).c_str());
+  return Unreadable;
 }
 
 /// Opens `files` with a progress bar; null (and the error printed) on failure.
@@ -58,35 +72,35 @@ int demo(const std::string& folder) {
               Tools::formatBytes(std::filesystem::file_size(file, error)).c_str(), file.c_str());
   std::printf("reopened lazily; nothing is read until it is asked for:\n\n");
   BundlePtr reopened = open({file});
-  if (!reopened) return 1;
+  if (!reopened) return Failed;
   std::printf("%s", Tools::formatSummary(Tools::summarize(*reopened)).c_str());
-  return 0;
+  return Done;
 }
 
 int info(const std::vector<std::string>& files, bool json) {
   BundlePtr bundle = open(files);
-  if (!bundle) return 1;
+  if (!bundle) return Failed;
   const Tools::Summary summary = Tools::summarize(*bundle);
   std::printf("%s", (json ? Tools::summaryJson(summary) : Tools::formatSummary(summary)).c_str());
-  return 0;
+  return summary.unreadable.empty() ? Done : Unreadable;
 }
 
 int list(const std::string& file, const std::string& grid) {
   BundlePtr bundle = open({file});
-  if (!bundle) return 1;
+  if (!bundle) return Failed;
   if (!grid.empty() && !bundle->getGridList()->find(grid)) {
     return fail(file + ": no grid \"" + grid + "\"");
   }
   std::printf("%s", Tools::formatListing(Tools::listSteps(*bundle, grid)).c_str());
-  return 0;
+  return doneWith(*bundle, stdout);
 }
 
 int xml(const std::string& file) {
   BundlePtr bundle = open({file});
-  if (!bundle) return 1;
+  if (!bundle) return Failed;
   readStructure(*bundle);
   std::printf("%s", bundle->xml().c_str());
-  return 0;
+  return doneWith(*bundle, stderr);
 }
 
 int xdmf(const std::string& file) {
@@ -94,11 +108,11 @@ int xdmf(const std::string& file) {
   const H5::Outcome written = H5::writeXdmf(file);
   if (!written) return fail(written.error);
   std::printf("wrote %s.xmf\n", file.c_str());
-  return 0;
+  return Done;
 }
 
 int copy(std::vector<std::string> paths, const std::vector<std::string>& grids,
-         const std::string& times, int compression, bool noXdmf) {
+         const std::string& times, int compression, bool noXdmf, bool skipDamaged) {
   Tools::CopyRequest request;
   request.output = paths.back();
   paths.pop_back();
@@ -106,15 +120,18 @@ int copy(std::vector<std::string> paths, const std::vector<std::string>& grids,
   request.grids = grids;
   request.compression = compression;
   request.xdmf = !noXdmf;
+  request.skipDamaged = skipDamaged;
   if (!times.empty()) {
     std::string error;
     request.times = Tools::parseTimeRange(times, error);
     if (!request.times) return fail(error);
   }
   Ostrak::StrongPtr<Tools::TerminalProgress> progress(new Tools::TerminalProgress("copying"));
-  const H5::Outcome copied = Tools::copyBundle(request, progress);
+  std::vector<H5::Problem> unreadable;
+  const H5::Outcome copied = Tools::copyBundle(request, progress, &unreadable);
   progress->finish();
-  return copied ? 0 : fail(copied.error);
+  if (!copied) return fail(copied.error);
+  return unreadable.empty() ? Done : Unreadable;  // each was told as left out
 }
 
 }  // namespace
@@ -168,6 +185,9 @@ int main(int argc, char** argv) {
   copyCommand->add_option("--compress", compression, "Deflate level 1 to 9; 0: none");
   bool noXdmf = false;
   copyCommand->add_flag("--no-xdmf", noXdmf, "Do not write OUT.xmf for visualisation programs");
+  bool skipDamaged = false;
+  copyCommand->add_flag("--skip-damaged", skipDamaged,
+                        "Leave out what cannot be read, naming each, instead of failing");
 
   const auto isCommand = [&app](const std::string& name) {
     for (const CLI::App* command : app.get_subcommands({})) {
@@ -196,5 +216,5 @@ int main(int argc, char** argv) {
   if (listCommand->parsed()) return list(listFile, listGrid);
   if (xmlCommand->parsed()) return xml(xmlFile);
   if (xdmfCommand->parsed()) return xdmf(xdmfFile);
-  return copy(copyPaths, copyGrids, copyTimes, compression, noXdmf);
+  return copy(copyPaths, copyGrids, copyTimes, compression, noXdmf, skipDamaged);
 }

@@ -55,12 +55,6 @@ std::vector<Problem> problemsOf(const Bundle& bundle) {
   return held ? held->list->all() : std::vector<Problem>();
 }
 
-void report(const std::shared_ptr<ProblemList>& list,
-            const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress, Problem problem) {
-  if (progress) progress->message(problem.text());
-  if (list) list->add(std::move(problem));
-}
-
 bool skipsDamaged(const StorageTransformations* policy) {
   const auto* options = dynamic_cast<const StorageOptions*>(policy);
   return options && options->getSkipDamaged();

@@ -31,11 +31,6 @@ std::shared_ptr<ProblemList> problemListOf(Bundle& bundle);
 /// What `bundle` lists; empty when it has no list.
 std::vector<Problem> problemsOf(const Bundle& bundle);
 
-/// Lists `problem` in `list` (may be null) and tells `progress` (may be
-/// null) of it.
-void report(const std::shared_ptr<ProblemList>& list,
-            const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress, Problem problem);
-
 /// The problems of `bundle` that a write would lose: all, but those of the
 /// files of the series `series` (which keeps them; empty: none) and, with
 /// `grids`, those of grids not among them. Throws a Failure naming each,

@@ -58,8 +58,8 @@ class SliceLoader : public Slice::Loader {
             });
         complete = loadRow(*slice, *bundle, part, *source, row, grids, made) && complete;
       } catch (const Failure& failure) {
-        report(problems_, progress_,
-               {part->path(), "slice at time " + timeText(slice->getTime()), failure.what(), ""});
+        problems_->add(
+            {part->path(), "slice at time " + timeText(slice->getTime()), failure.what(), ""});
         complete = false;
       }
     }
@@ -90,9 +90,8 @@ class SliceLoader : public Slice::Loader {
         Group group = openGroup(source.file(), layout::slicePath(row));
         readAttributes(group.id(), slice);
       } catch (const Failure& failure) {
-        report(problems_, progress_,
-               {source.path(), "attributes of the slice at time " + timeText(time), failure.what(),
-                ""});
+        problems_->add({source.path(), "attributes of the slice at time " + timeText(time),
+                        failure.what(), ""});
         complete = false;
       }
     }
@@ -115,9 +114,8 @@ class SliceLoader : public Slice::Loader {
         if (madeGrid) slice.insert(name, grid);
         grids.push_back(grid);
       } catch (const Failure& failure) {
-        report(problems_, progress_,
-               {source.path(), "grid " + inQuotes(name) + " at time " + timeText(time),
-                failure.what(), name});
+        problems_->add({source.path(), "grid " + inQuotes(name) + " at time " + timeText(time),
+                        failure.what(), name});
         complete = false;
       }
     }

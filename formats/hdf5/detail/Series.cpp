@@ -382,7 +382,7 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
     stored = std::make_shared<Stored>();
     std::vector<Problem> problems;
     attachParts(bundle, partsOf(path, read, problems), progress, stored);
-    for (Problem& problem : problems) report(problemListOf(bundle), progress, std::move(problem));
+    for (Problem& problem : problems) problemListOf(bundle)->add(std::move(problem));
   }
   removeStrayParts(path, read, readsReplacedParts);
   std::unique_ptr<SeriesDescriptor> descriptor;

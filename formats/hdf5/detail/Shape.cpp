@@ -169,8 +169,25 @@ GridShape shapeOf(const Json& structure) {
     }
     return shape;
   } catch (const Json::exception& error) {
-    throw Failure(std::string("its structure: ") + error.what());
+    throw Failure("its structure: " + jsonReason(error.what(), error.id));
   }
+}
+
+std::string jsonReason(std::string text, int id) {
+  // The library's own tag, "[json.exception.kind.id] ", is not ours to show.
+  if (!text.empty() && text[0] == '[') {
+    const size_t end = text.find("] ");
+    if (end != std::string::npos) text.erase(0, end + 2);
+  }
+  if (id == 403) {  // "key 'name' not found"
+    const size_t open = text.find('\''), close = text.rfind('\'');
+    if (open != std::string::npos && close > open) {
+      return "the key " + inQuotes(text.substr(open + 1, close - open - 1)) + " is missing";
+    }
+  }
+  if (id == 302) return "a value of the wrong kind (" + text + ")";
+  if (id >= 101 && id <= 199) return "it is not JSON (" + text + ")";
+  return text;
 }
 
 }  // namespace Quaril::H5::detail

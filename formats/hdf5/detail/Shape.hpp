@@ -63,6 +63,10 @@ struct GridShape {
 /// Reads and checks a structure. Throws Failure naming the problem.
 GridShape shapeOf(const nlohmann::json& structure);
 
+/// What the JSON exception of `text` and `id` says, in our words: the key
+/// that is missing, a value of the wrong kind, a text that is not JSON.
+std::string jsonReason(std::string text, int id);
+
 /// A name read from a file, as error texts quote it.
 std::string inQuotes(const std::string& text);
 

@@ -191,7 +191,7 @@ std::shared_ptr<const Json> Source::structure(uint64_t row) {
   try {
     parsed = std::make_shared<const Json>(Json::parse(text.begin(), text.end()));
   } catch (const Json::exception& error) {
-    throw Failure(std::string("its structure: ") + error.what());
+    throw Failure("its structure: " + jsonReason(error.what(), error.id));
   }
   require(parsed->is_object(), "its structure is not a JSON object");
   // Time series share a few structures; a file of distinct ones is not kept whole.

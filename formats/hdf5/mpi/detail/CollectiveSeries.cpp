@@ -236,7 +236,7 @@ void bindTogether(MPI_Comm comm, Bundle& bundle, const std::string& filename, bo
     const StrongPtr<Ostrak::LoaderProgress> choice(new FragmentsOfRank(rank, communicator.size()));
     std::vector<Problem> problems;
     attachParts(bundle, partsOf(path, readJournal(path), problems), choice, loaded);
-    for (Problem& problem : problems) report(problemListOf(bundle), progress, std::move(problem));
+    for (Problem& problem : problems) problemListOf(bundle)->add(std::move(problem));
   });
   if (agreed) throw Failure(*agreed);
   StrongPtr<CollectiveBinding> binding(new CollectiveBinding(
