@@ -24,8 +24,13 @@ class ToolTest : public FileTest {
   /// Runs bundle-tool with `arguments` (words for the shell) in the test's
   /// folder.
   ToolRun tool(const std::string& arguments) const {
-    const std::string command = "cd '" + folder_.string() + "' && " QUARIL_BUNDLE_TOOL " " +
-                                arguments + " > out.txt 2> err.txt";
+    return shell(QUARIL_BUNDLE_TOOL " " + arguments);
+  }
+
+  /// Runs the shell command `line` in the test's folder.
+  ToolRun shell(const std::string& line) const {
+    const std::string command =
+        "cd '" + folder_.string() + "' && " + line + " > out.txt 2> err.txt";
     const int status = std::system(command.c_str());
     ToolRun run{WIFEXITED(status) ? WEXITSTATUS(status) : -1, fileBytes(path("out.txt")),
                 fileBytes(path("err.txt"))};
@@ -252,6 +257,24 @@ TEST_F(ToolTest, aDamagedGridIsListedAsUnreadableAndNoCommandDropsItSilently) {
   EXPECT_EQ(gridIn(kept, 2, "points").CartesianPositions()->getData()->nElements(), 1u)
       << "what could be read is copied";
   EXPECT_TRUE(H5::problems(*kept).empty());
+}
+
+TEST_F(ToolTest, everyFileTheFuzzerFoundEndsWithOneLineAndNoNoise) {
+  size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(QUARIL_FUZZ_CRASHES)) {
+    if (entry.path().extension() != ".h5") continue;
+    ++files;
+    for (const std::string command : {"info", "ls", "xml"}) {
+      // A hang would be killed by timeout (status 124).
+      const ToolRun run = shell("timeout 60 " QUARIL_BUNDLE_TOOL " " + command + " '" +
+                                entry.path().string() + "'");
+      EXPECT_EQ(run.status, 1) << command << " " << entry.path() << ": " << run.err;
+      EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1)
+          << command << " " << entry.path() << ": " << run.err;
+      EXPECT_EQ(run.err.find("HDF5"), run.err.find("HDF5 bundle")) << run.err;
+    }
+  }
+  EXPECT_GE(files, 3u);
 }
 
 }  // namespace

@@ -4,8 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <type_traits>
@@ -53,7 +56,31 @@ hsize_t elementCount(const std::vector<hsize_t>& dims) {
 
 }  // namespace
 
+namespace {
+
+/// Closes libhdf5 at the end of the process, before its own handler would,
+/// with standard error pointed away: after a file that libhdf5 itself
+/// failed to close (a damaged object header), it prints "infinite loop
+/// closing library" and a list of its interfaces there otherwise.
+void closeQuietlyAtExit() {
+  std::fflush(stderr);
+  const int saved = dup(2);
+  const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (saved >= 0 && nowhere >= 0) dup2(nowhere, 2);
+  H5close();
+  if (saved >= 0) {
+    dup2(saved, 2);
+    close(saved);
+  }
+  if (nowhere >= 0) close(nowhere);
+}
+
+}  // namespace
+
 Session::Session() : lock_(callMutex()) {
+  // Registered after libhdf5's own handler, so that it runs first.
+  static const bool closesQuietly = H5open() >= 0 && std::atexit(closeQuietlyAtExit) == 0;
+  (void)closesQuietly;
   H5Eget_auto2(H5E_DEFAULT, &savedPrinter_, &savedData_);
   H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
 }
@@ -270,6 +297,73 @@ RawFile rawFileOf(hid_t file, uint64_t bytes) {
     return {};
   }
   return {*static_cast<int*>(handle), handle, bytes};
+}
+
+namespace {
+
+/// `count` bytes of `raw` from `offset` on (fewer at its end).
+std::vector<uint8_t> rawBytes(const RawFile& raw, uint64_t offset, uint64_t count) {
+  std::vector<uint8_t> bytes(count);
+  size_t done = 0;
+  while (done < count) {
+    const ssize_t got =
+        pread(raw.descriptor, bytes.data() + done, count - done, static_cast<off_t>(offset + done));
+    if (got < 0 && errno == EINTR) continue;
+    require(got >= 0, "cannot read the file");
+    if (got == 0) break;
+    done += static_cast<size_t>(got);
+  }
+  bytes.resize(done);
+  return bytes;
+}
+
+uint64_t littleEndian(const uint8_t* bytes, size_t size) {
+  uint64_t value = 0;
+  for (size_t i = size; i-- > 0;) value = (value << 8) | bytes[i];
+  return value;
+}
+
+/// Walks the objects of the collection `heap` (its header first) as
+/// libhdf5 does, and fails where one would not step forward or would run
+/// past its end.
+void walkCollection(const std::vector<uint8_t>& heap, uint64_t at) {
+  constexpr size_t HeaderBytes = 16, ObjectHeaderBytes = 16;
+  const auto fail = [at](const std::string& problem) {
+    throw Failure("a damaged global heap (the collection at byte " + std::to_string(at) +
+                  "): " + problem);
+  };
+  for (size_t p = HeaderBytes; p + ObjectHeaderBytes <= heap.size();) {
+    const uint64_t index = littleEndian(&heap[p], 2);
+    const uint64_t size = littleEndian(&heap[p + 8], 8);
+    const uint64_t left = heap.size() - p;
+    if (index == 0) {  // the free space, its header included, to the end
+      if (size < ObjectHeaderBytes || size > left) fail("its free space does not fit it");
+      return;
+    }
+    const uint64_t need = ObjectHeaderBytes + ((size + 7) / 8) * 8;
+    if (size > left || need > left) fail("object " + std::to_string(index) + " runs past its end");
+    p += need;
+  }
+}
+
+}  // namespace
+
+void checkGlobalHeaps(const RawFile& raw) {
+  if (raw.descriptor < 0) return;
+  constexpr uint64_t Window = 64 * 1024, LargestCollection = uint64_t{1} << 26;
+  const std::vector<uint8_t> head = rawBytes(raw, 0, std::min<uint64_t>(raw.bytes, Window));
+  static constexpr uint8_t Signature[] = {'G', 'C', 'O', 'L'};
+  for (auto found =
+           std::search(head.begin(), head.end(), std::begin(Signature), std::end(Signature));
+       found != head.end();
+       found = std::search(found + 1, head.end(), std::begin(Signature), std::end(Signature))) {
+    const uint64_t at = static_cast<uint64_t>(found - head.begin());
+    const std::vector<uint8_t> header = rawBytes(raw, at, 16);
+    if (header.size() < 16 || header[4] != 1) continue;  // not a collection of version 1
+    const uint64_t size = littleEndian(&header[8], 8);
+    if (size < 16 || size > raw.bytes - at || size > LargestCollection) continue;
+    walkCollection(rawBytes(raw, at, size), at);
+  }
 }
 
 namespace {

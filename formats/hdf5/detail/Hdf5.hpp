@@ -162,6 +162,12 @@ struct RawFile {
 };
 /// The open `file`, of `bytes` bytes.
 RawFile rawFileOf(hid_t file, uint64_t bytes);
+/// Checks the global heap collections (where variable-length texts live)
+/// that begin in the first 64 KiB of `raw`, as those of the root's
+/// attributes do: libhdf5 reads a collection whose objects do not step
+/// forward in an endless loop. Does nothing for a file not read past HDF5.
+/// Throws Failure naming the collection.
+void checkGlobalHeaps(const RawFile& raw);
 
 /// Reads the whole dataset, of `bytes` bytes, into `data` as `memoryType`.
 /// A dataset stored contiguously in `raw` as `memoryType` is read straight

@@ -171,6 +171,7 @@ std::shared_ptr<Source> Source::open(const std::string& path) {
   check(H5Fget_filesize(source->file(), &bytes), "cannot read the file's size");
   source->fileBytes_ = bytes;
   source->raw_ = rawFileOf(source->file(), bytes);
+  checkGlobalHeaps(source->raw_);
   checkFormat(source->file());
   source->structures_ =
       openDataset(openGroup(source->file(), layout::IndexGroup).id(), layout::Structures);
