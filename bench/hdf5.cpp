@@ -7,6 +7,7 @@
 //    arrays (its time beside ours, and the ratio of the two);
 //  - Open / Open_Baseline: opening files of 10^4 steps of 10 grids and of
 //    10^5 steps of one grid, against a walk over all of the file's objects;
+//  - Check: a check of that file in turns with a full load of it;
 //  - OpenMemory: heap bytes per time step right after opening;
 //  - SyncAtStep: the sync of one more step into a bound series of 10^4 steps,
 //    in turns with the same into a series of 10 (the ratio of the two).
@@ -169,6 +170,31 @@ void FullLoad(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * Steps * Edge * Edge * Edge * 4);
 }
 BENCHMARK(FullLoad)->Unit(benchmark::kMillisecond)->Iterations(20)->Repetitions(5)->UseManualTime();
+
+/// Times a check of the series file (every structure and array read, one at
+/// a time) in turns with a full load of it: the check's throughput against
+/// the load's is the inverse of the ratio (goal: at least 0.8, a ratio of at
+/// most 1.25).
+void Check(benchmark::State& state) {
+  if (!H5::save(*seriesBundle(), scratch("series.h5"))) state.SkipWithError("save failed");
+  loadSeries();
+  double ours = 0, baseline = 0;
+  for (auto _ : state) {
+    auto start = std::chrono::steady_clock::now();
+    loadSeries();
+    auto middle = std::chrono::steady_clock::now();
+    if (!H5::checkFile(scratch("series.h5")).ok()) state.SkipWithError("check failed");
+    auto end = std::chrono::steady_clock::now();
+    baseline += std::chrono::duration<double>(middle - start).count();
+    const double time = std::chrono::duration<double>(end - middle).count();
+    ours += time;
+    state.SetIterationTime(time);
+  }
+  state.counters["baseline_ms"] = 1e3 * baseline / static_cast<double>(state.iterations());
+  state.counters[QuarilBench::PairedRatio] = ours / baseline;
+  state.SetBytesProcessed(state.iterations() * Steps * Edge * Edge * Edge * 4);
+}
+BENCHMARK(Check)->Unit(benchmark::kMillisecond)->Iterations(20)->Repetitions(3)->UseManualTime();
 
 /// A file of `steps` time steps of `grids` one-point clouds each, made once.
 std::string manyStepsFile(int64_t steps, int64_t grids) {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "grid/GridWalk.hpp"
+#include "tools/Check.hpp"
 
 namespace Quaril::Tools {
 namespace {
@@ -159,14 +160,7 @@ std::string summaryJson(const Summary& summary) {
                      {"fields", std::move(fields)}});
   }
   nlohmann::ordered_json unreadable = nlohmann::ordered_json::array();
-  for (const H5::Problem& problem : summary.unreadable) {
-    unreadable.push_back({{"file", problem.file},
-                          {"where", problem.where},
-                          {"reason", problem.reason},
-                          {"grid", problem.grid.empty() ? nlohmann::ordered_json(nullptr)
-                                                        : nlohmann::ordered_json(problem.grid)},
-                          {"lost", problem.lost}});
-  }
+  for (const H5::Problem& problem : summary.unreadable) unreadable.push_back(problemJson(problem));
   const nlohmann::ordered_json document{
       {"steps", summary.times.size()},
       {"times", summary.times},

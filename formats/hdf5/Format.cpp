@@ -6,6 +6,7 @@
 
 #include "bundle/Binder.hpp"
 #include "bundle/LoaderControl.hpp"
+#include "formats/hdf5/detail/Check.hpp"
 #include "formats/hdf5/detail/Problems.hpp"
 #include "formats/hdf5/detail/Reader.hpp"
 #include "formats/hdf5/detail/Series.hpp"
@@ -193,23 +194,17 @@ Outcome lastSync(const Bundle& bundle) {
   return {error.empty(), error};
 }
 
+CheckReport checkFile(const std::string& filename,
+                      const StrongPtr<Ostrak::LoaderProgress>& progress) {
+  return detail::checkFile(filename, progress);
+}
+
 Outcome check(const std::string& filename) {
-  Outcome checked = detail::attempt([&] {
-    if (!detail::isJournal(filename)) return detail::checkSource(detail::Source::open(filename));
-    std::vector<Problem> problems;
-    const std::vector<detail::Part> parts =
-        detail::partsOf(filename, detail::readJournal(filename), problems);
-    if (!problems.empty()) throw detail::Failure(problems.front().text());
-    for (const detail::Part& part : parts) {
-      try {
-        detail::checkSource(part.source->get());
-      } catch (const detail::Failure& failure) {
-        throw detail::Failure(part.source->path() + ": " + failure.what());
-      }
-    }
-  });
-  if (!checked) checked.error = filename + ": " + checked.error;
-  return checked;
+  const CheckReport report = detail::checkFile(filename, {});
+  if (report.ok()) return {true, ""};
+  const Problem& first = report.problems.front();
+  // Named as the caller named it, also when a part of a series is at fault.
+  return {false, (first.file == filename ? "" : filename + ": ") + first.text()};
 }
 
 Outcome writeXdmf(const std::string& filename) {

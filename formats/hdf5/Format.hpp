@@ -50,8 +50,14 @@ Outcome lastSync(const Bundle& bundle);
 /// bundle that was read whole, or that holds nothing of a file.
 std::vector<Problem> problems(const Bundle& bundle);
 
-/// Reads everything of `filename` (index, every grid, every data set, each
-/// dropped after reading) and reports the first problem. Loads into no bundle.
+/// Reads everything of the file or series `filename` (index, journal, every
+/// structure, attribute and array, one array at a time, each dropped after
+/// reading) and reports every problem with where it is, not only the first.
+/// `progress` hears of the progress per grid. Loads into no bundle.
+CheckReport checkFile(const std::string& filename,
+                      const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress = {});
+
+/// As checkFile, and says the first problem found.
 Outcome check(const std::string& filename);
 
 /// Writes `filename`.xmf, an XDMF 3 document through which visualisation

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "bundle/LoaderControl.hpp"
 #include "bundle/StorageTransformations.hpp"
@@ -115,6 +116,16 @@ struct Problem {
   /// The whole text: "file: where: reason".
   std::string text() const { return file + ": " + (where.empty() ? "" : where + ": ") + reason; }
   bool operator==(const Problem& other) const noexcept = default;
+};
+
+/// What a check of a file or series read, and every problem it found.
+struct CheckReport {
+  std::string file;
+  std::vector<Problem> problems;  ///< in the order found; empty: everything reads
+  uint64_t grids = 0;             ///< grid entries read
+  uint64_t arrays = 0;            ///< arrays read
+  uint64_t bytes = 0;             ///< bytes of array data read
+  bool ok() const noexcept { return problems.empty(); }
 };
 
 /// The outcome of an operation: success, or the reason of the failure.

@@ -242,6 +242,15 @@ TEST_F(ToolTest, aDamagedGridIsListedAsUnreadableAndNoCommandDropsItSilently) {
       {"info --json damaged.h5", 3, "\"where\": \"grid \\\"surface\\\" at time 0\"", ""},
       {"ls damaged.h5", 3, unreadable, ""},
       {"xml damaged.h5", 3, "", unreadable},
+      {"check sample.h5 damaged.h5", 3,
+       "sample.h5: ok (6 grids, 12 arrays, 336 B read)\n"
+       "damaged.h5: 3 problems (3 grids, 3 arrays, 72 B read)\n"
+       "  damaged.h5: grid \"surface\" at time 0: its structure: the key \"elements\" is missing\n"
+       "  damaged.h5: grid \"surface\" at time 1: its structure: the key \"elements\" is missing\n",
+       ""},
+      {"check --json damaged.h5", 3,
+       "\"reason\": \"its structure: the key \\\"elements\\\" is missing\"", ""},
+      {"check sample.h5", 0, "sample.h5: ok", ""},
       {"copy damaged.h5 damaged.h5", 1, "", "refused: it would lose what could not be read"},
       {"copy --skip-damaged damaged.h5 kept.h5", 3, "", "left out, " + unreadable}};
   for (const Case& test : cases) {

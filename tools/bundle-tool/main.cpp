@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/Check.hpp"
 #include "tools/Copy.hpp"
 #include "tools/DemoData.hpp"
 #include "tools/Progress.hpp"
@@ -103,6 +104,25 @@ int xml(const std::string& file) {
   return doneWith(*bundle, stderr);
 }
 
+int check(const std::vector<std::string>& files, bool json) {
+  H5::registerFormat();
+  for (const std::string& file : files) {
+    std::error_code error;
+    if (!std::filesystem::exists(file, error)) return fail(file + ": no such file");
+  }
+  std::vector<H5::CheckReport> reports;
+  bool ok = true;
+  for (const std::string& file : files) {
+    Ostrak::StrongPtr<Tools::TerminalProgress> progress(new Tools::TerminalProgress(file));
+    reports.push_back(H5::checkFile(file, progress));
+    progress->finish();
+    ok = ok && reports.back().ok();
+    if (!json) std::printf("%s", Tools::formatCheckReport(reports.back()).c_str());
+  }
+  if (json) std::printf("%s", Tools::checkReportsJson(reports).c_str());
+  return ok ? Done : Unreadable;
+}
+
 int xdmf(const std::string& file) {
   H5::registerFormat();
   const H5::Outcome written = H5::writeXdmf(file);
@@ -164,6 +184,13 @@ int main(int argc, char** argv) {
   CLI::App* xmlCommand = app.add_subcommand("xml", "Print the bundle's XML description");
   xmlCommand->add_option("FILE", xmlFile, "The file")->required();
 
+  std::vector<std::string> checkFiles;
+  bool checkJson = false;
+  CLI::App* checkCommand = app.add_subcommand(
+      "check", "Read everything of files or series and report every problem, with where it is");
+  checkCommand->add_option("FILE", checkFiles, "Files or series")->required();
+  checkCommand->add_flag("--json", checkJson, "Print the reports as JSON");
+
   std::string xdmfFile;
   CLI::App* xdmfCommand = app.add_subcommand(
       "xdmf",
@@ -216,5 +243,6 @@ int main(int argc, char** argv) {
   if (listCommand->parsed()) return list(listFile, listGrid);
   if (xmlCommand->parsed()) return xml(xmlFile);
   if (xdmfCommand->parsed()) return xdmf(xdmfFile);
+  if (checkCommand->parsed()) return check(checkFiles, checkJson);
   return copy(copyPaths, copyGrids, copyTimes, compression, noXdmf, skipDamaged);
 }

@@ -105,7 +105,7 @@ struct WriteRequest {
   /// from its own files does not stop the write, since the series keeps it.
   /// Empty: every problem of the bundle stops it, unless the policy skips
   /// damaged parts.
-  std::string series;
+  std::string series = {};
 };
 
 /// What takes the pieces of a write, in the order of the file: once the

@@ -228,29 +228,4 @@ void attachSource(Bundle& bundle, const std::shared_ptr<Source>& source,
               stored);
 }
 
-void checkSource(const std::shared_ptr<Source>& source) {
-  Session session;
-  const Index& index = source->index();
-  StrongPtr<GlobalCharts> charts(new GlobalCharts);
-  StrongPtr<GridList> list(new GridList);
-  const auto part = std::make_shared<PartSource>(source);
-  for (uint64_t entry = 0; entry < index.entries.size(); ++entry) {
-    const std::string& name = index.names[index.entries[entry].nameRow];
-    const std::string what = "grid " + inQuotes(name) + " at time " +
-                             timeText(index.times[index.entries[entry].timeRow]) + ": ";
-    StrongPtr<Grid> grid(new Grid(WeakPtr<GridContainer>(list), charts));
-    Made made;
-    try {
-      readGrid({part, source.get(), entry, (*list)[name], 0, {}, {}}, *grid, made);
-    } catch (const Failure& failure) {
-      throw Failure(what + failure.what());
-    }
-    for (const auto& creator : made.creators) {
-      const bool produced = creator->getData().valid();
-      require(produced, what + creator->lastError());
-      creator->dropCache();
-    }
-  }
-}
-
 }  // namespace Quaril::H5::detail

@@ -37,8 +37,4 @@ void attachSource(Bundle& bundle, const std::shared_ptr<Source>& source,
                   const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress,
                   const std::shared_ptr<Stored>& stored = {});
 
-/// Reads every grid and every data set of `source`, dropping the data
-/// again. Throws Failure at the first problem.
-void checkSource(const std::shared_ptr<Source>& source);
-
 }  // namespace Quaril::H5::detail
