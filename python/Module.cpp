@@ -6,6 +6,7 @@
 #include <pybind11/stl.h>
 #include <pybind11/stl/filesystem.h>
 
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <list>
@@ -16,6 +17,7 @@
 
 #include "grid/GridConstructors.hpp"
 #include "grid/GridWalk.hpp"
+#include "tools/Check.hpp"
 #include "tools/Copy.hpp"
 #include "tools/Summary.hpp"
 
@@ -127,7 +129,29 @@ struct PyBundle {
   throw py::error_already_set();
 }
 
+/// The grids of `slice` that could not be read: they keep their place.
+std::vector<H5::Problem> unreadableGrids(const PySlice& slice) {
+  slice.slice->accessSlice();
+  std::vector<H5::Problem> found;
+  for (H5::Problem& problem : H5::problems(*slice.bundle)) {
+    if (problem.lost && !problem.grid.empty() && problem.time == slice.slice->getTime() &&
+        !(*slice.slice)(problem.grid)) {
+      found.push_back(std::move(problem));
+    }
+  }
+  return found;
+}
+
+/// Raises OSError naming why the grid `name` of `slice` could not be read,
+/// when it could not.
+void requireReadable(const PySlice& slice, const std::string& name) {
+  for (const H5::Problem& problem : unreadableGrids(slice)) {
+    if (problem.grid == name) raiseOSError(problem.text());
+  }
+}
+
 PyGrid gridAt(const BundlePtr& bundle, const SlicePtr& slice, const std::string& name) {
+  requireReadable({bundle, slice}, name);
   StrongPtr<Grid> grid = (*slice)(name);
   if (!grid)
     throw py::key_error("no grid \"" + name + "\" at time " + Tools::formatTime(slice->getTime()));
@@ -360,11 +384,15 @@ PYBIND11_MODULE(quaril, module) {
                                for (const auto& [id, grid] : slice.slice->getGrids()) {
                                  if (id && grid) names.push_back(id->getName());
                                }
+                               for (const H5::Problem& problem : unreadableGrids(slice)) {
+                                 names.push_back(problem.grid);
+                               }
                                return names;
                              })
       .def(
           "__getitem__",
           [](PySlice& slice, const std::string& name) {
+            requireReadable(slice, name);
             Grid* grid = (*slice.slice)[name];
             if (!grid) throw py::key_error(name);
             return PyGrid{slice.bundle, (*slice.slice)(name), name, slice.slice->getTime()};
@@ -377,11 +405,17 @@ PYBIND11_MODULE(quaril, module) {
           },
           "The grid `name`; KeyError when there is none")
       .def("__contains__",
-           [](const PySlice& slice, const std::string& name) { return bool((*slice.slice)(name)); })
+           [](const PySlice& slice, const std::string& name) {
+             if ((*slice.slice)(name)) return true;
+             for (const H5::Problem& problem : unreadableGrids(slice)) {
+               if (problem.grid == name) return true;
+             }
+             return false;
+           })
       .def("__len__",
            [](const PySlice& slice) {
              slice.slice->accessSlice();
-             return slice.slice->getGrids().size();
+             return slice.slice->getGrids().size() + unreadableGrids(slice).size();
            })
       .def("__repr__", [](const PySlice& slice) {
         return "<quaril.Slice t=" + Tools::formatTime(slice.slice->getTime()) + ">";
@@ -495,11 +529,12 @@ PYBIND11_MODULE(quaril, module) {
       .def(
           "save",
           [](const PyBundle& bundle, const std::filesystem::path& path,
-             std::optional<std::vector<std::string>> grids, std::optional<int> compress,
-             bool xdmf) {
+             std::optional<std::vector<std::string>> grids, std::optional<int> compress, bool xdmf,
+             bool skipDamaged) {
             StrongPtr<H5::StorageOptions> policy(new H5::StorageOptions);
             if (compress) policy->setCompressionLevel(*compress);
             policy->setWriteXdmf(xdmf);
+            policy->setSkipDamaged(skipDamaged);
             StrongPtr<Ostrak::StringList> names;
             if (grids) {
               names = StrongPtr<Ostrak::StringList>(new Ostrak::StringList);
@@ -509,15 +544,18 @@ PYBIND11_MODULE(quaril, module) {
             if (!saved) raiseOSError(saved.error);
           },
           py::arg("path"), py::arg("grids") = py::none(), py::arg("compress") = py::none(),
-          py::arg("xdmf") = true,
+          py::arg("xdmf") = true, py::arg("skip_damaged") = false,
           "Saves the bundle (only `grids` when given) as one file, atomically, with PATH.xmf for "
-          "visualisation programs unless xdmf=False; OSError on failure")
+          "visualisation programs unless xdmf=False; OSError on failure, also when it would lose "
+          "what could not be read (leave that out with skip_damaged=True)")
       .def(
           "bind",
-          [](PyBundle& bundle, const std::filesystem::path& file, bool append, bool xdmf) {
+          [](PyBundle& bundle, const std::filesystem::path& file, bool append, bool xdmf,
+             bool skipDamaged) {
             const std::string path = file.string();
             StrongPtr<H5::StorageOptions> policy(new H5::StorageOptions);
             policy->setWriteXdmf(xdmf);
+            policy->setSkipDamaged(skipDamaged);
             const Bundle::BindingResult bound = append ? bundle.bundle->bindTo(path, policy)
                                                        : bundle.bundle->bindToNew(path, policy);
             if (bound.status != 1)
@@ -525,9 +563,13 @@ PYBIND11_MODULE(quaril, module) {
             return PyBinding{bundle.bundle, path};
           },
           py::arg("path"), py::arg("append") = false, py::arg("xdmf") = true,
+          py::arg("skip_damaged") = false,
           "Binds the bundle to a series at `path` (a new one, or the existing one with "
           "append=True); each sync() adds what is new, and keeps PATH.xmf up to date unless "
           "xdmf=False. A context manager that syncs and unbinds at its end.")
+      .def_property_readonly(
+          "problems", [](const PyBundle& bundle) { return H5::problems(*bundle.bundle); },
+          "What of its files could not be read so far (slices are read on first use)")
       .def("sync",
            [](PyBundle& bundle) {
              if (!bundle.bundle->getStorage()) throw py::value_error("the bundle is not bound");
@@ -544,6 +586,50 @@ PYBIND11_MODULE(quaril, module) {
                " grids>";
       });
 
+  py::class_<H5::Problem>(module, "Problem",
+                          "A part of a file that could not be read, and where and why")
+      .def_readonly("file", &H5::Problem::file)
+      .def_readonly("where", &H5::Problem::where)
+      .def_readonly("reason", &H5::Problem::reason)
+      .def_property_readonly("grid",
+                             [](const H5::Problem& problem) -> std::optional<std::string> {
+                               if (problem.grid.empty()) return std::nullopt;
+                               return problem.grid;
+                             })
+      .def_property_readonly("time",
+                             [](const H5::Problem& problem) -> std::optional<double> {
+                               if (std::isnan(problem.time)) return std::nullopt;
+                               return problem.time;
+                             })
+      .def_readonly("lost", &H5::Problem::lost)
+      .def("__str__", &H5::Problem::text)
+      .def("__repr__",
+           [](const H5::Problem& problem) { return "<quaril.Problem " + problem.text() + ">"; });
+
+  py::class_<H5::CheckReport>(module, "CheckReport", "What a check read, and every problem")
+      .def_readonly("file", &H5::CheckReport::file)
+      .def_readonly("problems", &H5::CheckReport::problems)
+      .def_readonly("grids", &H5::CheckReport::grids)
+      .def_readonly("arrays", &H5::CheckReport::arrays)
+      .def_readonly("bytes", &H5::CheckReport::bytes)
+      .def_property_readonly("ok", &H5::CheckReport::ok)
+      .def("__bool__", &H5::CheckReport::ok)
+      .def("__str__", &Tools::formatCheckReport)
+      .def("__repr__", [](const H5::CheckReport& report) {
+        const std::string text = Tools::formatCheckReport(report);
+        return "<quaril.CheckReport " + text.substr(0, text.find('\n')) + ">";
+      });
+
+  module.def(
+      "check",
+      [](const std::filesystem::path& path) {
+        if (!std::filesystem::exists(path)) raiseOSError(path.string() + ": no such file");
+        py::gil_scoped_release unlocked;
+        return H5::checkFile(path.string());
+      },
+      py::arg("path"),
+      "Reads everything of a file or series, one array at a time, and reports every problem "
+      "with where it is; the report is true when everything reads");
   module.def(
       "write_xdmf",
       [](const std::filesystem::path& path) {

@@ -19,8 +19,35 @@ def load(paths: Union[Path, Sequence[Path]]) -> Bundle:
     """Opens a file (or several, merged) lazily; OSError with the reason on failure."""
 
 
+def check(path: Path) -> CheckReport:
+    """Reads everything of a file or series, one array at a time, and reports every problem
+    with where it is; OSError when there is no such file."""
+
+
 def write_xdmf(path: Path) -> None:
     """Writes PATH.xmf anew for visualisation programs (not while the series is bound)."""
+
+
+class Problem:
+    """A part of a file that could not be read, and where and why; str() is the whole text."""
+    file: str
+    where: str
+    reason: str
+    grid: Optional[str]
+    time: Optional[float]
+    lost: bool
+    """Whether its data are missing (False: only the file is damaged, the data were read)."""
+
+
+class CheckReport:
+    """What a check read, and every problem it found; true when everything reads."""
+    file: str
+    problems: list[Problem]
+    grids: int
+    arrays: int
+    bytes: int
+    ok: bool
+    def __bool__(self) -> bool: ...
 
 
 class Grid:
@@ -55,11 +82,12 @@ class Slice:
     @property
     def time(self) -> float: ...
     @property
-    def grids(self) -> list[str]: ...
+    def grids(self) -> list[str]:
+        """The names of its grids, those that could not be read among them."""
     def __getitem__(self, name: str) -> Grid:
-        """The grid `name`, made when missing."""
+        """The grid `name`, made when missing; OSError when it could not be read."""
     def grid(self, name: str) -> Grid:
-        """The grid `name`; KeyError when there is none."""
+        """The grid `name`; KeyError when there is none, OSError when it could not be read."""
     def __contains__(self, name: str) -> bool: ...
     def __len__(self) -> int: ...
 
@@ -98,12 +126,19 @@ class Bundle:
     def xml(self) -> str: ...
     def memory(self) -> tuple[int, int]:
         """(resident, deferred): bytes of field data in memory, and still to be read."""
+    @property
+    def problems(self) -> list[Problem]:
+        """What of its files could not be read so far (slices are read on first use)."""
     def save(self, path: Path, grids: Optional[Sequence[str]] = None,
-             compress: Optional[int] = None, xdmf: bool = True) -> None:
+             compress: Optional[int] = None, xdmf: bool = True,
+             skip_damaged: bool = False) -> None:
         """Saves the bundle (only `grids` when given) as one file, atomically, with PATH.xmf
-        for visualisation programs unless xdmf=False; OSError on failure."""
-    def bind(self, path: Path, append: bool = False, xdmf: bool = True) -> Binding:
+        for visualisation programs unless xdmf=False; OSError on failure, also when it would
+        lose what could not be read (unless skip_damaged=True leaves that out)."""
+    def bind(self, path: Path, append: bool = False, xdmf: bool = True,
+             skip_damaged: bool = False) -> Binding:
         """Binds the bundle to a series at `path` (new, or continued with append=True); each
-        sync keeps PATH.xmf up to date unless xdmf=False."""
+        sync keeps PATH.xmf up to date unless xdmf=False. OSError rather than lose what could
+        not be read, unless skip_damaged=True."""
     def sync(self) -> None:
         """Writes what is new to the bound series; ValueError when not bound."""

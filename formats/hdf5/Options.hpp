@@ -4,6 +4,7 @@
 // operation. Format.hpp includes it; the format's internals use it alone.
 
 #include <cstdint>
+#include <limits>
 #include <set>
 #include <string>
 #include <utility>
@@ -113,9 +114,14 @@ struct Problem {
   /// read another way and only the file is damaged (a journal record whose
   /// part was read from its own index). Writes refuse to lose only these.
   bool lost = true;
+  /// The time of the slice it belongs to; NaN when it is not one time's.
+  double time = std::numeric_limits<double>::quiet_NaN();
   /// The whole text: "file: where: reason".
   std::string text() const { return file + ": " + (where.empty() ? "" : where + ": ") + reason; }
-  bool operator==(const Problem& other) const noexcept = default;
+  /// The same problem: the same file, place and reason.
+  bool operator==(const Problem& other) const noexcept {
+    return file == other.file && where == other.where && reason == other.reason;
+  }
 };
 
 /// What a check of a file or series read, and every problem it found.

@@ -155,3 +155,55 @@ def test_h5py_reads_a_file_written_from_python(tmp_path):
         assert file["index/times"][()].tolist() == [0.25]
         arrays = [file["arrays"][name][()] for name in file["arrays"]]
     assert any(array.dtype == np.float32 and np.array_equal(array, values) for array in arrays)
+
+
+def damaged_file(tmp_path):
+    """A file of two steps whose grid "box" cannot be read at either (its
+    structure lacks a key), beside a readable point cloud."""
+    bundle = quaril.Bundle()
+    for t in (0.0, 1.0):
+        bundle[t]["box"].set_uniform((2, 2, 2))
+        bundle[t]["cloud"].set_points(np.zeros((2, 3)) + t)
+        bundle[t]["cloud"].add_field("f", np.array([t, 2 * t]))
+    bundle.save(tmp_path / "good.h5")
+    data = (tmp_path / "good.h5").read_bytes()
+    assert b'"elements"' in data  # the first structure is the box's
+    (tmp_path / "damaged.h5").write_bytes(data.replace(b'"elements"', b'"elementz"', 1))
+    return tmp_path / "damaged.h5"
+
+
+def test_an_unreadable_grid_keeps_its_place_and_no_write_drops_it_silently(tmp_path):
+    path = damaged_file(tmp_path)
+    before = path.read_bytes()
+    bundle = quaril.load(path)
+    step = bundle.slice(0.0)
+    assert sorted(step.grids) == ["box", "cloud"] and "box" in step and len(step) == 2
+    for read in (lambda: step["box"], lambda: step.grid("box")):
+        with pytest.raises(OSError, match='grid "box" at time 0: its structure: the key'):
+            read()
+    np.testing.assert_array_equal(step.grid("cloud").field("f"), [0.0, 0.0])
+    assert [len(s) for _, s in bundle] == [2, 2]  # every step read, the box in its place
+    problems = bundle.problems
+    assert [(p.grid, p.time, p.lost) for p in problems] == [("box", 0.0, True), ("box", 1.0, True)]
+    assert str(problems[0]).startswith(str(path) + ': grid "box" at time 0: ')
+
+    with pytest.raises(OSError, match="refused: it would lose what could not be read"):
+        bundle.save(path)
+    assert path.read_bytes() == before
+    with pytest.raises(OSError, match="refused"):
+        bundle.bind(tmp_path / "series.h5")
+    bundle.save(tmp_path / "kept.h5", skip_damaged=True)
+    kept = quaril.load(tmp_path / "kept.h5")
+    assert kept.slice(1.0).grids == ["cloud"] and kept.problems == []
+
+
+def test_check_reports_every_problem_of_a_file(tmp_path):
+    path = damaged_file(tmp_path)
+    report = quaril.check(path)
+    assert not report and not report.ok
+    assert [p.where for p in report.problems] == ['grid "box" at time 0', 'grid "box" at time 1']
+    assert (report.grids, report.arrays) == (2, 4)
+    good = quaril.check(tmp_path / "good.h5")
+    assert good and good.problems == [] and good.grids == 4
+    with pytest.raises(OSError, match="no such file"):
+        quaril.check(tmp_path / "absent.h5")

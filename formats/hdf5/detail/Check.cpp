@@ -1,5 +1,7 @@
 #include "formats/hdf5/detail/Check.hpp"
 
+#include <limits>
+
 #include "formats/hdf5/detail/GridReader.hpp"
 #include "formats/hdf5/detail/Journal.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
@@ -44,8 +46,10 @@ class SourceCheck {
   }
 
  private:
-  void problem(std::string where, std::string reason, std::string grid) {
-    problems_->add({source_->path(), std::move(where), std::move(reason), std::move(grid), true});
+  void problem(std::string where, std::string reason, std::string grid,
+               double time = std::numeric_limits<double>::quiet_NaN()) {
+    problems_->add(
+        {source_->path(), std::move(where), std::move(reason), std::move(grid), true, time});
   }
 
   void attributes(bool held, const std::string& group, const std::string& what) {
@@ -69,7 +73,7 @@ class SourceCheck {
     try {
       readGrid({part_, source_.get(), entry, (*list_)[name], time, {}, problems_}, *grid, made);
     } catch (const Failure& failure) {
-      problem("grid " + inQuotes(name) + " at time " + timeText(time), failure.what(), name);
+      problem("grid " + inQuotes(name) + " at time " + timeText(time), failure.what(), name, time);
       return;
     }
     ++report_.grids;

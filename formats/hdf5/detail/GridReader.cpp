@@ -246,7 +246,10 @@ class GridReader {
         Problem problem{
             origin.part->path(),
             fragment.what + " of grid " + inQuotes(name) + " at time " + timeText(origin.time),
-            failure.what(), name};
+            failure.what(),
+            name,
+            true,
+            origin.time};
         if (origin.problems) origin.problems->add(problem);
         throw ProductionFailure(problem.text());
       }

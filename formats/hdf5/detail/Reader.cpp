@@ -58,8 +58,8 @@ class SliceLoader : public Slice::Loader {
             });
         complete = loadRow(*slice, *bundle, part, *source, row, grids, made) && complete;
       } catch (const Failure& failure) {
-        problems_->add(
-            {part->path(), "slice at time " + timeText(slice->getTime()), failure.what(), ""});
+        problems_->add({part->path(), "slice at time " + timeText(slice->getTime()), failure.what(),
+                        "", true, slice->getTime()});
         complete = false;
       }
     }
@@ -91,7 +91,7 @@ class SliceLoader : public Slice::Loader {
         readAttributes(group.id(), slice);
       } catch (const Failure& failure) {
         problems_->add({source.path(), "attributes of the slice at time " + timeText(time),
-                        failure.what(), ""});
+                        failure.what(), "", true, time});
         complete = false;
       }
     }
@@ -115,7 +115,7 @@ class SliceLoader : public Slice::Loader {
         grids.push_back(grid);
       } catch (const Failure& failure) {
         problems_->add({source.path(), "grid " + inQuotes(name) + " at time " + timeText(time),
-                        failure.what(), name});
+                        failure.what(), name, true, time});
         complete = false;
       }
     }
