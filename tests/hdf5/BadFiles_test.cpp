@@ -161,7 +161,7 @@ std::vector<BadFile> corpus() {
        [](hid_t file) {
          replaceValues(file, CloudPositions, H5T_NATIVE_DOUBLE, {0, 1, 2, 3, 4, 5}, 2);
        },
-       "does not have the extents 3", false},
+       "has the extents [3, 2] where the structure's 3 ask for [3, 3] (HDF5 lists", false},
       {"endless-points",
        [](hid_t file) {
          editStructure(file, 1, "\"extents\":[3]", "\"extents\":[1099511627776]");
@@ -207,6 +207,10 @@ std::vector<BadFile> corpus() {
       {"unknown-type", 1, "\"point\"", "\"quaternion\"", "unknown element type"},
       {"no-elements", 1, "\"elements\"", "\"elementz\"", "the key \"elements\" is missing"},
       {"no-json", 1, "{", "[", "its structure: it is not JSON"},
+      // What the layout forbids is named by its key.
+      {"number-dataset", 1, "\"dataset\":\"0\"", "\"dataset\":0", "\"dataset\" must be a text"},
+      {"no-fields", 1, "\"fields\"", "\"fieldz\"", "the key \"fields\" is missing"},
+      {"refinement-0", 1, "\"refinement\":1", "\"refinement\":0", "\"refinement\" is out of range"},
       {"no-object", 1, "", "[1, 2]", "not a JSON object"},
       {"huge-box", 0, "\"extents\":[2,2,2]", "\"extents\":[1099511627776,1099511627776,2]",
        "overflow"},

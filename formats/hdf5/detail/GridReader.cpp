@@ -50,6 +50,13 @@ void readAttributes(hid_t object, Ostrak::Attributes& into) {
 
 namespace {
 
+/// Extents as "[a, b, c]".
+std::string listed(const std::vector<hsize_t>& extents) {
+  std::string text = "[";
+  for (size_t i = 0; i < extents.size(); ++i) text += (i ? ", " : "") + std::to_string(extents[i]);
+  return text + "]";
+}
+
 // ---- one grid ----------------------------------------------------------------------
 
 /// Checks that a data set of `bytes` bytes could be what a file of
@@ -230,8 +237,14 @@ class GridReader {
         require(source->arrays() >= 0, "the file has no group \"arrays\"");
         Dataset dataset =
             openDataset(source->arrays(), layout::arrayName(origin.entry, fragment.dataset));
-        require(datasetExtents(dataset.id()) == layout::fileExtents(fragment.size, stored),
-                [&] { return "its data set does not have the extents " + fragment.size.str(); });
+        const std::vector<hsize_t> found = datasetExtents(dataset.id());
+        const std::vector<hsize_t> expected = layout::fileExtents(fragment.size, stored);
+        require(found == expected, [&] {
+          return "its data set has the extents " + listed(found) + " where the structure's " +
+                 fragment.size.str() + " ask for " + listed(expected) +
+                 " (HDF5 lists extents slowest first, the reverse of the structure's order, with "
+                 "a last one for the components of points and vectors)";
+        });
         const uint64_t bytes = fragment.size.elements() * type.size();
         checkStoredSize(dataset.id(), bytes, source->fileBytes(), "its data set");
         StrongPtr<MemBase, Cacheable> array = makeMemArray(type, fragment.size, false);

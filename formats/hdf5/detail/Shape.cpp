@@ -1,6 +1,7 @@
 #include "formats/hdf5/detail/Shape.hpp"
 
 #include <set>
+#include <type_traits>
 #include <utility>
 
 #include <nlohmann/json.hpp>
@@ -23,10 +24,47 @@ const QuarilTypeBase* elementType(const std::string& name) {
   return QuarilTypeBase::findType(name);
 }
 
+/// How error texts name what a value of type T must be.
+template <class T>
+std::string kindOf() {
+  if constexpr (std::is_same_v<T, std::string>) return "a text";
+  if constexpr (std::is_same_v<T, bool>) return "true or false";
+  if constexpr (std::is_same_v<T, std::array<double, 3>>) return "a list of three numbers";
+  return "a number";
+}
+
+/// The value of `key` in the structure's `object`; fails naming the key,
+/// and what its value must be, where `what` is.
+template <class T>
+T valueOf(const Json& object, const char* key, const std::string& what) {
+  const auto found = object.is_object() ? object.find(key) : object.end();
+  require(found != object.end(),
+          [&] { return what + ": the key " + inQuotes(key) + " is missing"; });
+  if constexpr (std::is_same_v<T, std::string>) {
+    require(found->is_string(), [&] { return what + ": " + inQuotes(key) + " must be a text"; });
+  }
+  try {
+    return found->get<T>();
+  } catch (const Json::exception&) {
+    throw Failure(what + ": " + inQuotes(key) + " must be " + kindOf<T>());
+  }
+}
+
+/// The list under `key` in the structure's `object`.
+const Json& listOf(const Json& object, const char* key, const std::string& what) {
+  const auto found = object.is_object() ? object.find(key) : object.end();
+  require(found != object.end(),
+          [&] { return what + ": the key " + inQuotes(key) + " is missing"; });
+  require(found->is_array(), [&] { return what + ": " + inQuotes(key) + " must be a list"; });
+  return *found;
+}
+
 /// A number of the structure within [low, high].
 template <class T>
 T numberIn(const Json& object, const char* key, T low, T high) {
-  const Json& value = object.at(key);
+  const auto found = object.is_object() ? object.find(key) : object.end();
+  require(found != object.end(), [&] { return "the key " + inQuotes(key) + " is missing"; });
+  const Json& value = *found;
   require(value.is_number_integer(), std::string("\"") + key + "\" is not an integer");
   const T number = value.get<T>();
   require(number >= low && number <= high, std::string("\"") + key + "\" is out of range");
@@ -70,15 +108,15 @@ void readUniform(const Json& uniform, const QuarilTypeBase& type, GridShape::Fra
   require(type.is<Pelorn::PhysicalSpace::point>(),
           fragment.what + ": uniform positions must be points");
   fragment.uniform = true;
-  fragment.origin = uniform.at(layout::Origin).get<std::array<double, 3>>();
-  fragment.spacing = uniform.at(layout::Spacing).get<std::array<double, 3>>();
+  fragment.origin = valueOf<std::array<double, 3>>(uniform, layout::Origin, fragment.what);
+  fragment.spacing = valueOf<std::array<double, 3>>(uniform, layout::Spacing, fragment.what);
   fragment.size = extentsOf(uniform, fragment.what);
   require(fragment.size.rank() == 3, fragment.what + ": uniform extents must be three numbers");
   fragment.counts = {fragment.size[0], fragment.size[1], fragment.size[2]};
 }
 
 void readArray(const Json& described, const QuarilTypeBase& type, GridShape::Fragment& fragment) {
-  fragment.dataset = described.at(layout::Dataset).get<std::string>();
+  fragment.dataset = valueOf<std::string>(described, layout::Dataset, fragment.what);
   require(!fragment.dataset.empty() && fragment.dataset.find('/') == std::string::npos,
           fragment.what + ": bad data set name " + inQuotes(fragment.dataset));
   fragment.size = extentsOf(described, fragment.what);
@@ -88,9 +126,9 @@ void readArray(const Json& described, const QuarilTypeBase& type, GridShape::Fra
 
 GridShape::Field readField(const Json& described) {
   GridShape::Field field;
-  field.name = described.at(layout::FieldName).get<std::string>();
-  const std::string typeName = described.at(layout::ElementType).get<std::string>();
+  field.name = valueOf<std::string>(described, layout::FieldName, "a field");
   const std::string what = "field " + inQuotes(field.name);
+  const std::string typeName = valueOf<std::string>(described, layout::ElementType, what);
   require(!field.name.empty(), "a field has no name");
   field.type = elementType(typeName);
   require(field.type != nullptr, what + ": unknown element type " + inQuotes(typeName));
@@ -98,13 +136,13 @@ GridShape::Field readField(const Json& described) {
   require(field.stored.component >= 0,
           what + ": elements of type " + inQuotes(typeName) + " cannot be read");
   field.partial = described.value(layout::Partial, false);
-  const Json& fragments = described.at(layout::Fragments);
+  const Json& fragments = listOf(described, layout::Fragments, what);
   std::set<std::pair<bool, std::string>> seen;
   for (size_t position = 0; position < fragments.size(); ++position) {
     const Json& fragmentJson = fragments[position];
     GridShape::Fragment& fragment = field.fragments.emplace_back();
     fragment.named = fragmentJson.contains(layout::Fragment);
-    if (fragment.named) fragment.name = fragmentJson.at(layout::Fragment).get<std::string>();
+    if (fragment.named) fragment.name = valueOf<std::string>(fragmentJson, layout::Fragment, what);
     fragment.what = what + (fragment.named ? " fragment " + inQuotes(fragment.name) : "");
     require(seen.emplace(fragment.named, fragment.name).second, fragment.what + " appears twice");
     fragment.place = placeOf(fragmentJson, position, fragments.size(), fragment.what);
@@ -121,16 +159,16 @@ GridShape::Representation readRepresentation(const Json& rep) {
   GridShape::Representation shape;
   shape.onChart = rep.contains(layout::Chart);
   if (shape.onChart) {
-    shape.chart = rep.at(layout::Chart).get<std::string>();
+    shape.chart = valueOf<std::string>(rep, layout::Chart, "a representation");
     shape.chartDimension = numberIn<int>(rep, layout::ChartDimension, 1, 64);
-    shape.cartesian = rep.at(layout::ChartCartesian).get<bool>();
+    shape.cartesian = valueOf<bool>(rep, layout::ChartCartesian, "a representation");
   } else {
     const Json& id = rep.at(layout::RelativeSkeleton);
     require(id.is_array() && id.size() == 2, "\"skeleton\" must be [dimension, index]");
     shape.skeleton = {id[0].get<int>(), id[1].get<int>()};
   }
   std::set<std::string> names;
-  for (const Json& field : rep.at(layout::Fields)) {
+  for (const Json& field : listOf(rep, layout::Fields, "a representation")) {
     shape.fields.push_back(readField(field));
     require(names.insert(shape.fields.back().name).second,
             "field " + inQuotes(shape.fields.back().name) + " appears twice");
@@ -150,7 +188,7 @@ GridShape shapeOf(const Json& structure) {
     shape.hasAttributes = structure.value(layout::HasAttributes, false);
     shape.partial = structure.value(layout::Partial, false);
     std::set<std::pair<int, int>> seen;
-    for (const Json& skeleton : structure.at(layout::Skeletons)) {
+    for (const Json& skeleton : listOf(structure, layout::Skeletons, "the grid")) {
       GridShape::Skeleton& made = shape.skeletons.emplace_back();
       made.dimension = numberIn<int>(skeleton, layout::Dimension, 0, 64);
       made.index = numberIn<int>(skeleton, layout::SkeletonIndex, 0, INT32_MAX);
@@ -162,7 +200,9 @@ GridShape shapeOf(const Json& structure) {
     // Representations after all skeletons: one may be relative to a later one.
     size_t i = 0;
     for (const Json& skeleton : structure.at(layout::Skeletons)) {
-      for (const Json& rep : skeleton.at(layout::Representations)) {
+      for (const Json& rep :
+           listOf(skeleton, layout::Representations,
+                  SkeletonID(shape.skeletons[i].dimension, shape.skeletons[i].index).Name())) {
         shape.skeletons[i].representations.push_back(readRepresentation(rep));
       }
       ++i;
@@ -170,6 +210,8 @@ GridShape shapeOf(const Json& structure) {
     return shape;
   } catch (const Json::exception& error) {
     throw Failure("its structure: " + jsonReason(error.what(), error.id));
+  } catch (const Failure& failure) {
+    throw Failure(std::string("its structure: ") + failure.what());
   }
 }
 
