@@ -7,6 +7,7 @@
 #include <cmath>
 #include <filesystem>
 #include <functional>
+#include <random>
 
 #include "tests/hdf5/FileFixture.hpp"
 
@@ -319,6 +320,49 @@ TEST_F(BadFileTest, everyBadFileFailsWithItsNameAndReason) {
     EXPECT_NE(log->text.find("left out, unreadable: " + problems.front().text()), std::string::npos)
         << bad.name << ": " << log->text;
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "") << "nothing on the terminal";
+  }
+}
+
+TEST_F(BadFileTest, cutOrFlippedFilesNeverLoseDataInSilence) {
+  const std::string good = fileBytes(path("good.h5"));
+  std::vector<std::pair<std::string, std::string>> damaged;  // name, bytes
+  for (size_t cut = 1; cut < 40; ++cut) {
+    damaged.emplace_back("cut-" + std::to_string(cut), good.substr(0, good.size() * cut / 40));
+  }
+  std::mt19937 random(20261125);
+  for (int flip = 0; flip < 150; ++flip) {
+    std::string bytes = good;
+    const size_t at = std::uniform_int_distribution<size_t>(0, bytes.size() - 1)(random);
+    bytes[at] = static_cast<char>(bytes[at] ^ (1 << (flip % 8)));
+    damaged.emplace_back("flip-" + std::to_string(at) + "-" + std::to_string(flip % 8), bytes);
+  }
+  for (const auto& [name, bytes] : damaged) {
+    const std::string file = write(name + ".h5", bytes);
+    ::testing::internal::CaptureStderr();
+    BundlePtr bundle;
+    const H5::Outcome opened = H5::load(bundle, {file});
+    const H5::CheckReport report = H5::checkFile(file);
+    if (!opened) {
+      EXPECT_NE(opened.error.find(file + ": "), std::string::npos) << name << ": " << opened.error;
+      EXPECT_FALSE(report.ok()) << name << ": a file that does not load passes its check";
+    } else {
+      differences(*bundle, *bundle);  // reads every slice and array
+      const std::vector<H5::Problem> problems = H5::problems(*bundle);
+      if (!problems.empty()) {
+        EXPECT_FALSE(report.ok()) << name << ": " << problems[0].text();
+      }
+      // An in-place copy fails and leaves the file, or keeps all it read.
+      const H5::Outcome copied = H5::save(*bundle, file);
+      if (!problems.empty()) {
+        EXPECT_FALSE(copied.ok) << name;
+        EXPECT_EQ(fileBytes(file), bytes) << name;
+      } else if (copied) {
+        EXPECT_EQ(differences(*bundle, *loaded(file)), "") << name;
+      } else {
+        EXPECT_EQ(fileBytes(file), bytes) << name << ": " << copied.error;
+      }
+    }
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "") << name << ": nothing on the terminal";
   }
 }
 
