@@ -61,6 +61,7 @@ sanitize: deps
 	      -DQUARIL_BUILD_BENCHMARKS=OFF
 	cmake --build $(SANITIZE_DIR) -j$(JOBS)
 	cd $(SANITIZE_DIR) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+	      LSAN_OPTIONS=suppressions=$(CURDIR)/scripts/lsan-suppressions.txt:print_suppressions=0 \
 	      ctest --output-on-failure -j$(JOBS)
 
 # The object core's tests under ThreadSanitizer (the handle counts are shared across threads).
