@@ -8,6 +8,8 @@
 //  - Open / Open_Baseline: opening files of 10^4 steps of 10 grids and of
 //    10^5 steps of one grid, against a walk over all of the file's objects;
 //  - Check: a check of that file in turns with a full load of it;
+//  - SaveChecksums / LoadChecksums: the cost of the arrays' checksums, a
+//    save and a full load with them in turns with the same without;
 //  - OpenMemory: heap bytes per time step right after opening;
 //  - SyncAtStep: the sync of one more step into a bound series of 10^4 steps,
 //    in turns with the same into a series of 10 (the ratio of the two).
@@ -135,14 +137,18 @@ BENCHMARK(Save)->Unit(benchmark::kMillisecond)->Iterations(10)->Repetitions(3)->
 
 double loadedSum = 0;
 
-/// Loads the series file and reads every array.
-void loadSeries() {
+/// Loads the file `name` of the series' steps and reads every array.
+void loadFile(const std::string& name) {
   BundlePtr bundle;
-  H5::load(bundle, {scratch("series.h5")});
+  H5::load(bundle, {scratch(name)});
   for (const auto& [time, slice] : bundle->getSlices()) {
     auto data = (*slice)("fluid")->getCartesianRepresentation()->findField("density")->getData();
     loadedSum += static_cast<const float*>(data->rawData())[1];
   }
+}
+
+void loadSeries() {
+  loadFile("series.h5");
 }
 
 /// Reads every array of the baseline's file, keeping all of them until the
@@ -189,6 +195,50 @@ void Check(benchmark::State& state) {
       });
 }
 BENCHMARK(Check)->Unit(benchmark::kMillisecond)->Iterations(20)->Repetitions(3)->UseManualTime();
+
+/// The cost of the arrays' checksums: a save that stores them in turns with
+/// one that does not, and a full load that verifies every array in turns
+/// with one of a file without them (goal: a ratio of at most 1.03).
+void SaveChecksums(benchmark::State& state) {
+  Ostrak::StrongPtr<H5::StorageOptions> without(new H5::StorageOptions);
+  without->setChecksums(false);
+  inTurns(
+      state,
+      [] {
+        std::filesystem::remove(scratch("plain.h5"));
+        std::filesystem::remove(scratch("summed.h5"));
+      },
+      [&] {
+        if (!H5::save(*seriesBundle(), scratch("plain.h5"), without)) state.SkipWithError("save");
+      },
+      [&] {
+        if (!H5::save(*seriesBundle(), scratch("summed.h5"))) state.SkipWithError("save");
+      });
+}
+BENCHMARK(SaveChecksums)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(10)
+    ->Repetitions(3)
+    ->UseManualTime();
+
+void LoadChecksums(benchmark::State& state) {
+  Ostrak::StrongPtr<H5::StorageOptions> without(new H5::StorageOptions);
+  without->setChecksums(false);
+  if (!H5::save(*seriesBundle(), scratch("plain.h5"), without) ||
+      !H5::save(*seriesBundle(), scratch("summed.h5"))) {
+    state.SkipWithError("save failed");
+  }
+  loadFile("plain.h5");
+  loadFile("summed.h5");
+  inTurns(
+      state, [] {}, [] { loadFile("plain.h5"); }, [] { loadFile("summed.h5"); });
+  benchmark::DoNotOptimize(loadedSum);
+}
+BENCHMARK(LoadChecksums)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(20)
+    ->Repetitions(5)
+    ->UseManualTime();
 
 /// A file of `steps` time steps of `grids` one-point clouds each, made once.
 std::string manyStepsFile(int64_t steps, int64_t grids) {

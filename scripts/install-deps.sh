@@ -14,6 +14,7 @@ packages=(
   libgmock-dev
   libbenchmark-dev
   libhdf5-dev
+  libxxhash-dev
   libcli11-dev
   nlohmann-json3-dev
   pybind11-dev

@@ -45,9 +45,15 @@ class StorageOptions : public StorageTransformations {
   bool getSkipDamaged() const noexcept { return skipDamaged_; }
   void setSkipDamaged(bool skip) noexcept { skipDamaged_ = skip; }
 
+  /// Whether a save and every sync store a checksum of each array they write
+  /// (default true), by which reads tell a damaged array from a good one.
+  bool getChecksums() const noexcept { return checksums_; }
+  void setChecksums(bool store) noexcept { checksums_ = store; }
+
  private:
   bool writeXdmf_ = true;
   bool skipDamaged_ = false;
+  bool checksums_ = true;
 };
 
 /// Where a fragment stands in the file (or the part of a series) it is read

@@ -366,5 +366,29 @@ TEST_F(BadFileTest, cutOrFlippedFilesNeverLoseDataInSilence) {
   }
 }
 
+TEST_F(BadFileTest, changedArrayValuesFailTheirChecksumInACheck) {
+  const std::string file = write("changed.h5", fileBytes(path("good.h5")));
+  ASSERT_TRUE(H5::checkFile(file).ok());
+  H5E_BEGIN_TRY {
+    hid_t handle = H5Fopen(file.c_str(), H5F_ACC_RDWR, H5P_DEFAULT);
+    // The right shape and type, other values.
+    replaceValues(handle, CloudPositions, H5T_NATIVE_DOUBLE, {0, 0, 0, 1, 0, 0, 0, 1, 9}, 3);
+    H5Fclose(handle);
+  }
+  H5E_END_TRY;
+  const H5::CheckReport report = H5::checkFile(file);
+  ASSERT_EQ(report.problems.size(), 1u);
+  EXPECT_EQ(report.problems[0].where, "field \"Positions\" of grid \"cloud\" at time 0");
+  EXPECT_NE(report.problems[0].reason.find("its data fail their checksum"), std::string::npos)
+      << report.problems[0].text();
+  // Files without checksums (older ones, or other programs') check clean.
+  BundlePtr bundle;
+  ASSERT_TRUE(H5::load(bundle, {path("good.h5")}).ok);
+  Ostrak::StrongPtr<H5::StorageOptions> without(new H5::StorageOptions);
+  without->setChecksums(false);
+  ASSERT_TRUE(H5::save(*bundle, path("unsummed.h5"), without).ok);
+  EXPECT_TRUE(H5::checkFile(path("unsummed.h5")).ok());
+}
+
 }  // namespace
 }  // namespace Quaril::Testing

@@ -41,7 +41,7 @@ def saved(tmp_path):
 def test_h5py_reads_times_names_and_values_we_wrote(saved):
     with h5py.File(saved, "r") as f:
         assert f.attrs["format"] == "quaril-bundle"
-        assert list(f.attrs["version"]) == [1, 0]
+        assert list(f.attrs["version"]) == [1, 1]
         index = f["index"]
         times = index["times"][...]
         names = [name.decode() for name in texts(index, "grid_names", "grid_name_ends")]
@@ -50,6 +50,8 @@ def test_h5py_reads_times_names_and_values_we_wrote(saved):
         entries = index["entries"][...]
         assert {(times[t], names[g]) for t, g, _ in entries} >= {(1.0, "points"), (4.0, "surface")}
         assert len(entries) == 9
+        begins = index["checksum_begins"][...]
+        assert len(begins) == 10 and begins[-1] == len(index["array_checksums"])
         assert len(structures) < 9, "equal structures are stored once"
         for row, (t, g, s) in enumerate(entries):
             def array(description):

@@ -6,6 +6,7 @@
 
 #include "field/CreativeArrayBase.hpp"
 #include "formats/hdf5/Options.hpp"
+#include "formats/hdf5/detail/Checksum.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
 #include "formats/hdf5/detail/Problems.hpp"
 #include "formats/hdf5/detail/Shape.hpp"
@@ -50,6 +51,18 @@ void readAttributes(hid_t object, Ostrak::Attributes& into) {
 
 namespace {
 
+/// Checks the `count` values at `data`, read as `memoryType` from
+/// `dataset`, against their stored checksum `expected`.
+void verify(uint64_t expected, const void* data, uint64_t count, hid_t memoryType, hid_t dataset) {
+  if (storedChecksum(data, count, memoryType, memoryType) == expected) return;
+  // Stored in another type (doubles as floats, say): the checksum is of that.
+  Datatype type = datasetType(dataset);
+  Datatype native(H5Tget_native_type(type.id(), H5T_DIR_ASCEND), "cannot read a data set's type");
+  require(H5Tequal(native.id(), memoryType) <= 0 &&
+              storedChecksum(data, count, memoryType, native.id()) == expected,
+          "its data fail their checksum: the file is damaged there");
+}
+
 /// Extents as "[a, b, c]".
 std::string listed(const std::vector<hsize_t>& extents) {
   std::string text = "[";
@@ -84,7 +97,8 @@ class GridReader {
         time_(entry.time),
         vetoes_(Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(entry.progress)),
         choice_(Ostrak::dynamic_pointer_cast<FragmentChoice>(entry.progress)),
-        problems_(entry.problems) {}
+        problems_(entry.problems),
+        verify_(entry.verify) {}
 
   void read() {
     shape_ = source_.shape(source_.index().entries[entry_].structureRow);
@@ -210,9 +224,10 @@ class GridReader {
   StrongPtr<CreativeArrayBase> arrayCreator(const GridShape::Fragment& fragment,
                                             const QuarilTypeBase& type,
                                             const layout::StoredType& stored) {
-    return StrongPtr<CreativeArrayBase>(new DeferredCreator(
-        type, fragment.size,
-        arrayProducer({part_, shape_, entry_, id_, time_, problems_}, fragment, type, stored)));
+    return StrongPtr<CreativeArrayBase>(
+        new DeferredCreator(type, fragment.size,
+                            arrayProducer({part_, shape_, entry_, id_, time_, problems_, verify_},
+                                          fragment, type, stored)));
   }
 
   /// What an array's producer keeps of its grid.
@@ -223,6 +238,7 @@ class GridReader {
     StrongPtr<GridID> id;
     double time;
     std::shared_ptr<ProblemList> problems;  ///< told of a failed read; may be null
+    bool verify;
   };
 
   /// Reads the fragment's array; a failure is listed with the grid's problems.
@@ -253,6 +269,13 @@ class GridReader {
           readWhole(dataset.id(), stored.component, array->rawData(), bytes, source->raw(),
                     "its data set");
         }
+        const std::optional<uint64_t> sum =
+            origin.verify ? source->checksum(origin.entry, fragment.dataset) : std::nullopt;
+        if (sum) {
+          verify(*sum, array->rawData(),
+                 fragment.size.elements() * static_cast<uint64_t>(stored.components),
+                 stored.component, dataset.id());
+        }
         return array;
       } catch (const Failure& failure) {
         const std::string name = origin.id ? origin.id->getName() : "";
@@ -282,6 +305,7 @@ class GridReader {
   std::vector<StrongPtr<Field>> fields_;
   std::vector<StrongPtr<CreativeArrayBase>> creators_;
   std::shared_ptr<ProblemList> problems_;
+  bool verify_;
 };
 
 }  // namespace

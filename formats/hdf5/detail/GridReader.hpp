@@ -36,6 +36,8 @@ struct GridEntry {
   Ostrak::StrongPtr<Ostrak::LoaderProgress> progress;
   /// Lists the arrays that later fail to be read; may be null.
   std::shared_ptr<ProblemList> problems;
+  /// Whether each array read is checked against its stored checksum.
+  bool verify = false;
 };
 
 /// Builds the grid of `entry` into `grid`; a partial entry adds to what

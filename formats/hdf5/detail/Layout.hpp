@@ -21,7 +21,7 @@ inline constexpr const char* FormatAttribute = "format";
 inline constexpr const char* FormatName = "quaril-bundle";
 inline constexpr const char* VersionAttribute = "version";  // int32[2]: major, minor
 inline constexpr int32_t VersionMajor = 1;
-inline constexpr int32_t VersionMinor = 0;
+inline constexpr int32_t VersionMinor = 1;  // 1.1: array checksums
 
 // The index, read whole on opening.
 inline constexpr const char* IndexGroup = "index";
@@ -34,6 +34,10 @@ inline constexpr const char* EntryBytes = "entry_bytes";  // uint64[E], data byt
 inline constexpr const char* Structures = "structures";   // uint8[C], the JSON texts
 inline constexpr const char* StructureEnds = "structure_ends";  // uint64[D], end of each text
 inline constexpr size_t EntryColumns = 3;
+// Since 1.1, optional: a checksum of every array (Checksum.hpp), entry by
+// entry, each entry's in the order of its data set numbers 0, 1, ...
+inline constexpr const char* ArrayChecksums = "array_checksums";  // uint64[A]
+inline constexpr const char* ChecksumBegins = "checksum_begins";  // uint64[E + 1]: entry e's first
 
 // Contents.
 inline constexpr const char* ArraysGroup = "arrays";           // /arrays/<entry row>.<number>

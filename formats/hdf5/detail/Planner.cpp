@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "formats/hdf5/Options.hpp"
+#include "formats/hdf5/detail/Checksum.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
 #include "formats/hdf5/detail/Problems.hpp"
 #include "formats/hdf5/detail/Values.hpp"
@@ -121,6 +122,12 @@ Storage storageFor(StorageTransformations& policy, const Place& place, const Fie
   if (extents.size() > static_cast<size_t>(size.rank())) storage.chunk.back() = extents.back();
   limitChunk(policy, storage.chunk, data->getTypeDescriptor().size());
   return storage;
+}
+
+/// Whether a write with `policy` (may be null) stores array checksums.
+bool storesChecksums(const StorageTransformations* policy) {
+  const auto* options = dynamic_cast<const StorageOptions*>(policy);
+  return !options || options->getChecksums();
 }
 
 /// Walks a bundle as a write takes it, handing each piece to a sink.
@@ -453,6 +460,11 @@ class Planner {
                   "\" already");
       array.external.file = externalFile;
       array.external.inside = inside;
+    }
+    if (storesChecksums(policy_.get())) {
+      array.checksum = storedChecksum(data->rawData(),
+                                      data->nElements() * static_cast<uint64_t>(stored.components),
+                                      array.memoryType, array.fileType);
     }
     if (stored.components == 1 && policy_->ComputeRangeAttributeOnWriting(fieldName, creator)) {
       array.range = valueRange(*data);

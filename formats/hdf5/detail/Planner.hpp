@@ -60,6 +60,9 @@ struct Plan {
     Ostrak::StrongPtr<MemBase, Cacheable> data;
     std::optional<std::pair<double, double>> range;
     Storage storage;
+    /// The checksum of its values as stored; none when the policy asks for
+    /// none.
+    std::optional<uint64_t> checksum;
     /// Where the data go when not into the file itself: the file (relative
     /// to the target's folder, or absolute), the name the file's link gives
     /// it, and the data set's path in it. Empty `file`: the file itself.

@@ -1,5 +1,6 @@
 #include "formats/hdf5/detail/Source.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <set>
 
@@ -208,6 +209,29 @@ std::shared_ptr<const GridShape> Source::shape(uint64_t row) {
   if (shapes_.size() >= 256) shapes_.clear();
   shapes_.emplace(row, made);
   return made;
+}
+
+std::optional<uint64_t> Source::checksum(uint64_t entry, const std::string& dataset) {
+  if (!checksumsRead_) {
+    Group index = openGroup(file(), layout::IndexGroup);
+    if (linkExists(index.id(), layout::ArrayChecksums)) {
+      std::vector<uint64_t> sums = readVector<uint64_t>(index.id(), layout::ArrayChecksums);
+      std::vector<uint64_t> begins = readVector<uint64_t>(index.id(), layout::ChecksumBegins);
+      require(begins.size() == index_.entries.size() + 1 && begins.front() == 0 &&
+                  std::is_sorted(begins.begin(), begins.end()) && begins.back() == sums.size(),
+              "index: the array checksums do not fit its entries");
+      checksums_ = std::move(sums);
+      checksumBegins_ = std::move(begins);
+    }
+    checksumsRead_ = true;
+  }
+  if (checksumBegins_.empty() || entry + 1 >= checksumBegins_.size() || dataset.empty() ||
+      dataset.size() > 18 || dataset.find_first_not_of("0123456789") != std::string::npos) {
+    return std::nullopt;
+  }
+  const uint64_t at = checksumBegins_[entry] + std::stoull(dataset);
+  if (at >= checksumBegins_[entry + 1]) return std::nullopt;
+  return checksums_[at];
 }
 
 Source::~Source() {

@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include <nlohmann/json_fwd.hpp>
 
@@ -43,6 +45,11 @@ class Source {
   std::shared_ptr<const nlohmann::json> structure(uint64_t row);
   /// The structure of row `row`, read and checked, kept as the text is.
   std::shared_ptr<const GridShape> shape(uint64_t row);
+  /// The checksum the index keeps for the data set `dataset` of entry
+  /// `entry`; none in a file without checksums (older, or written by other
+  /// programs) or for a data set it does not number. The checksums are read
+  /// on first use. Throws Failure when they do not fit the index.
+  std::optional<uint64_t> checksum(uint64_t entry, const std::string& dataset);
 
  private:
   Source(std::string path, File file) : path_(std::move(path)), file_(std::move(file)) {}
@@ -56,6 +63,9 @@ class Source {
   Group arrays_;
   std::unordered_map<uint64_t, std::shared_ptr<const nlohmann::json>> parsed_;
   std::unordered_map<uint64_t, std::shared_ptr<const GridShape>> shapes_;
+  bool checksumsRead_ = false;
+  std::vector<uint64_t> checksums_;
+  std::vector<uint64_t> checksumBegins_;  // by entry, and one past the last
 };
 
 /// A file of the format opened on first use, which a pool may close again

@@ -36,6 +36,11 @@ class FileWriter : public PlanSink {
       linkExternal(arrays_.id(), linkName, array.external.reference, array.external.inside);
     }
     writeArrayDataset(parent, datasetName, array, array.data->rawData(), array.storage);
+    if (array.checksum) {
+      checksums_[array.entry].emplace(std::stoull(array.dataset), *array.checksum);
+    } else {
+      allChecksummed_ = false;
+    }
   }
 
   void saved(std::function<void()> call) override { call(); }
@@ -54,10 +59,30 @@ class FileWriter : public PlanSink {
 
   void finish(const Index& index, const std::vector<const std::string*>& structures) override {
     writeIndexGroup(file_, index, structures);
+    if (allChecksummed_) writeChecksums(index.entries.size());
     for (auto& [name, external] : externalFiles_) external.close("cannot close " + name);
   }
 
  private:
+  /// Writes the checksums of the arrays into the index, entry by entry.
+  void writeChecksums(size_t entries) {
+    std::vector<uint64_t> sums, begins;
+    for (size_t entry = 0; entry < entries; ++entry) {
+      begins.push_back(sums.size());
+      const auto found = checksums_.find(entry);
+      if (found == checksums_.end()) continue;
+      for (const auto& [number, sum] : found->second) {
+        // Data sets are numbered 0, 1, ... in the order written.
+        if (number != sums.size() - begins.back()) return;
+        sums.push_back(sum);
+      }
+    }
+    begins.push_back(sums.size());
+    Group index = openGroup(file_, layout::IndexGroup);
+    writeVector<uint64_t>(index.id(), layout::ArrayChecksums, sums);
+    writeVector<uint64_t>(index.id(), layout::ChecksumBegins, begins);
+  }
+
   /// The group in the external file `file` that is to hold `inside`, whose
   /// last part becomes `datasetName`; an old dataset there is replaced.
   Group externalParent(const std::string& file, const std::string& inside,
@@ -89,6 +114,9 @@ class FileWriter : public PlanSink {
   Group grids_;
   Group slices_;
   std::map<std::string, File> externalFiles_;
+  /// The checksums of the arrays written, by entry and data set number.
+  std::map<uint64_t, std::map<uint64_t, uint64_t>> checksums_;
+  bool allChecksummed_ = true;
 };
 
 }  // namespace
