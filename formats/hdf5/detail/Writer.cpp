@@ -59,30 +59,11 @@ class FileWriter : public PlanSink {
 
   void finish(const Index& index, const std::vector<const std::string*>& structures) override {
     writeIndexGroup(file_, index, structures);
-    if (allChecksummed_) writeChecksums(index.entries.size());
+    if (allChecksummed_) writeChecksums(file_, checksums_, index.entries.size());
     for (auto& [name, external] : externalFiles_) external.close("cannot close " + name);
   }
 
  private:
-  /// Writes the checksums of the arrays into the index, entry by entry.
-  void writeChecksums(size_t entries) {
-    std::vector<uint64_t> sums, begins;
-    for (size_t entry = 0; entry < entries; ++entry) {
-      begins.push_back(sums.size());
-      const auto found = checksums_.find(entry);
-      if (found == checksums_.end()) continue;
-      for (const auto& [number, sum] : found->second) {
-        // Data sets are numbered 0, 1, ... in the order written.
-        if (number != sums.size() - begins.back()) return;
-        sums.push_back(sum);
-      }
-    }
-    begins.push_back(sums.size());
-    Group index = openGroup(file_, layout::IndexGroup);
-    writeVector<uint64_t>(index.id(), layout::ArrayChecksums, sums);
-    writeVector<uint64_t>(index.id(), layout::ChecksumBegins, begins);
-  }
-
   /// The group in the external file `file` that is to hold `inside`, whose
   /// last part becomes `datasetName`; an old dataset there is replaced.
   Group externalParent(const std::string& file, const std::string& inside,
@@ -114,8 +95,7 @@ class FileWriter : public PlanSink {
   Group grids_;
   Group slices_;
   std::map<std::string, File> externalFiles_;
-  /// The checksums of the arrays written, by entry and data set number.
-  std::map<uint64_t, std::map<uint64_t, uint64_t>> checksums_;
+  ChecksumsByEntry checksums_;  ///< of the arrays written
   bool allChecksummed_ = true;
 };
 
@@ -177,6 +157,30 @@ void writeIndexGroup(hid_t file, const Index& index,
   }
   writeVector<uint8_t>(group.id(), layout::Structures, texts, 0, withData);
   writeVector<uint64_t>(group.id(), layout::StructureEnds, textEnds, 0, withData);
+}
+
+void writeChecksums(hid_t file, const ChecksumsByEntry& checksums, size_t entries, bool withData) {
+  std::vector<uint64_t> sums, begins;
+  for (size_t entry = 0; entry < entries; ++entry) {
+    begins.push_back(sums.size());
+    const auto found = checksums.find(entry);
+    if (found == checksums.end()) continue;
+    for (const auto& [number, sum] : found->second) {
+      if (number != sums.size() - begins.back()) return;
+      sums.push_back(sum);
+    }
+  }
+  begins.push_back(sums.size());
+  if (sums.size() != [&] {
+        size_t all = 0;
+        for (const auto& [entry, numbered] : checksums) all += numbered.size();
+        return all;
+      }()) {
+    return;  // some entry lies past `entries`
+  }
+  Group index = openGroup(file, layout::IndexGroup);
+  writeVector<uint64_t>(index.id(), layout::ArrayChecksums, sums, 0, withData);
+  writeVector<uint64_t>(index.id(), layout::ChecksumBegins, begins, 0, withData);
 }
 
 void writeAttributeGroup(hid_t file, Group& parent, const char* parentName, uint64_t row,

@@ -3,6 +3,8 @@
 // sets and attributes of what the planner (Planner.hpp) decided, and the
 // save of a bundle into a new file beside its target, renamed over it.
 
+#include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -31,6 +33,14 @@ void writeAttributeGroup(hid_t file, Group& parent, const char* parentName, uint
 /// with its range attributes, and writes `data` into it (null: nothing).
 Dataset writeArrayDataset(hid_t parent, const std::string& name, const Plan::Array& array,
                           const void* data, const Storage& storage);
+/// The checksums of arrays, by entry row and data set number.
+using ChecksumsByEntry = std::map<uint64_t, std::map<uint64_t, uint64_t>>;
+/// Adds the checksums of a file of `entries` entries to its index group,
+/// when each entry's data sets are numbered 0, 1, ... with none left out;
+/// without `withData` the data sets are created but not written.
+void writeChecksums(hid_t file, const ChecksumsByEntry& checksums, size_t entries,
+                    bool withData = true);
+
 /// Writes the index group of `index` with the structure texts `structures`;
 /// without `withData` the data sets are created but not written.
 void writeIndexGroup(hid_t file, const Index& index,

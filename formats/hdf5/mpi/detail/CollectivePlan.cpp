@@ -229,7 +229,8 @@ std::string encode(const RankPlan& mine) {
     Json range =
         array.range ? Json{bitsOf(array.range->first), bitsOf(array.range->second)} : Json(nullptr);
     arrays.push_back({array.entry, array.dataset, typeCode(array.fileType),
-                      typeCode(array.memoryType), array.extents, std::move(range)});
+                      typeCode(array.memoryType), array.extents, std::move(range),
+                      array.checksum ? Json(*array.checksum) : Json(nullptr)});
   }
   auto numbered = [](const std::map<uint64_t, Plan::Attributes>& attributes) {
     Json list = Json::array();
@@ -275,6 +276,7 @@ RankPlan decode(const std::string& text) {
     planned.memoryType = typeOfCode(array.at(3));
     planned.extents = array.at(4).get<std::vector<hsize_t>>();
     planned.range = range;
+    if (array.size() > 6 && !array.at(6).is_null()) planned.checksum = array.at(6).get<uint64_t>();
   }
   for (const Json& grid : encoded.at("grids")) {
     decoded.plan.gridAttributes.emplace(grid.at(0).get<uint64_t>(), decodeAttributes(grid.at(1)));
@@ -291,6 +293,7 @@ RankPlan decode(const std::string& text) {
 }
 
 Merged merge(const std::vector<RankPlan>& plans) {
+  bool allChecksummed = true;
   std::set<double> times;
   std::map<std::string, uint64_t> names;
   for (const RankPlan& plan : plans) {
@@ -399,8 +402,14 @@ Merged merge(const std::vector<RankPlan>& plans) {
       const uint64_t number = std::stoull(array.dataset) + firstDataset[rank][array.entry];
       merged.arrays.push_back(
           {entryRowOf(array.entry), std::to_string(number), static_cast<int>(rank), k});
+      if (array.checksum) {
+        merged.checksums[entryRowOf(array.entry)][number] = *array.checksum;
+      } else {
+        allChecksummed = false;
+      }
     }
   }
+  if (!allChecksummed) merged.checksums.clear();
   return merged;
 }
 

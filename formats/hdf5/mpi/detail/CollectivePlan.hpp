@@ -12,6 +12,7 @@
 #include "formats/hdf5/detail/Index.hpp"
 #include "formats/hdf5/detail/Planner.hpp"
 #include "formats/hdf5/detail/Series.hpp"
+#include "formats/hdf5/detail/Writer.hpp"
 
 namespace Quaril::H5::detail {
 
@@ -39,6 +40,8 @@ struct Merged {
   std::map<uint64_t, Plan::Attributes> gridAttributes;
   std::map<uint64_t, Plan::Attributes> sliceAttributes;
   std::optional<Plan::Attributes> bundleAttributes;
+  /// The arrays' checksums; empty when some rank planned an array without.
+  ChecksumsByEntry checksums;
 };
 
 /// `mine` as it travels to the other ranks: without data.

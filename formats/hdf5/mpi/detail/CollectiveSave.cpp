@@ -71,6 +71,9 @@ std::optional<std::string> createTogether(MPI_Comm comm, const std::string& path
     std::vector<const std::string*> structures;
     for (const std::string& text : merged.structures) structures.push_back(&text);
     writeIndexGroup(file->id(), merged.index, structures, rank == 0);
+    if (!merged.checksums.empty() || merged.arrays.empty()) {
+      writeChecksums(file->id(), merged.checksums, merged.index.entries.size(), rank == 0);
+    }
   });
   // Every rank flushes and closes, whatever failed: both are collective. In
   // between, rank 0 makes the file as long as the space allocated, so that
