@@ -168,7 +168,7 @@ Outcome save(const Bundle& bundle, const std::string& filename,
   return detail::attempt([&] {
     detail::require(!filename.empty(), "no file name");
     detail::WriteRequest request{transformations, progress, gridNames};
-    if (!detail::writesXdmf(transformations.get())) {
+    if (!StorageOptions::of(transformations.get()).getWriteXdmf()) {
       return detail::writeBundle(bundle, filename, request);
     }
     detail::Index written;

@@ -4,6 +4,12 @@ namespace Quaril::H5 {
 
 using Ostrak::StrongPtr;
 
+const StorageOptions& StorageOptions::of(const StorageTransformations* policy) {
+  static const StorageOptions defaults;
+  const auto* options = dynamic_cast<const StorageOptions*>(policy);
+  return options ? *options : defaults;
+}
+
 bool FragmentChoice::CreateFragment(const StrongPtr<GridID>&, double, const std::string&,
                                     const std::string&, const FragmentPlace&) {
   return true;

@@ -31,6 +31,10 @@ inline constexpr uint32_t FilterShuffle = 2;
 /// bindToNew). A plain StorageTransformations has the defaults.
 class StorageOptions : public StorageTransformations {
  public:
+  /// The options of `policy`: itself when it is StorageOptions (or derived
+  /// from it), the defaults otherwise, also for null.
+  static const StorageOptions& of(const StorageTransformations* policy);
+
   /// Whether a save, a binding and every sync also write NAME.xmf, the XDMF
   /// descriptor through which visualisation programs read the file or
   /// series (default true). Switched off, an existing NAME.xmf is left alone.

@@ -124,12 +124,6 @@ Storage storageFor(StorageTransformations& policy, const Place& place, const Fie
   return storage;
 }
 
-/// Whether a write with `policy` (may be null) stores array checksums.
-bool storesChecksums(const StorageTransformations* policy) {
-  const auto* options = dynamic_cast<const StorageOptions*>(policy);
-  return !options || options->getChecksums();
-}
-
 /// Walks a bundle as a write takes it, handing each piece to a sink.
 class Planner {
  public:
@@ -388,7 +382,7 @@ class Planner {
     const std::string what = "field \"" + fieldName + "\"" +
                              (fragment ? " fragment \"" + fragment->Name() + "\"" : "") +
                              " of grid \"" + place.gridName + "\"";
-    if (!data.valid() && skipsDamaged(policy_.get())) {
+    if (!data.valid() && StorageOptions::of(policy_.get()).getSkipDamaged()) {
       if (request_.progress)
         request_.progress->message("left out, unreadable: " + creator->lastError());
       return {};
@@ -461,7 +455,7 @@ class Planner {
       array.external.file = externalFile;
       array.external.inside = inside;
     }
-    if (storesChecksums(policy_.get())) {
+    if (StorageOptions::of(policy_.get()).getChecksums()) {
       array.checksum = storedChecksum(data->rawData(),
                                       data->nElements() * static_cast<uint64_t>(stored.components),
                                       array.memoryType, array.fileType);

@@ -55,11 +55,6 @@ std::vector<Problem> problemsOf(const Bundle& bundle) {
   return held ? held->list->all() : std::vector<Problem>();
 }
 
-bool skipsDamaged(const StorageTransformations* policy) {
-  const auto* options = dynamic_cast<const StorageOptions*>(policy);
-  return options && options->getSkipDamaged();
-}
-
 void refuseLosses(const Bundle& bundle, const StorageTransformations* policy,
                   const Ostrak::StrongPtr<Ostrak::StringList>& grids, const std::string& series,
                   const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress) {
@@ -70,7 +65,7 @@ void refuseLosses(const Bundle& bundle, const StorageTransformations* policy,
     lost.push_back(std::move(problem));
   }
   if (lost.empty()) return;
-  if (skipsDamaged(policy)) {
+  if (StorageOptions::of(policy).getSkipDamaged()) {
     if (progress) {
       for (const Problem& problem : lost)
         progress->message("left out, unreadable: " + problem.text());

@@ -40,7 +40,4 @@ void refuseLosses(const Bundle& bundle, const StorageTransformations* policy,
                   const Ostrak::StrongPtr<Ostrak::StringList>& grids, const std::string& series,
                   const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress);
 
-/// Whether a write with `policy` (may be null) leaves damaged parts out.
-bool skipsDamaged(const StorageTransformations* policy);
-
 }  // namespace Quaril::H5::detail

@@ -386,7 +386,7 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
   }
   removeStrayParts(path, read, readsReplacedParts);
   std::unique_ptr<SeriesDescriptor> descriptor;
-  if (writesXdmf(transformations.get())) {
+  if (StorageOptions::of(transformations.get()).getWriteXdmf()) {
     descriptor = descriptorFor(path, read.token);
     std::vector<const Index*> described;
     for (const Journal::Record& record : read.records) described.push_back(&record.index);

@@ -12,7 +12,6 @@
 #include <optional>
 #include <sstream>
 
-#include "formats/hdf5/Options.hpp"
 #include "formats/hdf5/detail/Files.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
 
@@ -388,11 +387,6 @@ class Content {
 };
 
 }  // namespace
-
-bool writesXdmf(const StorageTransformations* policy) {
-  const auto* options = dynamic_cast<const StorageOptions*>(policy);
-  return !options || options->getWriteXdmf();
-}
 
 std::string descriptorOf(const std::string& path) {
   return path + ".xmf";

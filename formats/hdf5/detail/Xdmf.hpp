@@ -12,14 +12,10 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-#include "bundle/StorageTransformations.hpp"
 #include "formats/hdf5/detail/Index.hpp"
 #include "formats/hdf5/detail/Source.hpp"
 
 namespace Quaril::H5::detail {
-
-/// Whether a save or binding with `policy` (may be null) writes descriptors.
-bool writesXdmf(const StorageTransformations* policy);
 
 /// The descriptor of the bundle file or series `path`.
 std::string descriptorOf(const std::string& path);

@@ -227,7 +227,7 @@ void writeTogether(MPI_Comm ranks, int rank, const std::string& path, const Toge
 RankZeroTarget targetOfRankZero(MPI_Comm ranks, const std::string& filename,
                                 const StorageTransformations* policy) {
   return {broadcastText(ranks, filename, 0),
-          broadcastText(ranks, writesXdmf(policy) ? "1" : "", 0) == "1"};
+          broadcastText(ranks, StorageOptions::of(policy).getWriteXdmf() ? "1" : "", 0) == "1"};
 }
 
 void saveTogether(MPI_Comm comm, const Bundle& bundle, const std::string& filename,
