@@ -80,6 +80,19 @@ void writeAt(int fd, const void* data, size_t size, uint64_t offset, const std::
   }
 }
 
+size_t readAt(int fd, void* data, size_t size, uint64_t offset, std::string_view what) {
+  auto* bytes = static_cast<unsigned char*>(data);
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t got = pread(fd, bytes + done, size - done, static_cast<off_t>(offset + done));
+    if (got < 0 && errno == EINTR) continue;
+    requireSystem(got >= 0, "cannot read " + std::string(what));
+    if (got == 0) break;
+    done += static_cast<size_t>(got);
+  }
+  return done;
+}
+
 std::string readAll(int fd, const std::string& what) {
   std::string bytes;
   char buffer[1 << 16];

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "formats/hdf5/detail/Failure.hpp"
 
@@ -33,6 +34,10 @@ void renameOver(const std::string& temporary, const std::string& path);
 /// Writes the `size` bytes at `data` at `offset` of the file `fd`, all of
 /// them; a failure names `what`.
 void writeAt(int fd, const void* data, size_t size, uint64_t offset, const std::string& what);
+/// Reads `size` bytes at `offset` of the file `fd` into `data`, all of them
+/// unless the file ends first; returns how many it read. A failure says it
+/// "cannot read `what`".
+size_t readAt(int fd, void* data, size_t size, uint64_t offset, std::string_view what);
 /// Everything from the current position of `fd` to its end; a failure says
 /// it "cannot read `what`".
 std::string readAll(int fd, const std::string& what);

@@ -13,6 +13,8 @@
 #include <limits>
 #include <type_traits>
 
+#include "formats/hdf5/detail/Files.hpp"
+
 namespace Quaril::H5::detail {
 
 namespace {
@@ -304,16 +306,7 @@ namespace {
 /// `count` bytes of `raw` from `offset` on (fewer at its end).
 std::vector<uint8_t> rawBytes(const RawFile& raw, uint64_t offset, uint64_t count) {
   std::vector<uint8_t> bytes(count);
-  size_t done = 0;
-  while (done < count) {
-    const ssize_t got =
-        pread(raw.descriptor, bytes.data() + done, count - done, static_cast<off_t>(offset + done));
-    if (got < 0 && errno == EINTR) continue;
-    require(got >= 0, "cannot read the file");
-    if (got == 0) break;
-    done += static_cast<size_t>(got);
-  }
-  bytes.resize(done);
+  bytes.resize(readAt(raw.descriptor, bytes.data(), count, offset, "the file"));
   return bytes;
 }
 
@@ -395,17 +388,8 @@ void readWhole(hid_t dataset, hid_t memoryType, void* data, uint64_t bytes, cons
   }
   require(*offset <= raw.bytes && bytes <= raw.bytes - *offset,
           [&] { return "cannot read " + std::string(what) + ": the file ends within it"; });
-  auto* into = static_cast<char*>(data);
-  for (uint64_t done = 0; done < bytes;) {
-    const ssize_t got =
-        pread(raw.descriptor, into + done, bytes - done, static_cast<off_t>(*offset + done));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) {
-      const std::string reason = got == 0 ? "the file ends within it" : std::strerror(errno);
-      throw Failure("cannot read " + std::string(what) + ": " + reason);
-    }
-    done += static_cast<uint64_t>(got);
-  }
+  require(readAt(raw.descriptor, data, bytes, *offset, what) == bytes,
+          [&] { return "cannot read " + std::string(what) + ": the file ends within it"; });
 }
 
 std::vector<uint8_t> readBytes(hid_t dataset, uint64_t begin, uint64_t count,
