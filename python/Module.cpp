@@ -623,7 +623,8 @@ PYBIND11_MODULE(quaril, module) {
   module.def(
       "check",
       [](const std::filesystem::path& path) {
-        if (!std::filesystem::exists(path)) raiseOSError(path.string() + ": no such file");
+        const H5::Outcome readable = Tools::requireReadable({path.string()});
+        if (!readable) raiseOSError(readable.error);
         py::gil_scoped_release unlocked;
         return H5::checkFile(path.string());
       },

@@ -38,9 +38,7 @@ std::optional<double> parseTime(const std::string& text) {
 
 }  // namespace
 
-H5::Outcome openFiles(BundlePtr& bundle, const std::vector<std::string>& files,
-                      const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress) {
-  H5::registerFormat();
+H5::Outcome requireReadable(const std::vector<std::string>& files) {
   if (files.empty()) return {false, "no file given"};
   for (const std::string& file : files) {
     std::error_code error;
@@ -50,6 +48,13 @@ H5::Outcome openFiles(BundlePtr& bundle, const std::vector<std::string>& files,
       return {false, file + ": cannot be read (" + std::strerror(errno) + ")"};
     }
   }
+  return {true, ""};
+}
+
+H5::Outcome openFiles(BundlePtr& bundle, const std::vector<std::string>& files,
+                      const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress) {
+  H5::registerFormat();
+  if (H5::Outcome readable = requireReadable(files); !readable) return readable;
   return H5::load(bundle, std::list<std::string>(files.begin(), files.end()), progress);
 }
 

@@ -13,6 +13,11 @@
 
 namespace Quaril::Tools {
 
+/// Fails with one line naming the first of `files` that is not there or
+/// cannot be read: "no such file", "a folder, not a file", "cannot be read"
+/// (with the system's reason); also when there is none.
+H5::Outcome requireReadable(const std::vector<std::string>& files);
+
 /// Loads `files`, merged into one bundle, with the HDF5 format registered.
 /// Fails with one line naming the file: "no such file", "cannot be read"
 /// (with the system's reason), or what the loader says.

@@ -106,9 +106,8 @@ int xml(const std::string& file) {
 
 int check(const std::vector<std::string>& files, bool json) {
   H5::registerFormat();
-  for (const std::string& file : files) {
-    std::error_code error;
-    if (!std::filesystem::exists(file, error)) return fail(file + ": no such file");
+  if (const H5::Outcome readable = Tools::requireReadable(files); !readable) {
+    return fail(readable.error);
   }
   std::vector<H5::CheckReport> reports;
   bool ok = true;
