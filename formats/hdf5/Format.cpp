@@ -68,10 +68,7 @@ class FileLoader : public Ostrak::Loader<Bundle> {
     for (const Opened& file : opened) {
       Outcome attached = detail::attempt([&] {
         detail::attachParts(*target.target, file.parts, progress,
-                            detail::recordLoaded(*target.target, file.path));
-        for (const Problem& problem : file.problems) {
-          detail::problemListOf(*target.target)->add(problem);
-        }
+                            detail::recordLoaded(*target.target, file.path), file.problems);
       });
       if (!attached) {
         request->setErrorText(file.path + ": " + attached.error);

@@ -139,8 +139,12 @@ class SliceLoader : public Slice::Loader {
 
 void attachParts(Bundle& bundle, const std::vector<Part>& parts,
                  const StrongPtr<Ostrak::LoaderProgress>& progress,
-                 const std::shared_ptr<Stored>& stored) {
+                 const std::shared_ptr<Stored>& stored, const std::vector<Problem>& damage) {
   Session session;
+  if (!damage.empty()) {
+    const std::shared_ptr<ProblemList> problems = problemListOf(bundle);
+    for (const Problem& problem : damage) problems->add(problem);
+  }
   for (auto part = parts.rbegin(); part != parts.rend(); ++part) {
     if (!part->index.bundleAttributes) continue;
     const std::shared_ptr<Source> source = part->source->get();

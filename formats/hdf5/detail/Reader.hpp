@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "bundle/Bundle.hpp"
+#include "formats/hdf5/Options.hpp"
 #include "formats/hdf5/detail/Index.hpp"
 #include "formats/hdf5/detail/Source.hpp"
 
@@ -27,10 +28,11 @@ struct Part {
 /// reads its grids on first access. `progress` (may be null) hears of the
 /// progress; when it is a BundleLoaderProgress, it is asked before each
 /// slice, grid and field is created. What the loaders read is listed in
-/// `stored` (may be null).
+/// `stored` (may be null). `damage` found while the parts were opened (a
+/// series' journal, see partsOf) joins the bundle's problems.
 void attachParts(Bundle& bundle, const std::vector<Part>& parts,
                  const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress,
-                 const std::shared_ptr<Stored>& stored);
+                 const std::shared_ptr<Stored>& stored, const std::vector<Problem>& damage = {});
 
 /// As attachParts with the one file `source`.
 void attachSource(Bundle& bundle, const std::shared_ptr<Source>& source,

@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <set>
 
-#include "formats/hdf5/detail/Problems.hpp"
 #include "formats/hdf5/detail/Stored.hpp"
 #include "formats/hdf5/detail/Writer.hpp"
 #include "formats/hdf5/detail/Xdmf.hpp"
@@ -380,9 +379,9 @@ void bindSeries(Bundle& bundle, const std::string& path, bool existing,
   const Journal& read = tail->journal();
   if (!stored) {
     stored = std::make_shared<Stored>();
-    std::vector<Problem> problems;
-    attachParts(bundle, partsOf(path, read, problems), progress, stored);
-    for (Problem& problem : problems) problemListOf(bundle)->add(std::move(problem));
+    std::vector<Problem> damage;
+    const std::vector<Part> parts = partsOf(path, read, damage);
+    attachParts(bundle, parts, progress, stored, damage);
   }
   removeStrayParts(path, read, readsReplacedParts);
   std::unique_ptr<SeriesDescriptor> descriptor;

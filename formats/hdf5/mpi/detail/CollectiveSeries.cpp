@@ -8,7 +8,6 @@
 #include <sstream>
 
 #include "formats/hdf5/detail/Files.hpp"
-#include "formats/hdf5/detail/Problems.hpp"
 #include "formats/hdf5/detail/Series.hpp"
 #include "formats/hdf5/detail/Stored.hpp"
 #include "formats/hdf5/detail/Xdmf.hpp"
@@ -234,9 +233,9 @@ void bindTogether(MPI_Comm comm, Bundle& bundle, const std::string& filename, bo
     if (!existing || loaded) return;
     loaded = std::make_shared<Stored>();
     const StrongPtr<Ostrak::LoaderProgress> choice(new FragmentsOfRank(rank, communicator.size()));
-    std::vector<Problem> problems;
-    attachParts(bundle, partsOf(path, readJournal(path), problems), choice, loaded);
-    for (Problem& problem : problems) problemListOf(bundle)->add(std::move(problem));
+    std::vector<Problem> damage;
+    const std::vector<Part> parts = partsOf(path, readJournal(path), damage);
+    attachParts(bundle, parts, choice, loaded, damage);
   });
   if (agreed) throw Failure(*agreed);
   StrongPtr<CollectiveBinding> binding(new CollectiveBinding(
