@@ -8,7 +8,6 @@
 #include "formats/hdf5/detail/Problems.hpp"
 #include "formats/hdf5/detail/Series.hpp"
 #include "formats/hdf5/detail/Shape.hpp"
-#include "grid/GridWalk.hpp"
 
 namespace Quaril::H5::detail {
 
