@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <random>
 
@@ -388,6 +389,85 @@ TEST_F(BadFileTest, changedArrayValuesFailTheirChecksumInACheck) {
   without->setChecksums(false);
   ASSERT_TRUE(H5::save(*bundle, path("unsummed.h5"), without).ok);
   EXPECT_TRUE(H5::checkFile(path("unsummed.h5")).ok());
+}
+
+/// Stores every double of a field in single precision.
+class SinglePrecision : public H5::StorageOptions {
+ public:
+  bool WriteAsSinglePrecision(const std::string&,
+                              const Ostrak::StrongPtr<Ostrak::ChunkBase>&) const override {
+    return true;
+  }
+};
+
+/// Flips one bit of the stored bytes of the largest data set in `file`'s
+/// "arrays", `fraction` of the way into them.
+void flipInLargestArray(const std::string& file, double fraction) {
+  haddr_t offset = HADDR_UNDEF;
+  hsize_t largest = 0;
+  hid_t handle = H5Fopen(file.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+  hid_t arrays = H5Gopen2(handle, "arrays", H5P_DEFAULT);
+  H5G_info_t info;
+  H5Gget_info(arrays, &info);
+  for (hsize_t i = 0; i < info.nlinks; ++i) {
+    std::array<char, 64> name{};
+    H5Lget_name_by_idx(arrays, ".", H5_INDEX_NAME, H5_ITER_INC, i, name.data(), name.size(),
+                       H5P_DEFAULT);
+    hid_t dataset = H5Dopen2(arrays, name.data(), H5P_DEFAULT);
+    if (H5Dget_storage_size(dataset) > largest) {
+      largest = H5Dget_storage_size(dataset);
+      offset = H5Dget_offset(dataset);
+    }
+    H5Dclose(dataset);
+  }
+  H5Gclose(arrays);
+  H5Fclose(handle);
+  ASSERT_NE(offset, HADDR_UNDEF);
+  std::fstream bytes(file, std::ios::in | std::ios::out | std::ios::binary);
+  const auto at =
+      static_cast<std::streamoff>(offset + std::min<hsize_t>(largest - 1, largest * fraction));
+  bytes.seekg(at);
+  const char byte = static_cast<char>(bytes.get() ^ 0x10);
+  bytes.seekp(at);
+  bytes.put(byte);
+}
+
+// Each read of an array checks its stored checksum, however it is read: a
+// flipped bit is an error naming the array, never a changed value.
+TEST_F(BadFileTest, aFlippedBitInArrayDataFailsEveryReadOfThatArray) {
+  struct Case {
+    const char* name;
+    bool single;      // stored as floats: checked after converting back
+    double fraction;  // where in the array's bytes the bit flips
+  };
+  const std::vector<Case> cases{{"first byte", false, 0},
+                                {"past the first stretch read", false, 0.4},
+                                {"last byte", false, 1},
+                                {"stored as floats", true, 0.7}};
+  BundlePtr bundle;
+  ASSERT_TRUE(H5::load(bundle, {path("good.h5")}).ok);
+  // A megabyte: read from the file in several stretches.
+  makeUniformGrid(gridIn(bundle, 0, "big"), {64, 64, 32}, {0, 0, 0}, {1, 1, 1});
+  addVertexField(gridIn(bundle, 0, "big"), "values", std::vector<double>(64 * 64 * 32, 0.5));
+  for (const Case& c : cases) {
+    const std::string file = path(std::string(c.name) + ".h5");
+    ASSERT_TRUE(H5::save(*bundle, file,
+                         c.single ? Ostrak::StrongPtr<H5::StorageOptions>(new SinglePrecision)
+                                  : Ostrak::StrongPtr<H5::StorageOptions>())
+                    .ok);
+    flipInLargestArray(file, c.fraction);
+    BundlePtr read;
+    ASSERT_TRUE(H5::load(read, {file}).ok) << c.name;
+    const Slice& slice = *read->getSlices().at(0);
+    EXPECT_FALSE(slice("big")->getCartesianRepresentation()->findField("values")->getData())
+        << c.name;
+    EXPECT_TRUE(slice("cloud")->CartesianPositions()->getData()) << c.name;
+    const std::vector<H5::Problem> problems = H5::problems(*read);
+    ASSERT_EQ(problems.size(), 1u) << c.name;
+    EXPECT_EQ(problems[0].where, "field \"values\" of grid \"big\" at time 0") << c.name;
+    EXPECT_NE(problems[0].reason.find("fail their checksum"), std::string::npos) << c.name;
+    EXPECT_FALSE(H5::checkFile(file).ok()) << c.name;
+  }
 }
 
 }  // namespace

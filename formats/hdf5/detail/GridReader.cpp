@@ -51,6 +51,8 @@ void readAttributes(hid_t object, Ostrak::Attributes& into) {
 
 namespace {
 
+constexpr const char* Damaged = "its data fail their checksum: the file is damaged there";
+
 /// Checks the `count` values at `data`, read as `memoryType` from
 /// `dataset`, against their stored checksum `expected`.
 void verify(uint64_t expected, const void* data, uint64_t count, hid_t memoryType, hid_t dataset) {
@@ -60,7 +62,7 @@ void verify(uint64_t expected, const void* data, uint64_t count, hid_t memoryTyp
   Datatype native(H5Tget_native_type(type.id(), H5T_DIR_ASCEND), "cannot read a data set's type");
   require(H5Tequal(native.id(), memoryType) <= 0 &&
               storedChecksum(data, count, memoryType, native.id()) == expected,
-          "its data fail their checksum: the file is damaged there");
+          Damaged);
 }
 
 /// Extents as "[a, b, c]".
@@ -97,8 +99,7 @@ class GridReader {
         time_(entry.time),
         vetoes_(Ostrak::dynamic_pointer_cast<BundleLoaderProgress>(entry.progress)),
         choice_(Ostrak::dynamic_pointer_cast<FragmentChoice>(entry.progress)),
-        problems_(entry.problems),
-        verify_(entry.verify) {}
+        problems_(entry.problems) {}
 
   void read() {
     shape_ = source_.shape(source_.index().entries[entry_].structureRow);
@@ -224,10 +225,9 @@ class GridReader {
   StrongPtr<CreativeArrayBase> arrayCreator(const GridShape::Fragment& fragment,
                                             const QuarilTypeBase& type,
                                             const layout::StoredType& stored) {
-    return StrongPtr<CreativeArrayBase>(
-        new DeferredCreator(type, fragment.size,
-                            arrayProducer({part_, shape_, entry_, id_, time_, problems_, verify_},
-                                          fragment, type, stored)));
+    return StrongPtr<CreativeArrayBase>(new DeferredCreator(
+        type, fragment.size,
+        arrayProducer({part_, shape_, entry_, id_, time_, problems_}, fragment, type, stored)));
   }
 
   /// What an array's producer keeps of its grid.
@@ -238,7 +238,6 @@ class GridReader {
     StrongPtr<GridID> id;
     double time;
     std::shared_ptr<ProblemList> problems;  ///< told of a failed read; may be null
-    bool verify;
   };
 
   /// Reads the fragment's array; a failure is listed with the grid's problems.
@@ -265,13 +264,17 @@ class GridReader {
         checkStoredSize(dataset.id(), bytes, source->fileBytes(), "its data set");
         StrongPtr<MemBase, Cacheable> array = makeMemArray(type, fragment.size, false);
         require(array.valid(), [&] { return "no array of type " + type.name(); });
-        if (bytes > 0) {
-          readWhole(dataset.id(), stored.component, array->rawData(), bytes, source->raw(),
-                    "its data set");
-        }
-        const std::optional<uint64_t> sum =
-            origin.verify ? source->checksum(origin.entry, fragment.dataset) : std::nullopt;
-        if (sum) {
+        const std::optional<uint64_t> sum = source->checksum(origin.entry, fragment.dataset);
+        ChecksumStream read;
+        const bool direct =
+            bytes > 0 &&
+            readWhole(dataset.id(), stored.component, array->rawData(), bytes, source->raw(),
+                      "its data set",
+                      sum ? BytesRead([&](const void* data, size_t size) { read.add(data, size); })
+                          : BytesRead());
+        if (sum && direct) {
+          require(read.value() == *sum, Damaged);
+        } else if (sum) {
           verify(*sum, array->rawData(),
                  fragment.size.elements() * static_cast<uint64_t>(stored.components),
                  stored.component, dataset.id());
@@ -305,7 +308,6 @@ class GridReader {
   std::vector<StrongPtr<Field>> fields_;
   std::vector<StrongPtr<CreativeArrayBase>> creators_;
   std::shared_ptr<ProblemList> problems_;
-  bool verify_;
 };
 
 }  // namespace

@@ -34,10 +34,9 @@ struct GridEntry {
   /// Asked before each field and fragment is made when it is a
   /// BundleLoaderProgress or a FragmentChoice; may be null.
   Ostrak::StrongPtr<Ostrak::LoaderProgress> progress;
-  /// Lists the arrays that later fail to be read; may be null.
+  /// Lists the arrays that later fail to be read; may be null. Every
+  /// array read is checked against its stored checksum, if it has one.
   std::shared_ptr<ProblemList> problems;
-  /// Whether each array read is checked against its stored checksum.
-  bool verify = false;
 };
 
 /// Builds the grid of `entry` into `grid`; a partial entry adds to what

@@ -379,17 +379,27 @@ std::optional<uint64_t> rawOffset(hid_t dataset, hid_t memoryType, uint64_t byte
 }
 }  // namespace
 
-void readWhole(hid_t dataset, hid_t memoryType, void* data, uint64_t bytes, const RawFile& raw,
-               std::string_view what) {
+bool readWhole(hid_t dataset, hid_t memoryType, void* data, uint64_t bytes, const RawFile& raw,
+               std::string_view what, const BytesRead& read) {
   const std::optional<uint64_t> offset = rawOffset(dataset, memoryType, bytes, raw);
   if (!offset) {
     readDataset(dataset, memoryType, data, what);
-    return;
+    return false;
   }
-  require(*offset <= raw.bytes && bytes <= raw.bytes - *offset,
-          [&] { return "cannot read " + std::string(what) + ": the file ends within it"; });
-  require(readAt(raw.descriptor, data, bytes, *offset, what) == bytes,
-          [&] { return "cannot read " + std::string(what) + ": the file ends within it"; });
+  const auto endsWithin = [&] {
+    return "cannot read " + std::string(what) + ": the file ends within it";
+  };
+  require(*offset <= raw.bytes && bytes <= raw.bytes - *offset, endsWithin);
+  // Stretches that stay in the cache until `read` has seen them.
+  constexpr uint64_t Stretch = uint64_t{256} << 10;
+  auto* into = static_cast<unsigned char*>(data);
+  for (uint64_t done = 0; done < bytes;) {
+    const uint64_t size = read ? std::min(Stretch, bytes - done) : bytes;
+    require(readAt(raw.descriptor, into + done, size, *offset + done, what) == size, endsWithin);
+    if (read) read(into + done, size);
+    done += size;
+  }
+  return true;
 }
 
 std::vector<uint8_t> readBytes(hid_t dataset, uint64_t begin, uint64_t count,

@@ -8,6 +8,7 @@
 #include <hdf5.h>
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -169,12 +170,18 @@ RawFile rawFileOf(hid_t file, uint64_t bytes);
 /// Throws Failure naming the collection.
 void checkGlobalHeaps(const RawFile& raw);
 
+/// Called with each stretch of an array's bytes as soon as it is read, in
+/// order, while the stretch is still in the processor's cache.
+using BytesRead = std::function<void(const void* data, size_t bytes)>;
+
 /// Reads the whole dataset, of `bytes` bytes, into `data` as `memoryType`.
 /// A dataset stored contiguously in `raw` as `memoryType` is read straight
-/// from the file: for an array of a few megabytes, HDF5's read path costs
-/// as much as building the grid that holds it.
-void readWhole(hid_t dataset, hid_t memoryType, void* data, uint64_t bytes, const RawFile& raw,
-               std::string_view what);
+/// from the file, in stretches each handed to `read` (when given): for an
+/// array of a few megabytes, HDF5's read path costs as much as building
+/// the grid that holds it. Returns whether it was read that way; `read` is
+/// not called otherwise.
+bool readWhole(hid_t dataset, hid_t memoryType, void* data, uint64_t bytes, const RawFile& raw,
+               std::string_view what, const BytesRead& read = {});
 
 /// `count` bytes from `begin` on of a one-dimensional dataset of bytes.
 std::vector<uint8_t> readBytes(hid_t dataset, uint64_t begin, uint64_t count,
