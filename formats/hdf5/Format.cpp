@@ -7,6 +7,7 @@
 #include "bundle/Binder.hpp"
 #include "bundle/LoaderControl.hpp"
 #include "formats/hdf5/detail/Check.hpp"
+#include "formats/hdf5/detail/Follow.hpp"
 #include "formats/hdf5/detail/Problems.hpp"
 #include "formats/hdf5/detail/Reader.hpp"
 #include "formats/hdf5/detail/Series.hpp"
@@ -35,16 +36,22 @@ struct Opened {
   std::vector<detail::Part> parts;
   /// Damage found on opening that did not stop it (a series' journal).
   std::vector<Problem> problems;
+  /// A series' journal as read, and the pool its parts open through; null
+  /// for a single file.
+  std::shared_ptr<detail::Journal> journal;
+  std::shared_ptr<detail::PartSource::Pool> pool;
 };
 
 Opened openForLoading(const std::string& filename) {
   if (detail::isJournal(filename)) {
-    Opened opened{filename, {}, {}};
-    opened.parts = detail::partsOf(filename, detail::readJournal(filename), opened.problems);
+    Opened opened{filename, {}, {}, {}, {}};
+    opened.journal = std::make_shared<detail::Journal>(detail::readJournal(filename));
+    opened.pool = std::make_shared<detail::PartSource::Pool>(detail::OpenPartsLimit);
+    opened.parts = detail::partsOf(filename, *opened.journal, opened.problems, opened.pool);
     return opened;
   }
   std::shared_ptr<detail::Source> source = detail::Source::open(filename);
-  return {filename, {{std::make_shared<detail::PartSource>(source), source->index()}}, {}};
+  return {filename, {{std::make_shared<detail::PartSource>(source), source->index()}}, {}, {}, {}};
 }
 
 class FileLoader : public Ostrak::Loader<Bundle> {
@@ -69,6 +76,9 @@ class FileLoader : public Ostrak::Loader<Bundle> {
       Outcome attached = detail::attempt([&] {
         detail::attachParts(*target.target, file.parts, progress,
                             detail::recordLoaded(*target.target, file.path), file.problems);
+        if (file.journal) {
+          detail::recordFollowed(*target.target, file.path, *file.journal, file.pool);
+        }
       });
       if (!attached) {
         request->setErrorText(file.path + ": " + attached.error);

@@ -144,6 +144,16 @@ struct CheckReport {
   bool ok() const noexcept { return problems.empty(); }
 };
 
+/// What a refresh took up of the series a bundle was loaded from.
+struct SeriesUpdate {
+  std::vector<double> added;    ///< times new to the bundle, ascending
+  std::vector<double> changed;  ///< times it had, that a sync added to or replaced, ascending
+  /// The series ends with a closing record: the binding that wrote it was
+  /// released, and unless a later one goes on, nothing more comes.
+  bool closed = false;
+  bool empty() const noexcept { return added.empty() && changed.empty(); }
+};
+
 /// The outcome of an operation: success, or the reason of the failure.
 struct Outcome {
   bool ok = false;

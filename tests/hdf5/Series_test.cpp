@@ -251,9 +251,15 @@ TEST_F(FileTest, aDamagedJournalRecordCostsNoStepAndNoPart) {
        10, true, false},
       {"the last record, as a crash cuts it",
        [](std::string& journal, const std::vector<size_t>& records) {
-         journal.resize(records[records.size() - 2] + 20);
+         // A killed writer leaves no closing record (the last one here).
+         journal.resize(records[records.size() - 3] + 20);
        },
        9, false, false},
+      {"the closing record",
+       [](std::string& journal, const std::vector<size_t>& records) {
+         journal[records[records.size() - 2] + 14] ^= 0x01;
+       },
+       10, false, false},
       {"the fourth record and its part",
        [this](std::string& journal, const std::vector<size_t>& records) {
          journal[records[3] + 40] ^= 0x10;

@@ -24,10 +24,11 @@ namespace fs = std::filesystem;
 
 constexpr char Magic[8] = {'Q', 'B', 'S', 'E', 'R', 'I', 'E', 'S'};
 constexpr uint32_t VersionMajor = 1;
-constexpr uint32_t VersionMinor = 0;
+constexpr uint32_t VersionMinor = 1;  // 1: closing records
 constexpr size_t TokenBytes = 16;
 constexpr size_t HeaderBytes = sizeof(Magic) + 8 + TokenBytes;
-constexpr uint32_t RecordMagic = 0x43455251;  // "QREC"
+constexpr uint32_t RecordMagic = 0x43455251;   // "QREC"
+constexpr uint32_t ClosingMagic = 0x444E4551;  // "QEND"
 constexpr size_t RecordHeaderBytes = 12;
 /// No record is this long; a length beyond it is a damaged record.
 constexpr uint32_t LongestRecord = 1u << 30;
@@ -167,49 +168,72 @@ Journal::Record decodeRecord(const uint8_t* data, size_t size) {
   return record;
 }
 
-/// The payload length of the complete record at `at` of the `size` bytes
-/// at `data`, whose checksum passes; nothing when there is none.
-std::optional<uint32_t> recordAt(const uint8_t* data, size_t size, size_t at) {
+/// A complete record whose checksum passes.
+struct Found {
+  uint32_t length;  ///< of its payload
+  bool closing;
+};
+
+/// The complete record at `at` of the `size` bytes at `data`, whose
+/// checksum passes; nothing when there is none.
+std::optional<Found> recordAt(const uint8_t* data, size_t size, size_t at) {
   if (size - at < RecordHeaderBytes) return std::nullopt;
   Decoder head(data + at, RecordHeaderBytes);
   const uint32_t magic = head.get<uint32_t>(), length = head.get<uint32_t>();
   const uint32_t crc = head.get<uint32_t>();
-  if (magic != RecordMagic || length > LongestRecord || length > size - at - RecordHeaderBytes ||
+  if ((magic != RecordMagic && magic != ClosingMagic) || length > LongestRecord ||
+      length > size - at - RecordHeaderBytes ||
       crc32(data + at + RecordHeaderBytes, length) != crc) {
     return std::nullopt;
   }
-  return length;
+  return Found{length, magic == ClosingMagic};
 }
 
-Journal parseJournal(const std::string& bytes) {
-  require(bytes.size() >= HeaderBytes && std::memcmp(bytes.data(), Magic, sizeof(Magic)) == 0,
+/// Reads the records of the `size` bytes at `data`, from `at` on, into
+/// `journal`; `base` is where `data` starts in the journal.
+void parseRecords(const uint8_t* data, size_t size, size_t at, uint64_t base, Journal& journal) {
+  while (at < size) {
+    const std::optional<Found> found = recordAt(data, size, at);
+    if (!found) {
+      // Damage when a complete record follows; else a record cut short, or
+      // never finished, which ends the journal.
+      size_t next = at + 1;
+      while (next < size && !recordAt(data, size, next)) ++next;
+      if (next >= size) break;
+      journal.damaged.push_back({base + at, base + next, journal.records.size()});
+      at = next;
+      continue;
+    }
+    if (found->closing) {
+      journal.closed = true;
+    } else {
+      journal.records.push_back(decodeRecord(data + at + RecordHeaderBytes, found->length));
+      journal.closed = false;
+    }
+    journal.lastRecordAt = base + at;
+    at += RecordHeaderBytes + found->length;
+  }
+  journal.validBytes = base + at;
+}
+
+/// The header of a journal, checked; its token.
+std::string tokenOf(const uint8_t* data, size_t size) {
+  require(size >= HeaderBytes && std::memcmp(data, Magic, sizeof(Magic)) == 0,
           "not a bundle series");
-  const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
   Decoder header(data + sizeof(Magic), 8);
   const uint32_t major = header.get<uint32_t>();
   require(major <= VersionMajor, "a series of journal version " + std::to_string(major) +
                                      ", newer than this reader's " + std::to_string(VersionMajor));
+  std::string token(reinterpret_cast<const char*>(data) + sizeof(Magic) + 8, TokenBytes);
+  for (char c : token) require(std::isxdigit(static_cast<unsigned char>(c)), "a bad journal");
+  return token;
+}
+
+Journal parseJournal(const std::string& bytes) {
+  const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
   Journal journal;
-  journal.token.assign(bytes.data() + sizeof(Magic) + 8, TokenBytes);
-  for (char c : journal.token)
-    require(std::isxdigit(static_cast<unsigned char>(c)), "a bad journal");
-  size_t at = HeaderBytes;
-  while (at < bytes.size()) {
-    const std::optional<uint32_t> length = recordAt(data, bytes.size(), at);
-    if (!length) {
-      // Damage when a complete record follows; else a record cut short, or
-      // never finished, which ends the journal.
-      size_t next = at + 1;
-      while (next < bytes.size() && !recordAt(data, bytes.size(), next)) ++next;
-      if (next >= bytes.size()) break;
-      journal.damaged.push_back({at, next, journal.records.size()});
-      at = next;
-      continue;
-    }
-    journal.records.push_back(decodeRecord(data + at + RecordHeaderBytes, *length));
-    at += RecordHeaderBytes + *length;
-  }
-  journal.validBytes = at;
+  journal.token = tokenOf(data, bytes.size());
+  parseRecords(data, bytes.size(), HeaderBytes, 0, journal);
   return journal;
 }
 
@@ -265,7 +289,7 @@ JournalTail::JournalTail(const std::string& path)
     requireSystem(ftruncate(fd_, static_cast<off_t>(read_.validBytes)) == 0 && fsync(fd_) == 0,
                   "cannot cut the unfinished record off " + path);
   }
-  next_ = read_.records.empty() ? 0 : read_.records.back().number + 1;
+  next_ = read_.next();
   length_ = read_.validBytes;
 }
 
@@ -281,6 +305,87 @@ void JournalTail::append(const Index& index) {
     if (ftruncate(fd_, static_cast<off_t>(length_)) == 0) fsync(fd_);
     throw;
   }
+}
+
+void JournalTail::close() noexcept {
+  try {
+    Encoder payload;
+    payload.put<uint64_t>(next_);
+    Encoder record;
+    record.put<uint32_t>(ClosingMagic);
+    record.put<uint32_t>(static_cast<uint32_t>(payload.out.size()));
+    record.put<uint32_t>(crc32(payload.out.data(), payload.out.size()));
+    record.out.insert(record.out.end(), payload.out.begin(), payload.out.end());
+    // For followers only: it need not survive a power loss, so no flush.
+    writeAt(fd_, record.out.data(), record.out.size(), length_, path_);
+    length_ += record.out.size();
+  } catch (...) {
+    // A record cut short is ignored by readers and cut off by the next writer.
+    (void)!ftruncate(fd_, static_cast<off_t>(length_));
+  }
+}
+
+// ---- following a journal ---------------------------------------------------------
+
+JournalReader::JournalReader(std::string path, const Journal& read)
+    : path_(std::move(path)),
+      token_(read.token),
+      at_(read.lastRecordAt ? read.lastRecordAt : read.validBytes),
+      next_(read.next()),
+      closed_(read.closed) {
+  if (read.lastRecordAt) {
+    const int fd = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+    requireSystem(fd >= 0, "cannot open " + path_);
+    lastHeader_.resize(RecordHeaderBytes);
+    const size_t got = readAt(fd, lastHeader_.data(), RecordHeaderBytes, at_, "the journal");
+    close(fd);
+    lastHeader_.resize(got);
+  }
+}
+
+Journal JournalReader::newRecords() {
+  const int fd = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+  requireSystem(fd >= 0, "cannot open");
+  std::string head(HeaderBytes, '\0'), tail;
+  try {
+    head.resize(readAt(fd, head.data(), HeaderBytes, 0, "the journal"));
+    struct stat status {};
+    requireSystem(fstat(fd, &status) == 0, "cannot read the journal");
+    const uint64_t size = static_cast<uint64_t>(status.st_size);
+    tail.resize(size > at_ ? size - at_ : 0);
+    tail.resize(readAt(fd, tail.data(), tail.size(), at_, "the journal"));
+  } catch (...) {
+    close(fd);
+    throw;
+  }
+  close(fd);
+  const auto* data = reinterpret_cast<const uint8_t*>(tail.data());
+  require(tokenOf(reinterpret_cast<const uint8_t*>(head.data()), head.size()) == token_,
+          "the series was started anew by another binding since it was read; load it again");
+  const char* cutBack =
+      "the journal was cut back before what was read of it; load the series again";
+  require(
+      tail.size() >= lastHeader_.size() && tail.compare(0, lastHeader_.size(), lastHeader_) == 0,
+      cutBack);
+  Journal fresh;
+  fresh.token = token_;
+  fresh.numberBefore = next_;
+  fresh.closed = closed_;
+  size_t from = 0;
+  if (!lastHeader_.empty()) {
+    // The record read last, which is known already.
+    const std::optional<Found> last = recordAt(data, tail.size(), 0);
+    require(last.has_value(), cutBack);
+    from = RecordHeaderBytes + last->length;
+  }
+  parseRecords(data, tail.size(), from, at_, fresh);
+  if (fresh.lastRecordAt != 0) {
+    lastHeader_ = tail.substr(fresh.lastRecordAt - at_, RecordHeaderBytes);
+    at_ = fresh.lastRecordAt;
+  }
+  next_ = fresh.next();
+  closed_ = fresh.closed;
+  return fresh;
 }
 
 void requireUnbound(const std::string& path) {

@@ -4,7 +4,8 @@
 // format in the folder NAME.parts) with that part's index. A record is
 // appended, and flushed, only after its part is complete; a record cut short
 // by a crash fails its checksum, is ignored by readers and cut off by the
-// next writer. A writer holds the journal's lock. docs/hdf5-layout.md
+// next writer. A writer holds the journal's lock; readers take none, so
+// they never stall a sync. A released binding appends a closing record. docs/hdf5-layout.md
 // describes the bytes.
 
 #include <cstdint>
@@ -34,12 +35,47 @@ struct Journal {
   };
   std::vector<Damage> damaged;
   uint64_t validBytes = 0;  ///< where the last complete record ends
+  /// Where the last complete record (of a part, or a closing one) starts;
+  /// 0 when there is none.
+  uint64_t lastRecordAt = 0;
+  /// Whether a closing record follows the last part's: the binding that
+  /// wrote them was released. A later binding appends after it.
+  bool closed = false;
+  /// The number of the part after those before the bytes read (0 for a
+  /// whole journal).
+  uint64_t numberBefore = 0;
 
   /// The numbers [first, last) of the parts whose records lay in `damage`.
   std::pair<uint64_t, uint64_t> partsIn(const Damage& damage) const {
-    return {damage.before == 0 ? 0 : records[damage.before - 1].number + 1,
+    return {damage.before == 0 ? numberBefore : records[damage.before - 1].number + 1,
             records[damage.before].number};
   }
+  /// The number of the next part.
+  uint64_t next() const noexcept {
+    return records.empty() ? numberBefore : records.back().number + 1;
+  }
+};
+
+/// The records appended to a journal since a reader last read it, read
+/// without reading again what was read before.
+class JournalReader {
+ public:
+  /// Follows the journal `path` from where `read`, its whole, ended.
+  JournalReader(std::string path, const Journal& read);
+
+  /// The complete records appended since the last call (or since `read`),
+  /// with `closed` saying whether the journal ends with a closing record.
+  /// Throws Failure when the journal was replaced by another series, or
+  /// cut back before what was read.
+  Journal newRecords();
+
+ private:
+  std::string path_;
+  std::string token_;
+  uint64_t at_;             ///< where the last record read starts
+  std::string lastHeader_;  ///< its header, which must stay as it was
+  uint64_t next_;           ///< the number of the next part
+  bool closed_;
 };
 
 /// What a second binding of a series is told: the journal is locked while a
@@ -83,6 +119,10 @@ class JournalTail {
   /// Appends the record of the next part, holding `index`, and flushes it.
   /// On failure the journal ends where it did and Failure is thrown.
   void append(const Index& index);
+  /// Appends a closing record, which tells followers that the series ends
+  /// here unless a later binding goes on. Never throws: followers of a
+  /// journal without one stop when it stays idle.
+  void close() noexcept;
 
  private:
   std::string path_;

@@ -19,9 +19,6 @@ namespace fs = std::filesystem;
 using Ostrak::StrongPtr;
 using Ostrak::WeakPtr;
 
-/// Parts of one series open at once while reading.
-constexpr size_t OpenPartsLimit = 64;
-
 /// Adds the parts whose journal records lie in `damage` to `parts`, each
 /// read from its own index, and lists the damage in `problems`: as lost
 /// where a part cannot be read, as only the journal's otherwise.
@@ -247,6 +244,9 @@ class SeriesBinding : public ReportingBinding {
         progress_(std::move(progress)),
         descriptor_(std::move(descriptor)) {}
 
+  /// Released: followers are told that the series ends here.
+  ~SeriesBinding() override { tail_->close(); }
+
   int32_t synchronize(const Bundle& bundle, const StrongPtr<MemBase, Cacheable>&,
                       Ostrak::Intercube&) override {
     Session session;
@@ -305,8 +305,8 @@ class SeriesBinding : public ReportingBinding {
 }  // namespace
 
 std::vector<Part> partsOf(const std::string& journal, const Journal& read,
-                          std::vector<Problem>& problems) {
-  auto pool = std::make_shared<PartSource::Pool>(OpenPartsLimit);
+                          std::vector<Problem>& problems, std::shared_ptr<PartSource::Pool> pool) {
+  if (!pool) pool = std::make_shared<PartSource::Pool>(OpenPartsLimit);
   std::vector<Part> parts;
   auto damagedBefore = read.damaged.begin();
   for (size_t position = 0; position < read.records.size(); ++position) {

@@ -65,11 +65,15 @@ bool nothingIn(const Selection& plan);
 /// Lists in `stored` what a completed sync of `plan` wrote.
 void recordWritten(const Bundle& bundle, const Selection& plan, Stored& stored);
 
-/// The parts of the series, opened on first use, in the order of their
-/// numbers. A part whose record is damaged is read from its own index, and
-/// the damage is added to `problems`.
+/// Parts of one series open at once while reading.
+inline constexpr size_t OpenPartsLimit = 64;
+
+/// The parts of the series, opened on first use (through `pool`, a new one
+/// when null), in the order of their numbers. A part whose record is damaged is read from its own
+/// index, and the damage is added to `problems`.
 std::vector<Part> partsOf(const std::string& journal, const Journal& read,
-                          std::vector<Problem>& problems);
+                          std::vector<Problem>& problems,
+                          std::shared_ptr<PartSource::Pool> pool = {});
 
 /// Binds `bundle` to the series `path`: a new one (`existing` false;
 /// whatever `path` was is replaced once the first sync is complete, its

@@ -41,6 +41,12 @@ class CollectiveBinding : public ReportingBinding {
         transformations_(std::move(transformations)),
         progress_(std::move(progress)) {}
 
+  /// Released: followers are told that the series ends here (rank 0 holds
+  /// the journal).
+  ~CollectiveBinding() override {
+    if (tail_) tail_->close();
+  }
+
   /// Bundle::sync, and the bundle at its end, call this on one rank alone,
   /// where no collective call may be made.
   int32_t synchronize(const Bundle&, const StrongPtr<MemBase, Cacheable>&,
