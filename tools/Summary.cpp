@@ -197,16 +197,20 @@ std::vector<ListingEntry> listSteps(const Bundle& bundle, const std::string& gri
       listing.push_back(std::move(entry));
       continue;
     }
-    ListingEntry entry{time, {}, 0};
-    slice->accessSlice();
-    for (const auto& [id, held] : slice->getGrids()) {
-      if (!id || !held) continue;
-      entry.names.push_back(id->getName());
-      forEachField(*held, [&](const StrongPtr<Field>& field) { entry.bytes += bytesOf(*field); });
-    }
-    listing.push_back(std::move(entry));
+    listing.push_back(listStep(time, *slice));
   }
   return listing;
+}
+
+ListingEntry listStep(double time, const Slice& slice) {
+  ListingEntry entry{time, {}, 0};
+  slice.accessSlice();
+  for (const auto& [id, held] : slice.getGrids()) {
+    if (!id || !held) continue;
+    entry.names.push_back(id->getName());
+    forEachField(*held, [&](const StrongPtr<Field>& field) { entry.bytes += bytesOf(*field); });
+  }
+  return entry;
 }
 
 std::string formatListing(const std::vector<ListingEntry>& listing) {

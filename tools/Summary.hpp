@@ -87,6 +87,9 @@ struct ListingEntry {
 /// that grid, with its fields. Reads the structure of the steps it lists.
 std::vector<ListingEntry> listSteps(const Bundle& bundle, const std::string& grid = "");
 
+/// One time step with its grids. Reads the step's structure.
+ListingEntry listStep(double time, const Slice& slice);
+
 /// A listing as text, one line per step: time, count, size, names.
 std::string formatListing(const std::vector<ListingEntry>& listing);
 

@@ -3,6 +3,10 @@
 
 #include <pty.h>
 
+#include <array>
+#include <functional>
+#include <tuple>
+
 #include <nlohmann/json.hpp>
 
 #include "tests/hdf5/FileFixture.hpp"
@@ -106,6 +110,11 @@ TEST_F(ToolTest, everyCommandAnswersWithItsExitStatusAndOneLineOnError) {
       {"copy sample.h5 out.h5 --times 5:", 1, "", "bundle-tool: no time step in the range\n"},
       {"copy sample.h5 out.h5 --compress 10", 1, "",
        "bundle-tool: bad compression level 10: expected 0 to 9\n"},
+      {"watch sample.h5", 0, "2            3", ""},
+      {"watch sample.h5 --json", 0, "{\"time\":1.0,\"grids\":[\"points\",\"surface\"]", ""},
+      {"watch missing.h5", 1, "", nullptr},
+      {"watch sample.h5 --idle -1", 1, "",
+       "bundle-tool: the idle time must be a number of seconds, 0 or more\n"},
       {"frob", 2, "", "bundle-tool: unknown command \"frob\" (see bundle-tool --help)\n"},
       {"copy sample.h5", 2, "", nullptr},
       {"", 2, "", nullptr},
@@ -284,6 +293,62 @@ TEST_F(ToolTest, everyFileTheFuzzerFoundEndsWithOneLineAndNoNoise) {
     }
   }
   EXPECT_GE(files, 3u);
+}
+
+// A person or a script follows a run: a line per step as its sync lands,
+// and the end when the writer releases the series.
+TEST_F(ToolTest, watchFollowsASeriesUntilItsWriterLetsGo) {
+  BundlePtr writer;
+  writer.create();
+  const auto addStep = [&](double t) { makePointCloud(gridIn(writer, t, "points"), {{t, 0, 0}}); };
+  addStep(0.1);
+  ASSERT_EQ(writer->bindToNew(path("run.h5")).status, 1);
+  std::FILE* watching = popen(
+      ("cd '" + folder_.string() + "' && " QUARIL_BUNDLE_TOOL " watch run.h5 --json --idle 20")
+          .c_str(),
+      "r");
+  ASSERT_NE(watching, nullptr);
+  const auto nextLine = [&] {
+    std::array<char, 4096> line{};
+    return std::fgets(line.data(), line.size(), watching) ? nlohmann::json::parse(line.data())
+                                                          : nlohmann::json();
+  };
+  // Each step as it lands, times exactly as written; a step added to, as changed.
+  const std::vector<std::function<void()>> syncs{
+      [] {},
+      [&] {
+        addStep(1e-300);
+        addStep(2.0 / 3);
+      },
+      [&] { addVertexField(gridIn(writer, 2.0 / 3, "points"), "mass", std::vector<double>{1}); },
+      [&] {
+        makePointCloud(gridIn(writer, 7, "other"), {{0, 0, 0}});
+      }};
+  const std::vector<std::tuple<double, std::vector<std::string>, bool>> expected{
+      {0.1, {"points"}, false},
+      {1e-300, {"points"}, false},
+      {2.0 / 3, {"points"}, false},
+      {2.0 / 3, {"points"}, true},
+      {7, {"other"}, false}};
+  size_t seen = 0;
+  for (size_t sync = 0; sync < syncs.size(); ++sync) {
+    syncs[sync]();
+    if (sync > 0) {
+      ASSERT_EQ(writer->sync(), 1);
+    }
+    const size_t lines = sync == 0 ? 1 : sync == 1 ? 2 : 1;
+    for (size_t line = 0; line < lines; ++line, ++seen) {
+      const nlohmann::json step = nextLine();
+      ASSERT_TRUE(step.is_object()) << "line " << seen;
+      EXPECT_EQ(step["time"].get<double>(), std::get<0>(expected[seen])) << step.dump();
+      EXPECT_EQ(step["grids"].get<std::vector<std::string>>(), std::get<1>(expected[seen]));
+      EXPECT_EQ(step["changed"].get<bool>(), std::get<2>(expected[seen])) << step.dump();
+    }
+  }
+  writer.reset();  // released: the closing record ends the watch at once
+  EXPECT_TRUE(nextLine().is_null()) << "no line after the last step";
+  const int status = pclose(watching);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// bundle-tool: looks into, lists, copies and demonstrates bundle files.
+// bundle-tool: looks into, lists, follows, copies and demonstrates bundle files.
 // Every command is a call of the tools library; this file only reads the
 // command line and prints.
 
@@ -13,6 +13,7 @@
 #include "tools/DemoData.hpp"
 #include "tools/Progress.hpp"
 #include "tools/Summary.hpp"
+#include "tools/Watch.hpp"
 
 namespace {
 
@@ -122,6 +123,21 @@ int check(const std::vector<std::string>& files, bool json) {
   return ok ? Done : Unreadable;
 }
 
+int watch(const Tools::WatchRequest& request) {
+  std::vector<H5::Problem> problems;
+  const H5::Outcome watched = Tools::watchSeries(
+      request,
+      [](const std::string& line) {
+        std::fputs(line.c_str(), stdout);
+        std::fflush(stdout);  // a line as soon as its step lands, also into a pipe
+      },
+      &problems);
+  if (!watched) return fail(watched.error);
+  if (problems.empty()) return Done;
+  std::fprintf(stderr, "%s", Tools::formatUnreadable(problems).c_str());
+  return Unreadable;
+}
+
 int xdmf(const std::string& file) {
   H5::registerFormat();
   const H5::Outcome written = H5::writeXdmf(file);
@@ -190,6 +206,18 @@ int main(int argc, char** argv) {
   checkCommand->add_option("FILE", checkFiles, "Files or series")->required();
   checkCommand->add_flag("--json", checkJson, "Print the reports as JSON");
 
+  Tools::WatchRequest watchRequest;
+  double idleSeconds = -1;
+  CLI::App* watchCommand = app.add_subcommand(
+      "watch",
+      "Follow a series while it is written: a line per step, those there first, then each as "
+      "its sync lands; ends when the writer releases the series");
+  watchCommand->add_option("FILE", watchRequest.file, "The series (or a file)")->required();
+  watchCommand->add_flag("--json", watchRequest.json, "A JSON object per line");
+  watchCommand->add_option("--idle", idleSeconds,
+                           "Also end after SECONDS without a new sync (a writer that was killed "
+                           "leaves no end)");
+
   std::string xdmfFile;
   CLI::App* xdmfCommand = app.add_subcommand(
       "xdmf",
@@ -242,6 +270,10 @@ int main(int argc, char** argv) {
   if (listCommand->parsed()) return list(listFile, listGrid);
   if (xmlCommand->parsed()) return xml(xmlFile);
   if (xdmfCommand->parsed()) return xdmf(xdmfFile);
+  if (watchCommand->parsed()) {
+    if (watchCommand->count("--idle")) watchRequest.idle = idleSeconds;
+    return watch(watchRequest);
+  }
   if (checkCommand->parsed()) return check(checkFiles, checkJson);
   return copy(copyPaths, copyGrids, copyTimes, compression, noXdmf, skipDamaged);
 }
