@@ -6,8 +6,10 @@
 #include <pybind11/stl.h>
 #include <pybind11/stl/filesystem.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <list>
 #include <map>
@@ -122,6 +124,15 @@ struct PySlice {
 
 struct PyBundle {
   BundlePtr bundle;
+};
+
+/// quaril.follow: the steps of a series, those there first, then each as
+/// its sync lands, until the closing record or `idle` seconds without news.
+struct PyFollow {
+  std::unique_ptr<H5::Follower> follower;
+  std::deque<double> queued;  ///< times to yield, in order
+  std::optional<double> idle;
+  bool ended = false;
 };
 
 [[noreturn]] void raiseOSError(const std::string& text) {
@@ -308,6 +319,37 @@ py::object evolution(const BundlePtr& bundle, const std::string& name) {
       py::none());
 }
 
+/// The next step of a follow, waiting for it without the interpreter's lock
+/// and in short stretches, so that Ctrl-C ends the wait.
+py::tuple nextStep(PyFollow& follow) {
+  using namespace std::chrono;
+  const auto deadline = follow.idle ? steady_clock::now() + duration_cast<steady_clock::duration>(
+                                                                duration<double>(*follow.idle))
+                                    : steady_clock::time_point::max();
+  while (follow.queued.empty() && !follow.ended) {
+    if (follow.follower->closed() || steady_clock::now() >= deadline) {
+      follow.ended = true;
+      break;
+    }
+    const auto left = deadline - steady_clock::now();
+    const auto stretch = std::min<steady_clock::duration>(left, milliseconds(200));
+    H5::SeriesUpdate update;
+    H5::Outcome waited;
+    {
+      py::gil_scoped_release unlocked;
+      waited = follow.follower->wait(duration_cast<milliseconds>(stretch), update);
+    }
+    if (!waited) raiseOSError(waited.error);
+    follow.queued.insert(follow.queued.end(), update.added.begin(), update.added.end());
+    if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+  }
+  if (follow.queued.empty()) throw py::stop_iteration();
+  const double time = follow.queued.front();
+  follow.queued.pop_front();
+  const BundlePtr& bundle = follow.follower->bundle();
+  return py::make_tuple(time, PySlice{bundle, bundle->getSlices().at(time)});
+}
+
 }  // namespace
 }  // namespace Quaril::Python
 
@@ -419,6 +461,21 @@ PYBIND11_MODULE(quaril, module) {
            })
       .def("__repr__", [](const PySlice& slice) {
         return "<quaril.Slice t=" + Tools::formatTime(slice.slice->getTime()) + ">";
+      });
+
+  py::class_<PyFollow>(module, "Follow",
+                       "The steps of a series as they land: (time, Slice) pairs; see follow()")
+      .def("__iter__", [](PyFollow& follow) -> PyFollow& { return follow; })
+      .def("__next__", &nextStep)
+      .def_property_readonly(
+          "bundle", [](const PyFollow& follow) { return PyBundle{follow.follower->bundle()}; },
+          "The bundle that holds every step taken up so far")
+      .def_property_readonly(
+          "closed", [](const PyFollow& follow) { return follow.follower->closed(); },
+          "Whether the series ended with its writer's closing record")
+      .def("__repr__", [](const PyFollow& follow) {
+        return "<quaril.Follow " + std::to_string(follow.follower->bundle()->getSlices().size()) +
+               " steps" + (follow.follower->closed() ? ", closed>" : ">");
       });
 
   py::class_<PyBinding>(module, "Binding", "A bundle bound to a file: sync() writes what is new.")
@@ -570,6 +627,20 @@ PYBIND11_MODULE(quaril, module) {
       .def_property_readonly(
           "problems", [](const PyBundle& bundle) { return H5::problems(*bundle.bundle); },
           "What of its files could not be read so far (slices are read on first use)")
+      .def(
+          "refresh",
+          [](PyBundle& bundle) {
+            H5::SeriesUpdate update;
+            H5::Outcome refreshed;
+            {
+              py::gil_scoped_release unlocked;
+              refreshed = H5::refresh(*bundle.bundle, update);
+            }
+            if (!refreshed) raiseOSError(refreshed.error);
+            return py::make_tuple(update.added, update.changed);
+          },
+          "Takes up what was synced to the series the bundle was loaded from since it last "
+          "looked; returns the times (added, changed). OSError when it was loaded from no series")
       .def("sync",
            [](PyBundle& bundle) {
              if (!bundle.bundle->getStorage()) throw py::value_error("the bundle is not bound");
@@ -631,6 +702,28 @@ PYBIND11_MODULE(quaril, module) {
       py::arg("path"),
       "Reads everything of a file or series, one array at a time, and reports every problem "
       "with where it is; the report is true when everything reads");
+  module.def(
+      "follow",
+      [](const std::filesystem::path& path, std::optional<double> idle) {
+        if (idle && !(*idle >= 0 && std::isfinite(*idle))) {
+          throw py::value_error("idle must be a number of seconds, 0 or more");
+        }
+        H5::registerFormat();
+        PyFollow follow;
+        {
+          py::gil_scoped_release unlocked;
+          follow.follower = std::make_unique<H5::Follower>(path.string());
+        }
+        if (!follow.follower->opened()) raiseOSError(follow.follower->opened().error);
+        for (const auto& [time, slice] : follow.follower->bundle()->getSlices()) {
+          follow.queued.push_back(time);
+        }
+        follow.idle = idle;
+        return follow;
+      },
+      py::arg("path"), py::arg("idle") = py::none(),
+      "Yields (time, Slice) for every step of a series already there, then each new one as its "
+      "sync completes; ends at the writer's closing record, or after `idle` seconds without news");
   module.def(
       "write_xdmf",
       [](const std::filesystem::path& path) {

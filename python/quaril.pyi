@@ -24,6 +24,29 @@ def check(path: Path) -> CheckReport:
     with where it is; OSError when there is no such file."""
 
 
+def follow(path: Path, idle: Optional[float] = None) -> Follow:
+    """Yields (time, Slice) for every step of a series already there, then each new one as
+    its sync completes (its values complete as of that sync); ends at the writer's closing
+    record (released binding), or after `idle` seconds without news. OSError when the file
+    cannot be read; ValueError for a negative idle time.
+
+        for t, step in quaril.follow("run.h5", idle=600):
+            plot(t, step["fluid"].field("pressure"))
+    """
+
+
+class Follow(Iterator[tuple[float, Slice]]):
+    """The steps of a series as they land; see follow()."""
+    def __iter__(self) -> Follow: ...
+    def __next__(self) -> tuple[float, Slice]: ...
+    @property
+    def bundle(self) -> Bundle:
+        """Every step taken up so far; a step that a later sync added to reads anew."""
+    @property
+    def closed(self) -> bool:
+        """Whether the series ended with its writer's closing record."""
+
+
 def write_xdmf(path: Path) -> None:
     """Writes PATH.xmf anew for visualisation programs (not while the series is bound)."""
 
@@ -142,3 +165,6 @@ class Bundle:
         not be read, unless skip_damaged=True."""
     def sync(self) -> None:
         """Writes what is new to the bound series; ValueError when not bound."""
+    def refresh(self) -> tuple[list[float], list[float]]:
+        """Takes up what was synced to the series the bundle was loaded from since it last
+        looked; (added, changed) times. OSError when it was loaded from no series."""

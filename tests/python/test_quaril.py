@@ -207,3 +207,60 @@ def test_check_reports_every_problem_of_a_file(tmp_path):
     assert good and good.problems == [] and good.grids == 4
     with pytest.raises(OSError, match="no such file"):
         quaril.check(tmp_path / "absent.h5")
+
+
+WRITER = """
+import sys, time
+import numpy as np
+import quaril
+bundle = quaril.Bundle()
+bundle[0.0]["cloud"].set_points(np.zeros((1, 3)))
+with bundle.bind(sys.argv[1]) as binding:
+    print("bound", flush=True)
+    sys.stdin.readline()
+    for t in (1 / 3, 1 + 2**-52, 2.5):
+        bundle[t]["cloud"].set_points(np.full((1, 3), t))
+        bundle[t]["cloud"].add_field("f", np.array([t]))
+        binding.sync()
+        time.sleep(0.05)
+"""
+
+
+def test_follow_yields_each_step_once_as_its_sync_lands_and_ends_with_the_writer(tmp_path):
+    import subprocess
+    import sys
+
+    path = str(tmp_path / "run.h5")
+    writer = subprocess.Popen([sys.executable, "-c", WRITER, path], stdin=subprocess.PIPE,
+                              stdout=subprocess.PIPE, text=True)
+    assert writer.stdout.readline() == "bound\n"
+    steps = quaril.follow(path, idle=30)
+    first = next(steps)
+    assert first[0] == 0.0 and first[1].grids == ["cloud"]
+    writer.stdin.write("go\n")
+    writer.stdin.flush()
+    rest = list(steps)  # ends at the closing record, long before the idle time
+    assert writer.wait() == 0
+    assert [t for t, _ in rest] == [1 / 3, 1 + 2**-52, 2.5]
+    for t, step in rest:
+        assert step["cloud"].field("f")[0] == t
+    assert steps.closed and len(steps.bundle) == 4
+
+
+def test_follow_ends_when_idle_and_refresh_takes_up_later_syncs(tmp_path):
+    path = str(tmp_path / "run.h5")
+    bundle = cloud_bundle(np.array([1.0]), times=(0.0,))
+    with bundle.bind(path) as binding:
+        steps = quaril.follow(path, idle=0.05)
+        assert [t for t, _ in steps] == [0.0]  # no news: ends after the idle time
+        reader = quaril.load(path)
+        bundle[1.0]["cloud"].set_points(np.ones((1, 3)))
+        binding.sync()
+        assert reader.refresh() == ([1.0], [])
+        assert reader.refresh() == ([], [])
+    with pytest.raises(OSError, match="loaded from no series"):
+        quaril.load(path + ".parts/" + os.listdir(path + ".parts")[0]).refresh()
+    with pytest.raises(ValueError, match="idle"):
+        quaril.follow(path, idle=-1)
+    with pytest.raises(OSError, match="missing.h5"):
+        quaril.follow(str(tmp_path / "missing.h5"))
