@@ -20,7 +20,11 @@ Outcome refresh(Bundle& bundle, SeriesUpdate& update) {
 /// Waits for a change of one file: by inotify where the file system gives
 /// it, by looking at the file's size and time of change otherwise.
 struct Follower::Watch {
-  explicit Watch(const std::string& path) : path_(path) {
+  Watch(const std::string& path, std::chrono::milliseconds poll) : path_(path), poll_(poll) {
+    if (poll.count() > 0) {
+      seen_ = stamp();
+      return;
+    }
     descriptor_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (descriptor_ >= 0 && inotify_add_watch(descriptor_, path.c_str(),
                                               IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE |
@@ -43,8 +47,9 @@ struct Follower::Watch {
       if (left.count() <= 0) return;
       // Notification may miss writes of other machines on a shared file
       // system: the file is looked at every second all the same.
-      const auto step = std::min(
-          left, descriptor_ >= 0 ? std::chrono::milliseconds(1000) : std::chrono::milliseconds(20));
+      const auto step = std::min(left, descriptor_ >= 0    ? std::chrono::milliseconds(1000)
+                                       : poll_.count() > 0 ? poll_
+                                                           : std::chrono::milliseconds(20));
       if (descriptor_ >= 0) {
         pollfd polled{descriptor_, POLLIN, 0};
         if (poll(&polled, 1, static_cast<int>(step.count())) > 0) {
@@ -85,13 +90,14 @@ struct Follower::Watch {
   }
 
   std::string path_;
+  std::chrono::milliseconds poll_;
   int descriptor_ = -1;
   Stamp seen_;
 };
 
-Follower::Follower(std::string path) : path_(std::move(path)) {
+Follower::Follower(std::string path, std::chrono::milliseconds poll) : path_(std::move(path)) {
   // Watched before it is read: a sync between the two is not missed.
-  watch_ = std::make_unique<Watch>(path_);
+  watch_ = std::make_unique<Watch>(path_, poll);
   opened_ = load(bundle_, {path_});
   closed_ = !opened_ || !detail::isJournal(path_);
   SeriesUpdate update;

@@ -35,8 +35,12 @@ Outcome refresh(Bundle& bundle, SeriesUpdate& update);
 /// and by polling otherwise.
 class Follower {
  public:
-  /// Loads the series (or single file) `path`; opened() says whether it could.
-  explicit Follower(std::string path);
+  /// Loads the series (or single file) `path`; opened() says whether it
+  /// could. Without `poll`, waits are woken by the file system's change
+  /// notification, and the file is also looked at every second (writers on
+  /// other machines of a shared file system notify nobody); with it, the
+  /// file is looked at every `poll` instead.
+  explicit Follower(std::string path, std::chrono::milliseconds poll = {});
   ~Follower();
   Follower(const Follower&) = delete;
   Follower& operator=(const Follower&) = delete;
