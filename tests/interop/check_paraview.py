@@ -6,7 +6,8 @@ what it sees is checked against what the library wrote. Run by `make interop`:
 - the demo data set (BUNDLE_TOOL demo), read back through the quaril module
   in MODULE_DIR;
 - a bundle of every mesh kind, saved by EVERY_KIND (interop_every_kind),
-  which prints what it wrote as JSON.
+  which prints what it wrote as JSON;
+- a series that grows by syncs after ParaView opened it, re-read.
 
 Every difference is listed before the script fails.
 """
@@ -21,7 +22,7 @@ from pathlib import Path
 
 import numpy as np
 from paraview import servermanager
-from paraview.simple import XDMFReader, Xdmf3ReaderT
+from paraview.simple import ReloadFiles, XDMFReader, Xdmf3ReaderT
 
 tool, module_dir, every_kind = sys.argv[1], sys.argv[2], sys.argv[3]
 sys.path.insert(0, module_dir)
@@ -213,9 +214,38 @@ def check_every_kind(folder):
               " \"Failed to read attribute data\")")
 
 
+# ---- a series followed while it is written --------------------------------------------
+
+
+def check_followed_series(folder):
+    """ParaView re-reads the descriptor of a series that grew since it opened it."""
+    file = str(Path(folder) / "run.h5")
+    bundle = quaril.Bundle()
+
+    def add_step(t):
+        bundle[t]["cloud"].set_points(np.full((int(t) + 1, 3), t))
+
+    add_step(0.0)
+    with bundle.bind(file) as binding:
+        reader = XDMFReader(FileNames=[file + ".xmf"])
+        reader.UpdatePipelineInformation()
+        expect("series: steps when opened", list(reader.TimestepValues), [0.0])
+        for t in (1.0, 2.0, 3.0):
+            add_step(t)
+            binding.sync()
+        ReloadFiles(reader)
+        reader.UpdatePipelineInformation()
+        expect("series: steps after three more syncs", list(reader.TimestepValues), [0.0, 1.0, 2.0, 3.0])
+        reader.UpdatePipeline(3.0)
+        cloud = servermanager.Fetch(reader)  # one grid: a data set, not blocks
+        expect("series: points of the newest step", cloud.GetNumberOfPoints(), 4)
+    print("ParaView re-read a series after more syncs and saw the new steps")
+
+
 with tempfile.TemporaryDirectory() as folder:
     check_demo(folder)
     check_every_kind(folder)
+    check_followed_series(folder)
 if failures:
     print(f"{len(failures)} difference(s) between ParaView and the library:", *failures, sep="\n  ",
           file=sys.stderr)
