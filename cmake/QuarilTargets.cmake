@@ -63,7 +63,8 @@ function(quaril_find_python variable)
   cmake_parse_arguments(ARG "" "" "MODULES" ${ARGN})
   list(JOIN ARG_MODULES ", " imports)
   find_program(path_python NAMES python3)
-  foreach(candidate /usr/bin/python3 ${path_python})
+  # QUARIL_PYTHON_EXECUTABLE first: the interpreter `pip install .` runs in.
+  foreach(candidate ${QUARIL_PYTHON_EXECUTABLE} /usr/bin/python3 ${path_python})
     if(EXISTS ${candidate})
       execute_process(COMMAND ${candidate} -c "import ${imports}" RESULT_VARIABLE failed
                       OUTPUT_QUIET ERROR_QUIET)

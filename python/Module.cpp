@@ -204,6 +204,32 @@ py::object fieldValues(const PyGrid& grid, const std::string& name, const std::s
   return py::cast(arrays);
 }
 
+/// Where field `name` of `grid` lives, and the shape and type of each of
+/// its fragments' arrays, without reading them: {"on", "shapes", "dtype"}.
+py::dict fieldLayout(const PyGrid& grid, const std::string& name) {
+  std::string on;
+  StrongPtr<Field> field;
+  forEachPlacedField(*grid.grid, [&](const SkeletonID& id, const Skeleton&, const FieldID& fieldID,
+                                     const StrongPtr<Field>& found) {
+    if (field || fieldID.Name() != name) return;
+    field = found;
+    on = id.dimension() == 0 ? "vertices" : "cells";
+  });
+  if (!field) throw py::key_error("no field \"" + name + "\" on grid \"" + grid.name + "\"");
+  const QuarilTypeBase& type = field->getElementDescriptor();
+  py::list shapes;
+  forEachFragment(*field,
+                  [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
+                    if (creator)
+                      shapes.append(py::tuple(py::cast(shapeOf(creator->getSize(), type))));
+                  });
+  py::dict layout;
+  layout["on"] = on;
+  layout["shapes"] = shapes;
+  layout["dtype"] = dtypeOf(type);
+  return layout;
+}
+
 /// The element type of `array` as a field: float64 with a last axis of 3 is
 /// a vector (`tvector`), anything else a scalar of the array's type.
 const QuarilTypeBase& fieldTypeOf(const py::array& array, bool& vector) {
@@ -353,7 +379,7 @@ py::tuple nextStep(PyFollow& follow) {
 }  // namespace
 }  // namespace Quaril::Python
 
-PYBIND11_MODULE(quaril, module) {
+PYBIND11_MODULE(_core, module) {
   using namespace Quaril;
   using namespace Quaril::Python;
   module.doc() = "Time-dependent scientific data: bundles of time steps holding grids with fields.";
@@ -365,6 +391,9 @@ PYBIND11_MODULE(quaril, module) {
       .def_property_readonly(
           "fields", [](const PyGrid& grid) { return fieldNames(*grid.grid); },
           "Names of the grid's fields (vertices and cells)")
+      .def("layout", &fieldLayout, py::arg("name"),
+           "Where field `name` lives and its arrays' shapes and dtype, reading no data: "
+           "{'on': 'vertices' | 'cells', 'shapes': [one per fragment], 'dtype'}")
       .def("field", &fieldValues, py::arg("name"), py::arg("on") = "",
            "The values of field `name` as a numpy array (a list of arrays for a fragmented "
            "field); points and vectors as (n, 3). Reads lazily loaded data now.")
@@ -549,6 +578,16 @@ PYBIND11_MODULE(quaril, module) {
             return evolution(bundle.bundle, name);
           },
           py::arg("name"), "A generator of (time, grid) over every step that holds `name`")
+      .def(
+          "times_of",
+          [](const PyBundle& bundle, const std::string& name) {
+            const StrongPtr<GridID> id = bundle.bundle->getGridList()->find(name);
+            if (!id) throw py::key_error("no grid \"" + name + "\"");
+            std::vector<double> times;
+            for (const auto& [time, slice] : id->getSliceMap().entries()) times.push_back(time);
+            return py::array_t<double>(static_cast<py::ssize_t>(times.size()), times.data());
+          },
+          py::arg("name"), "The times of the steps that hold grid `name`, reading no step")
       .def(
           "first",
           [](const PyBundle& bundle, const std::string& name) -> py::object {

@@ -21,6 +21,10 @@ packages=(
   python3-h5py
   python3-numpy
   python3-pytest
+  python3-venv
+  python3-xarray
+  python3-netcdf4
+  python3-dask
 )
 if [ "${1:-}" = "fuzz" ]; then
   packages+=(clang libclang-rt-14-dev)

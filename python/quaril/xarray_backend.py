@@ -1,0 +1,188 @@
+"""One grid of a bundle file as an xarray Dataset, read lazily step by step.
+
+Registered as xarray's engine "quaril" (``xr.open_dataset(path, engine="quaril",
+group="fluid")``), and usable without the registration as
+``engine=quaril.XarrayBackend``.
+"""
+
+import threading
+
+import numpy as np
+from xarray import Dataset, Variable
+from xarray.backends import BackendArray, BackendEntrypoint
+from xarray.core import indexing
+
+from . import _core
+
+# The core serialises its own file access; this keeps dask's threads from
+# interleaving the reads of one variable.
+_LOCK = threading.Lock()
+
+
+class _Layout:
+    """What one step of a grid holds: each field's location, shape and type,
+    and the coordinates that do not change."""
+
+    def __init__(self, grid):
+        self.uniform = grid.uniform
+        self.fields = {}
+        for name in grid.fields:
+            if self.uniform is not None and name == "Positions":
+                continue  # the coordinates x, y, z say it
+            layout = grid.layout(name)
+            if len(layout["shapes"]) != 1:
+                raise ValueError(f"field \"{name}\" of grid \"{grid.name}\" at time {grid.time!r} "
+                                 f"has {len(layout['shapes'])} fragments: xarray reads one array "
+                                 "per step")
+            self.fields[name] = (layout["on"], tuple(layout["shapes"][0]), layout["dtype"])
+
+    def dims(self, name):
+        on, shape, _ = self.fields[name]
+        if self.uniform is not None:
+            axes = ("z", "y", "x") if on == "vertices" else ("cell_z", "cell_y", "cell_x")
+            spatial = axes[len(axes) - min(len(shape), 3):]
+        else:
+            spatial = ("point",) if on == "vertices" else ("cell",)
+        rest = shape[len(spatial):]
+        extra = tuple("component" if n == 3 and i == len(rest) - 1 else f"{name}_axis{i}"
+                      for i, n in enumerate(rest))
+        return ("time",) + spatial + extra
+
+    def differences(self, other):
+        """What differs from `other`, a layout of another step; empty when nothing."""
+        if set(self.fields) != set(other.fields):
+            return f"its fields are {sorted(other.fields)}, not {sorted(self.fields)}"
+        for name, (on, shape, dtype) in self.fields.items():
+            if other.fields[name] != (on, shape, dtype):
+                o = other.fields[name]
+                return (f"field \"{name}\" is {o[1]} {o[2]} on {o[0]}, "
+                        f"not {shape} {dtype} on {on}")
+        if self.uniform != other.uniform:
+            return "its uniform extents, origin or spacing differ"
+        return ""
+
+
+class _StepArray(BackendArray):
+    """A field over the chosen steps; indexing reads only the steps asked for."""
+
+    def __init__(self, store, name, shape, dtype):
+        self.store, self.name = store, name
+        self.shape = (len(store.times),) + tuple(shape)
+        self.dtype = dtype
+
+    def __getitem__(self, key):
+        return indexing.explicit_indexing_adapter(
+            key, self.shape, indexing.IndexingSupport.BASIC, self._read)
+
+    def _read(self, key):
+        steps = np.arange(len(self.store.times))[key[0]]
+        rest = key[1:]
+        if np.ndim(steps) == 0:
+            return self.store.values(int(steps), self.name)[rest]
+        out = np.empty((len(steps),) + np.empty(self.shape[1:])[rest].shape, self.dtype)
+        for i, step in enumerate(steps):
+            out[i] = self.store.values(int(step), self.name)[rest]
+        return out
+
+
+class _Store:
+    """A grid of a bundle over the chosen times."""
+
+    def __init__(self, bundle, group, times):
+        self.bundle, self.group, self.times = bundle, group, times
+        self.layout = _Layout(self._grid(0))
+        if len(times) > 1:
+            self._require_same(len(times) - 1)
+
+    def _grid(self, step):
+        return self.bundle.slice(float(self.times[step])).grid(self.group)
+
+    def _require_same(self, step):
+        differs = self.layout.differences(_Layout(self._grid(step)))
+        if differs:
+            raise ValueError(f"grid \"{self.group}\" changes at time {self.times[step]!r}: "
+                             f"{differs}; choose a time range in which it does not (times=...)")
+
+    def values(self, step, name):
+        with _LOCK:
+            grid = self._grid(step)
+            on, shape, dtype = self.layout.fields[name]
+            values = grid.field(name, on=on)
+            if isinstance(values, list) or values.shape != shape or values.dtype != dtype:
+                self._require_same(step)
+            return np.asarray(values)
+
+
+def _coordinates(layout, times):
+    coords = {"time": Variable(("time",), np.asarray(times, dtype=float))}
+    if layout.uniform is not None:
+        extents = layout.uniform["extents"]
+        for axis, letter in enumerate("xyz"[:len(extents)]):
+            origin, spacing = layout.uniform["origin"][axis], layout.uniform["spacing"][axis]
+            coords[letter] = Variable((letter,), origin + spacing * np.arange(extents[axis]))
+    return coords
+
+
+def open_grid(path, group, times=None, drop_variables=None):
+    """The grid `group` of the file or series `path` as a Dataset (see module doc)."""
+    bundle = _core.load(path)
+    if group is None:
+        grids = bundle.grids
+        if len(grids) != 1:
+            raise ValueError(f"{path} holds the grids {grids}: name one (group=...)")
+        group = grids[0]
+    if group not in bundle.grids:
+        raise KeyError(f"no grid \"{group}\" in {path}; there are {bundle.grids}")
+    held = bundle.times_of(group)
+    if times is not None:
+        first, last = times
+        held = held[(held >= (-np.inf if first is None else first))
+                    & (held <= (np.inf if last is None else last))]
+        if len(held) == 0:
+            raise ValueError(f"grid \"{group}\" has no step in the times {times!r}")
+    store = _Store(bundle, group, held)
+    coords = _coordinates(store.layout, held)
+    variables = {}
+    for name, (on, shape, dtype) in store.layout.fields.items():
+        if drop_variables and name in drop_variables:
+            continue
+        data = indexing.LazilyIndexedArray(_StepArray(store, name, shape, dtype))
+        target = coords if name == "Positions" else variables
+        dims = store.layout.dims(name)
+        # With chunks={}, dask gets one chunk per step: a step is read whole.
+        chunks = dict(zip(dims, (1,) + tuple(shape)))
+        target["positions" if name == "Positions" else name] = Variable(
+            dims, data, {"location": on}, encoding={"preferred_chunks": chunks})
+    dataset = Dataset(variables, coords=coords, attrs={"grid": group, "file": str(path)})
+    dataset.set_close(None)
+    return dataset
+
+
+class XarrayBackend(BackendEntrypoint):
+    """xarray's engine "quaril": one grid of a bundle file or series per Dataset."""
+
+    description = "Bundle files and series of Quaril: one grid as a Dataset over time"
+    open_dataset_parameters = ("filename_or_obj", "group", "times", "drop_variables")
+
+    def open_dataset(self, filename_or_obj, *, group=None, times=None, drop_variables=None):
+        import os
+        return open_grid(os.fspath(filename_or_obj), group, times, drop_variables)
+
+    def guess_can_open(self, filename_or_obj):
+        # Series by their journal; single files only by the name the library
+        # gives them (other HDF5 files are other engines').
+        import os
+        try:
+            path = os.fspath(filename_or_obj)
+            if str(path).endswith(".qb.h5"):
+                return True
+            with open(path, "rb") as file:
+                return file.read(8) == b"QBSERIES"
+        except (OSError, TypeError):
+            return False
+
+
+def open_datasets(path, times=None):
+    """Every grid of the file or series `path` as a Dataset, by name."""
+    bundle = _core.load(path)
+    return {name: open_grid(path, name, times) for name in bundle.grids}
