@@ -6,6 +6,7 @@
 #include <pybind11/stl.h>
 #include <pybind11/stl/filesystem.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -159,6 +160,18 @@ void requireReadable(const PySlice& slice, const std::string& name) {
   for (const H5::Problem& problem : unreadableGrids(slice)) {
     if (problem.grid == name) raiseOSError(problem.text());
   }
+}
+
+/// The names of the grids of `slice`, those that could not be read too.
+std::vector<std::string> sliceGridNames(const PySlice& slice) {
+  std::vector<std::string> names;
+  slice.slice->accessSlice();
+  for (const auto& [id, grid] : slice.slice->getGrids()) {
+    if (id && grid) names.push_back(id->getName());
+  }
+  for (const H5::Problem& problem : unreadableGrids(slice)) names.push_back(problem.grid);
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 PyGrid gridAt(const BundlePtr& bundle, const SlicePtr& slice, const std::string& name) {
@@ -444,22 +457,37 @@ PYBIND11_MODULE(_core, module) {
           py::arg("points"), py::arg("cells"), "Makes the grid a triangle surface")
       .def("add_field", &addField, py::arg("name"), py::arg("array"), py::arg("on") = "vertices",
            "Adds a field from a numpy array (copied once); float64 (..., 3) arrays are vectors")
-      .def("__repr__", &describe);
+      .def("__repr__", &describe)
+      // A mapping of field names to values, as `field(name)` reads them.
+      .def("keys", [](const PyGrid& grid) { return fieldNames(*grid.grid); })
+      .def("__iter__",
+           [](const PyGrid& grid) { return py::iter(py::cast(fieldNames(*grid.grid))); })
+      .def("__len__", [](const PyGrid& grid) { return fieldNames(*grid.grid).size(); })
+      .def("__contains__",
+           [](const PyGrid& grid, const std::string& name) {
+             return static_cast<bool>(findField(*grid.grid, name, ""));
+           })
+      .def(
+          "__getitem__",
+          [](const PyGrid& grid, const std::string& name) { return fieldValues(grid, name, ""); },
+          "The values of field `name`, as field(name)")
+      .def(
+          "get",
+          [](const PyGrid& grid, const std::string& name, const py::object& otherwise) {
+            return findField(*grid.grid, name, "") ? fieldValues(grid, name, "") : otherwise;
+          },
+          py::arg("name"), py::arg("default") = py::none())
+      .def("items", [](const PyGrid& grid) {
+        py::list items;
+        for (const std::string& name : fieldNames(*grid.grid)) {
+          items.append(py::make_tuple(name, fieldValues(grid, name, "")));
+        }
+        return items;
+      });
 
   py::class_<PySlice>(module, "Slice", "The grids of one time step.")
       .def_property_readonly("time", [](const PySlice& slice) { return slice.slice->getTime(); })
-      .def_property_readonly("grids",
-                             [](const PySlice& slice) {
-                               std::vector<std::string> names;
-                               slice.slice->accessSlice();
-                               for (const auto& [id, grid] : slice.slice->getGrids()) {
-                                 if (id && grid) names.push_back(id->getName());
-                               }
-                               for (const H5::Problem& problem : unreadableGrids(slice)) {
-                                 names.push_back(problem.grid);
-                               }
-                               return names;
-                             })
+      .def_property_readonly("grids", &sliceGridNames)
       .def(
           "__getitem__",
           [](PySlice& slice, const std::string& name) {
@@ -488,8 +516,31 @@ PYBIND11_MODULE(_core, module) {
              slice.slice->accessSlice();
              return slice.slice->getGrids().size() + unreadableGrids(slice).size();
            })
+      // A mapping of grid names to grids (though slice[name] makes a missing one).
+      .def("keys", &sliceGridNames)
+      .def("__iter__",
+           [](const PySlice& slice) { return py::iter(py::cast(sliceGridNames(slice))); })
+      .def(
+          "get",
+          [](const PySlice& slice, const std::string& name, const py::object& otherwise) {
+            return (*slice.slice)(name) ? py::cast(gridAt(slice.bundle, slice.slice, name))
+                                        : otherwise;
+          },
+          py::arg("name"), py::arg("default") = py::none())
+      .def("items",
+           [](const PySlice& slice) {
+             py::list items;
+             for (const std::string& name : sliceGridNames(slice)) {
+               items.append(py::make_tuple(name, gridAt(slice.bundle, slice.slice, name)));
+             }
+             return items;
+           })
       .def("__repr__", [](const PySlice& slice) {
-        return "<quaril.Slice t=" + Tools::formatTime(slice.slice->getTime()) + ">";
+        const std::vector<std::string> names = sliceGridNames(slice);
+        std::string text = "<quaril.Slice t=" + Tools::formatTime(slice.slice->getTime()) + ": " +
+                           std::to_string(names.size()) + " grids";
+        for (size_t i = 0; i < names.size(); ++i) text += (i ? ", " : " (") + names[i];
+        return text + (names.empty() ? ">" : ")>");
       });
 
   py::class_<PyFollow>(module, "Follow",
@@ -685,6 +736,48 @@ PYBIND11_MODULE(_core, module) {
              if (!bundle.bundle->getStorage()) throw py::value_error("the bundle is not bound");
              PyBinding{bundle.bundle, ""}.sync();
            })
+      // A mapping of times to slices (iteration gives (time, slice) pairs, as items()).
+      .def("keys",
+           [](const PyBundle& bundle) {
+             std::vector<double> times;
+             for (const auto& [time, slice] : bundle.bundle->getSlices()) {
+               if (slice) times.push_back(time);
+             }
+             return times;
+           })
+      .def("__contains__",
+           [](const PyBundle& bundle, double t) {
+             const auto found = bundle.bundle->getSlices().find(t);
+             return found != bundle.bundle->getSlices().end() && found->second;
+           })
+      .def(
+          "get",
+          [](const PyBundle& bundle, double t, const py::object& otherwise) -> py::object {
+            const auto found = bundle.bundle->getSlices().find(t);
+            if (found == bundle.bundle->getSlices().end() || !found->second) return otherwise;
+            return py::cast(PySlice{bundle.bundle, found->second});
+          },
+          py::arg("t"), py::arg("default") = py::none())
+      .def("items",
+           [](const PyBundle& bundle) {
+             py::list items;
+             for (const auto& [time, slice] : bundle.bundle->getSlices()) {
+               if (slice) items.append(py::make_tuple(time, PySlice{bundle.bundle, slice}));
+             }
+             return items;
+           })
+      .def("_repr_html_",
+           [](const PyBundle& bundle) {
+             // What `bundle-tool info` prints, for notebooks.
+             std::string html = "<pre>";
+             for (char c : Tools::formatSummary(Tools::summarize(*bundle.bundle))) {
+               html += c == '<'   ? "&lt;"
+                       : c == '>' ? "&gt;"
+                       : c == '&' ? "&amp;"
+                                  : std::string(1, c);
+             }
+             return html + "</pre>";
+           })
       .def("__repr__", [](const PyBundle& bundle) {
         const auto& slices = bundle.bundle->getSlices();
         std::string text = "<quaril.Bundle " + std::to_string(slices.size()) + " steps";
@@ -692,8 +785,18 @@ PYBIND11_MODULE(_core, module) {
           text += " from " + Tools::formatTime(slices.begin()->first) + " to " +
                   Tools::formatTime(slices.rbegin()->first);
         }
-        return text + ", " + std::to_string(bundle.bundle->getGridList()->getNumberOfGrids()) +
-               " grids>";
+        std::set<std::string> names;
+        bundle.bundle->getGridList()->getGridnames(names);
+        text += ", " + std::to_string(names.size()) + " grids";
+        size_t shown = 0;
+        for (const std::string& name : names) {
+          if (shown == 8) {
+            text += ", ...";
+            break;
+          }
+          text += (shown++ ? ", " : " (") + name;
+        }
+        return text + (names.empty() ? ">" : ")>");
       });
 
   py::class_<H5::Problem>(module, "Problem",

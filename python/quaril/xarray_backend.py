@@ -52,7 +52,7 @@ class _Layout:
         """What differs from `other`, a layout of another step; empty when nothing."""
         if set(self.fields) != set(other.fields):
             return f"its fields are {sorted(other.fields)}, not {sorted(self.fields)}"
-        for name, (on, shape, dtype) in self.fields.items():
+        for name, (on, shape, dtype) in sorted(self.fields.items()):
             if other.fields[name] != (on, shape, dtype):
                 o = other.fields[name]
                 return (f"field \"{name}\" is {o[1]} {o[2]} on {o[0]}, "
@@ -91,8 +91,10 @@ class _Store:
     def __init__(self, bundle, group, times):
         self.bundle, self.group, self.times = bundle, group, times
         self.layout = _Layout(self._grid(0))
-        if len(times) > 1:
-            self._require_same(len(times) - 1)
+        if len(times) > 1 and self.layout.differences(_Layout(self._grid(len(times) - 1))):
+            # Named at the first step where it changes: found only when it does.
+            for step in range(1, len(times)):
+                self._require_same(step)
 
     def _grid(self, step):
         return self.bundle.slice(float(self.times[step])).grid(self.group)

@@ -106,7 +106,7 @@ def test_navigation_through_time(tmp_path):
     assert read.most_recent(0.5, "probe") is None
     assert [t for t, _ in read.evolution("probe")] == [1, 3]
     assert read.first("probe")[0] == 1 and read.last("probe")[0] == 3
-    assert repr(read) == "<quaril.Bundle 4 steps from 0 to 3, 2 grids>"
+    assert repr(read) == "<quaril.Bundle 4 steps from 0 to 3, 2 grids (cloud, probe)>"
     assert repr(read.slice(3).grid("probe")) == '<quaril.Grid "probe" at t=3: Positions>'
     assert "<GRID>" in read.xml()
 

@@ -1,0 +1,97 @@
+"""xarray over bundle files, and the mapping protocols of the module's objects."""
+
+import numpy as np
+import pytest
+
+import quaril
+
+xr = pytest.importorskip("xarray")
+
+
+def write_run(path, steps=4, changing_at=None):
+    """A uniform grid "fluid" (4 x 3 x 2 vertices) with a scalar and a vector
+    field, and a point cloud "cloud" with a cell-free field, at `steps` times."""
+    bundle = quaril.Bundle()
+    times = [i / 3 for i in range(steps)]
+    for i, t in enumerate(times):
+        fluid = bundle[t]["fluid"]
+        extents = (5, 3, 2) if changing_at is not None and i >= changing_at else (4, 3, 2)
+        fluid.set_uniform(extents, origin=(1, 2, 3), spacing=(0.5, 1, 2))
+        count = int(np.prod(extents))
+        fluid.add_field("p", np.arange(count, dtype=float) + i)
+        fluid.add_field("v", np.full((count, 3), float(i)))
+        cloud = bundle[t]["cloud"]
+        cloud.set_points(np.full((5, 3), t))
+        cloud.add_field("mass", np.arange(5, dtype=np.float32) * i)
+    bundle.save(path)
+    return times
+
+
+def test_a_uniform_grid_is_a_dataset_with_exact_times_and_coordinates(tmp_path):
+    path = str(tmp_path / "run.qb.h5")
+    times = write_run(path)
+    fluid = xr.open_dataset(path, engine=quaril.XarrayBackend, group="fluid")
+    assert list(fluid.time.values) == times  # bit for bit: 1/3 and 2/3 too
+    assert fluid.p.dims == ("time", "z", "y", "x") and fluid.p.shape == (4, 2, 3, 4)
+    assert fluid.v.dims == ("time", "z", "y", "x", "component")
+    assert list(fluid.x.values) == [1, 1.5, 2, 2.5] and list(fluid.z.values) == [3, 5]
+    assert fluid.p.sel(time=times[2], x=2.0, y=3.0, z=5.0).item() == 12 + 4 + 2 + 2
+    cloud = xr.open_dataset(path, engine=quaril.XarrayBackend, group="cloud", chunks={})
+    assert cloud.mass.dims == ("time", "point") and cloud.mass.dtype == np.float32
+    assert cloud.positions.dims == ("time", "point", "component")
+    assert cloud.mass.chunks == ((1, 1, 1, 1), (5,))  # one chunk per step
+    assert float(cloud.mass.sum().compute()) == 10 * (0 + 1 + 2 + 3)
+    assert sorted(quaril.open_datasets(path)) == ["cloud", "fluid"]
+
+
+def test_opening_reads_no_array_and_indexing_reads_only_the_steps_asked_for(tmp_path,
+                                                                             monkeypatch):
+    from quaril import xarray_backend
+
+    path = str(tmp_path / "run.qb.h5")
+    write_run(path, steps=6)
+    read = []
+    values = xarray_backend._Store.values
+    monkeypatch.setattr(xarray_backend._Store, "values",
+                        lambda store, step, name: read.append((step, name)) or values(store, step, name))
+    fluid = xr.open_dataset(path, engine=quaril.XarrayBackend, group="fluid")
+    assert read == []
+    assert fluid.p.isel(time=4, x=1).values.shape == (2, 3)
+    assert read == [(4, "p")]
+    read.clear()
+    fluid.p.isel(time=slice(1, 3)).load()
+    assert read == [(1, "p"), (2, "p")]
+
+
+def test_a_grid_that_changes_is_an_error_naming_where_unless_the_times_avoid_it(tmp_path):
+    path = str(tmp_path / "run.qb.h5")
+    times = write_run(path, steps=5, changing_at=3)
+    with pytest.raises(ValueError, match=r"changes at time 1\.0: field \"p\""):
+        xr.open_dataset(path, engine=quaril.XarrayBackend, group="fluid").load()
+    kept = xr.open_dataset(path, engine=quaril.XarrayBackend, group="fluid",
+                           times=(None, times[2]))
+    assert kept.p.shape == (3, 2, 3, 4)
+    with pytest.raises(KeyError, match=r"no grid \"gas\".*there are.*cloud.*fluid"):
+        xr.open_dataset(path, engine=quaril.XarrayBackend, group="gas")
+    with pytest.raises(ValueError, match="no step in the times"):
+        xr.open_dataset(path, engine=quaril.XarrayBackend, group="fluid", times=(7, 8))
+
+
+def test_bundles_slices_and_grids_are_mappings_with_a_repr_that_says_what_they_hold(tmp_path):
+    path = str(tmp_path / "run.qb.h5")
+    times = write_run(path, steps=2)
+    run = quaril.load(path)
+    assert run.keys() == times and times[1] in run and 7.0 not in run
+    assert run.get(7.0) is None and run.get(times[0]).time == times[0]
+    assert [t for t, _ in run.items()] == times
+    step = run[times[1]]
+    assert step.keys() == ["cloud", "fluid"] and list(step) == ["cloud", "fluid"]
+    assert step.get("gas") is None and step.get("fluid").name == "fluid"
+    fluid = step["fluid"]
+    assert "p" in fluid and "q" not in fluid and len(fluid) == len(fluid.keys())
+    assert np.array_equal(fluid["p"], np.arange(24.0).reshape(2, 3, 4) + 1)
+    assert fluid.get("q", 5) == 5 and dict(fluid.items()).keys() == set(fluid.keys())
+    assert repr(run) == "<quaril.Bundle 2 steps from 0 to 0.3333333333333333, 2 grids (cloud, fluid)>"
+    assert repr(step) == "<quaril.Slice t=0.3333333333333333: 2 grids (cloud, fluid)>"
+    html = run._repr_html_()
+    assert html.startswith("<pre>") and "fluid" in html and "2 time steps" in html
