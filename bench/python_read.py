@@ -2,8 +2,12 @@
 quaril module, in turns with h5py reading the same data set of the same file:
  - FieldRead: each step's field read from a file opened once (data sets
    opened, read, closed);
- - OpenAndRead: the file opened, one field read, the file closed.
-Prints the medians and their ratios (ours / h5py, lower is better).
+ - OpenAndRead: the file opened, one field read, the file closed;
+and xarray over a 10^4-step file of an 8^3 float64 field, in turns with
+xarray over the same values stored as netCDF with an unlimited time dimension:
+ - XarrayOpenStep: the file opened and the middle step read;
+ - XarrayPointSeries: the values at one point over all steps.
+Prints the medians and their ratios (ours / theirs, lower is better).
 
 Run with the module on the path: PYTHONPATH=<build>/python/package python3 bench/python_read.py
 """
@@ -15,6 +19,12 @@ from pathlib import Path
 
 import h5py
 import numpy as np
+
+try:
+    import netCDF4
+    import xarray as xr
+except ImportError:  # the xarray figures need both
+    xr = None
 
 import quaril
 
@@ -62,6 +72,55 @@ def read_all_h5py(path):
         return time.perf_counter() - start
 
 
+SERIES_STEPS = 10000
+SERIES_EDGE = 8
+SERIES_ROUNDS = 3
+
+
+def make_series(ours, theirs):
+    """The same (time, z, y, x) values as our file and as netCDF."""
+    times = np.arange(SERIES_STEPS) / 7
+    bundle = quaril.Bundle()
+    with netCDF4.Dataset(theirs, "w") as nc:
+        nc.createDimension("time", None)
+        for axis in "zyx":
+            nc.createDimension(axis, SERIES_EDGE)
+        nc.createVariable("time", "f8", ("time",))[:] = times
+        field = nc.createVariable("p", "f8", ("time", "z", "y", "x"))
+        for step, t in enumerate(times):
+            values = np.full((SERIES_EDGE,) * 3, float(step))
+            field[step] = values
+            grid = bundle[float(t)]["fluid"]
+            grid.set_uniform((SERIES_EDGE,) * 3)
+            grid.add_field("p", values)
+    bundle.save(ours, xdmf=False)
+
+
+def xarray_rounds(ours, theirs):
+    """(name, our times, their times) of the xarray work, in turns."""
+    def open_step(path, **engine):
+        with xr.open_dataset(path, **engine) as data:
+            return float(data.p.isel(time=SERIES_STEPS // 2, x=0, y=0, z=0))
+
+    def point_series(path, **engine):
+        with xr.open_dataset(path, **engine) as data:
+            return data.p[:, 3, 4, 5].values
+
+    rows = []
+    for name, work in (("XarrayOpenStep", open_step), ("XarrayPointSeries", point_series)):
+        mine, baseline = [], []
+        for _ in range(SERIES_ROUNDS):
+            for path, engine, times in ((theirs, {}, baseline),
+                                        (ours, {"engine": quaril.XarrayBackend, "group": "fluid"},
+                                         mine)):
+                start = time.perf_counter()
+                result = work(path, **engine)
+                times.append(time.perf_counter() - start)
+                assert np.all(np.asarray(result) >= 0)
+        rows.append((name, mine, baseline))
+    return rows
+
+
 def main():
     with tempfile.TemporaryDirectory() as folder:
         path = str(Path(folder) / "series.h5")
@@ -78,13 +137,17 @@ def main():
                 values = reader(path, step)
                 times.append(time.perf_counter() - start)
                 assert values.shape == (EDGE, EDGE, EDGE) and values[0, 0, 0] == step
-        print(f"a {EDGE}^3 float field of a {STEPS}-step file, median ms (quaril, h5py):")
-        rows = (("FieldRead", ours_all, theirs_all), ("OpenAndRead", ours, theirs))
+        rows = [("FieldRead", ours_all, theirs_all), ("OpenAndRead", ours, theirs)]
+        if xr is not None:
+            make_series(str(Path(folder) / "steps.h5"), str(Path(folder) / "steps.nc"))
+            rows += xarray_rounds(str(Path(folder) / "steps.h5"), str(Path(folder) / "steps.nc"))
+        print(f"a {EDGE}^3 float field of a {STEPS}-step file, median ms (quaril, h5py); "
+              f"xarray over {SERIES_STEPS} steps of {SERIES_EDGE}^3 (quaril, netCDF):")
         for name, mine, baseline in rows:
-            print(f"  {name:12} {1e3 * statistics.median(mine):.3f} {1e3 * statistics.median(baseline):.3f}")
+            print(f"  {name:18} {1e3 * statistics.median(mine):.3f} {1e3 * statistics.median(baseline):.3f}")
         print("Ratios (ours / baseline, lower is better):")
         for name, mine, baseline in rows:
-            print(f"  {name:12} {statistics.median(mine) / statistics.median(baseline):.2f}")
+            print(f"  {name:18} {statistics.median(mine) / statistics.median(baseline):.2f}")
 
 
 if __name__ == "__main__":
