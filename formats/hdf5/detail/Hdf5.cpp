@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <type_traits>
 
 #include "formats/hdf5/detail/Files.hpp"
@@ -344,13 +345,15 @@ void walkCollection(const std::vector<uint8_t>& heap, uint64_t at) {
 void checkGlobalHeaps(const RawFile& raw) {
   if (raw.descriptor < 0) return;
   constexpr uint64_t Window = 64 * 1024, LargestCollection = uint64_t{1} << 26;
-  const std::vector<uint8_t> head = rawBytes(raw, 0, std::min<uint64_t>(raw.bytes, Window));
-  static constexpr uint8_t Signature[] = {'G', 'C', 'O', 'L'};
-  for (auto found =
-           std::search(head.begin(), head.end(), std::begin(Signature), std::end(Signature));
-       found != head.end();
-       found = std::search(found + 1, head.end(), std::begin(Signature), std::end(Signature))) {
-    const uint64_t at = static_cast<uint64_t>(found - head.begin());
+  // Not zeroed first, and searched with memmem: this runs on every open.
+  std::unique_ptr<uint8_t[]> bytes(new uint8_t[Window]);
+  const size_t held =
+      readAt(raw.descriptor, bytes.get(), std::min<uint64_t>(raw.bytes, Window), 0, "the file");
+  const uint8_t* const head = bytes.get();
+  static constexpr char Signature[] = {'G', 'C', 'O', 'L'};
+  for (const void* found = memmem(head, held, Signature, sizeof(Signature)); found;) {
+    const uint64_t at = static_cast<uint64_t>(static_cast<const uint8_t*>(found) - head);
+    found = memmem(head + at + 1, held - at - 1, Signature, sizeof(Signature));
     const std::vector<uint8_t> header = rawBytes(raw, at, 16);
     if (header.size() < 16 || header[4] != 1) continue;  // not a collection of version 1
     const uint64_t size = littleEndian(&header[8], 8);
