@@ -1,5 +1,6 @@
 #include "field/CreativeArrayBase.hpp"
 
+#include <cstring>
 #include <exception>
 
 #include "ostrak/Diagnostics.hpp"
@@ -93,6 +94,86 @@ StrongPtr<MemBase, Cacheable> CreativeArrayBase::produceChecked() const {
   return data;
 }
 
+namespace {
+
+/// Copies the box of `count` elements per axis from `first` out of the
+/// `elementBytes`-byte elements of an array of `extents` at `from`, the
+/// first axis fastest.
+void copyBox(const unsigned char* from, unsigned char* to, const DynamicSize& extents,
+             const std::vector<uint64_t>& first, const std::vector<uint64_t>& count,
+             size_t elementBytes) {
+  const size_t rank = count.size();
+  const size_t row = count[0] * elementBytes;
+  std::vector<uint64_t> at(rank, 0);  // the position among the rows, axes 1 and up
+  for (;;) {
+    uint64_t offset = 0, stride = 1;
+    for (size_t axis = 0; axis < rank; ++axis) {
+      offset += (first[axis] + at[axis]) * stride;
+      stride *= extents[static_cast<int>(axis)];
+    }
+    std::memcpy(to, from + offset * elementBytes, row);
+    to += row;
+    size_t axis = 1;
+    for (; axis < rank && ++at[axis] == count[axis]; ++axis) at[axis] = 0;
+    if (axis >= rank) return;
+  }
+}
+
+}  // namespace
+
+StrongPtr<MemBase, Cacheable> CreativeArrayBase::getRegion(
+    const std::vector<uint64_t>& first, const std::vector<uint64_t>& count) const {
+  const auto fail = [this](std::string reason) {
+    std::lock_guard lock(mutex_);
+    lastError_ = std::move(reason);
+    return StrongPtr<MemBase, Cacheable>();
+  };
+  StrongPtr<MemBase, Cacheable> whole;
+  DynamicSize extents = getSize();
+  if (extents.rank() == 0) {
+    // A size learnt only by producing.
+    whole = getData();
+    if (!whole) return {};
+    extents = whole->getSize();
+  }
+  if (first.size() != count.size() || static_cast<int>(count.size()) != extents.rank()) {
+    return fail("a region of rank " + std::to_string(count.size()) + " of data of rank " +
+                std::to_string(extents.rank()));
+  }
+  for (size_t axis = 0; axis < count.size(); ++axis) {
+    const uint64_t extent = extents[static_cast<int>(axis)];
+    if (count[axis] == 0 || first[axis] >= extent || count[axis] > extent - first[axis]) {
+      return fail("the region does not lie within the data's extents " + extents.str());
+    }
+  }
+  if (!whole) {
+    try {
+      if (StrongPtr<MemBase, Cacheable> read = produceRegion(first, count)) return read;
+    } catch (const std::exception& error) {
+      return fail(error.what());
+    }
+    whole = getData();
+    if (!whole) return {};
+  }
+  const auto* from = static_cast<const unsigned char*>(whole->rawData());
+  if (!from) return fail("the data are computed, not stored: no region can be copied");
+  StrongPtr<MemBase, Cacheable> box;
+  try {
+    box = makeMemArray(*type_, DynamicSize(count), false);
+  } catch (const std::bad_alloc&) {
+    return fail("the region does not fit in memory");
+  }
+  if (!box)
+    return fail("no array of type " + type_->name() + " and rank " + std::to_string(count.size()));
+  copyBox(from, static_cast<unsigned char*>(box->rawData()), extents, first, count, type_->size());
+  return box;
+}
+
+StrongPtr<MemBase, Cacheable> CreativeArrayBase::produceRegion(const std::vector<uint64_t>&,
+                                                               const std::vector<uint64_t>&) const {
+  return {};
+}
+
 void CreativeArrayBase::setCaching(bool caching) {
   std::lock_guard lock(mutex_);
   caching_ = caching;
@@ -157,6 +238,11 @@ bool DeferredCreator::isProducible() const {
 StrongPtr<MemBase, Cacheable> DeferredCreator::produce() const {
   productions_.fetch_add(1, std::memory_order_relaxed);
   return producer_();
+}
+
+StrongPtr<MemBase, Cacheable> DeferredCreator::produceRegion(
+    const std::vector<uint64_t>& first, const std::vector<uint64_t>& count) const {
+  return regionProducer_ ? regionProducer_(first, count) : StrongPtr<MemBase, Cacheable>();
 }
 
 }  // namespace Quaril

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "field/DynamicSize.hpp"
 #include "field/MemBase.hpp"
@@ -63,6 +64,16 @@ class CreativeArrayBase : public Ostrak::ReferenceBase<CreativeArrayBase>,
   /// Why the last production failed; empty after a success.
   std::string lastError() const;
 
+  /// A box of the data, `count` elements along each axis from `first` (the
+  /// axes as getSize() orders them), as an array of its own. Only the box is
+  /// read where the creator can (a file's hyperslab); otherwise the whole
+  /// data are made (and cached, as getData() does) and the box copied out.
+  /// A box read alone cannot be checked against a checksum of the whole
+  /// array. Null when the box does not lie within the data or they cannot
+  /// be produced (lastError() says why); never throws.
+  StrongPtr<MemBase, Cacheable> getRegion(const std::vector<uint64_t>& first,
+                                          const std::vector<uint64_t>& count) const;
+
  protected:
   /// A creator of data of `type` and `size`.
   CreativeArrayBase(const QuarilTypeBase& type, DynamicSize size);
@@ -71,6 +82,10 @@ class CreativeArrayBase : public Ostrak::ReferenceBase<CreativeArrayBase>,
 
   /// Makes the memory object; may throw or return null on failure.
   virtual StrongPtr<MemBase, Cacheable> produce() const = 0;
+  /// Reads only a box of the data (checked to lie within them); null where
+  /// the creator cannot, which the default says. May throw as produce().
+  virtual StrongPtr<MemBase, Cacheable> produceRegion(const std::vector<uint64_t>& first,
+                                                      const std::vector<uint64_t>& count) const;
 
  private:
   StrongPtr<MemBase, Cacheable> produceChecked() const;
@@ -136,11 +151,20 @@ class DeferredCreator : public CreativeArrayBase {
     return productions_.load(std::memory_order_relaxed);
   }
 
+  /// Reads a box of the data: `first` and `count` per axis, as getRegion.
+  using RegionProducer = std::function<StrongPtr<MemBase, Cacheable>(
+      const std::vector<uint64_t>& first, const std::vector<uint64_t>& count)>;
+  /// Lets getRegion read boxes through `producer` instead of the whole data.
+  void setRegionProducer(RegionProducer producer) { regionProducer_ = std::move(producer); }
+
  protected:
   StrongPtr<MemBase, Cacheable> produce() const override;
+  StrongPtr<MemBase, Cacheable> produceRegion(const std::vector<uint64_t>& first,
+                                              const std::vector<uint64_t>& count) const override;
 
  private:
   Producer producer_;
+  RegionProducer regionProducer_;
   mutable std::atomic<unsigned long long> productions_{0};
 };
 

@@ -217,6 +217,64 @@ py::object fieldValues(const PyGrid& grid, const std::string& name, const std::s
   return py::cast(arrays);
 }
 
+/// The part `region` (ints and slices over the array's axes, as numpy
+/// orders them) of field `name`, reading only the box that holds it.
+py::object fieldRegion(const PyGrid& grid, const std::string& name, const std::string& on,
+                       const py::tuple& region) {
+  const StrongPtr<Field> field = findField(*grid.grid, name, on);
+  if (!field) throw py::key_error("no field \"" + name + "\" on grid \"" + grid.name + "\"");
+  if (field->nFragments() != 1) {
+    throw py::value_error("field \"" + name + "\" is fragmented: read its fragments whole");
+  }
+  StrongPtr<CreativeArrayBase> creator;
+  forEachFragment(*field, [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& c) {
+    creator = c;
+  });
+  if (!creator) raiseOSError("field \"" + name + "\" has no data");
+  const DynamicSize size = creator->getSize();
+  const int rank = size.rank();
+  const QuarilTypeBase& type = field->getElementDescriptor();
+  const bool components = shapeOf(size, type).size() > static_cast<size_t>(rank);
+  if (region.size() > static_cast<size_t>(rank) + (components ? 1 : 0)) {
+    throw py::index_error("a region of " + std::to_string(region.size()) +
+                          " axes for an array of " + std::to_string(rank + (components ? 1 : 0)));
+  }
+  std::vector<uint64_t> first(static_cast<size_t>(rank)), count(static_cast<size_t>(rank));
+  py::list after;  // what is left to take of the box, numpy's order
+  for (int axis = 0; axis < rank; ++axis) {
+    const size_t dimension = static_cast<size_t>(rank - 1 - axis);
+    const auto extent = static_cast<py::ssize_t>(size[static_cast<int>(dimension)]);
+    const py::object key = static_cast<size_t>(axis) < region.size()
+                               ? py::object(region[static_cast<size_t>(axis)])
+                               : py::object(py::slice(py::none(), py::none(), py::none()));
+    if (py::isinstance<py::slice>(key)) {
+      py::ssize_t start = 0, stop = 0, step = 0, length = 0;
+      if (!key.cast<py::slice>().compute(extent, &start, &stop, &step, &length)) {
+        throw py::error_already_set();
+      }
+      if (step <= 0 || length == 0) throw py::value_error("an empty or reversed region");
+      first[dimension] = static_cast<uint64_t>(start);
+      count[dimension] = static_cast<uint64_t>((length - 1) * step + 1);
+      after.append(py::slice(py::none(), py::none(), py::int_(step)));
+    } else {
+      py::ssize_t index = key.cast<py::ssize_t>();
+      if (index < 0) index += extent;
+      if (index < 0 || index >= extent) throw py::index_error("index out of the region's axis");
+      first[dimension] = static_cast<uint64_t>(index);
+      count[dimension] = 1;
+      after.append(py::int_(0));
+    }
+  }
+  if (components && region.size() > static_cast<size_t>(rank)) after.append(region[rank]);
+  StrongPtr<MemBase, Cacheable> box;
+  {
+    py::gil_scoped_release unlocked;
+    box = creator->getRegion(first, count);
+  }
+  if (!box) raiseOSError(creator->lastError());
+  return viewOf(box, type)[py::tuple(after)];
+}
+
 /// Where field `name` of `grid` lives, and the shape and type of each of
 /// its fragments' arrays, without reading them: {"on", "shapes", "dtype"}.
 py::dict fieldLayout(const PyGrid& grid, const std::string& name) {
@@ -407,9 +465,20 @@ PYBIND11_MODULE(_core, module) {
       .def("layout", &fieldLayout, py::arg("name"),
            "Where field `name` lives and its arrays' shapes and dtype, reading no data: "
            "{'on': 'vertices' | 'cells', 'shapes': [one per fragment], 'dtype'}")
-      .def("field", &fieldValues, py::arg("name"), py::arg("on") = "",
-           "The values of field `name` as a numpy array (a list of arrays for a fragmented "
-           "field); points and vectors as (n, 3). Reads lazily loaded data now.")
+      .def(
+          "field",
+          [](const PyGrid& grid, const std::string& name, const std::string& on,
+             const py::object& region) -> py::object {
+            if (region.is_none()) return fieldValues(grid, name, on);
+            return fieldRegion(grid, name, on,
+                               py::isinstance<py::tuple>(region) ? region.cast<py::tuple>()
+                                                                 : py::make_tuple(region));
+          },
+          py::arg("name"), py::arg("on") = "", py::arg("region") = py::none(),
+          "The values of field `name` as a numpy array (a list of arrays for a fragmented "
+          "field); points and vectors as (n, 3). Reads lazily loaded data now. With `region` "
+          "(ints and slices over the array's axes, e.g. (5, slice(0, 2))), only the box that "
+          "holds it is read, unchecked by the array's checksum")
       .def_property_readonly(
           "uniform",
           [](const PyGrid& grid) -> py::object {

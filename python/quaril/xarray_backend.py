@@ -76,12 +76,15 @@ class _StepArray(BackendArray):
 
     def _read(self, key):
         steps = np.arange(len(self.store.times))[key[0]]
-        rest = key[1:]
+        rest = tuple(key[1:])
+        whole = all(isinstance(k, slice) and k == slice(None) for k in rest)
+        region = None if whole else rest  # a box of each step: only that is read
         if np.ndim(steps) == 0:
-            return self.store.values(int(steps), self.name)[rest]
-        out = np.empty((len(steps),) + np.empty(self.shape[1:])[rest].shape, self.dtype)
+            return self.store.values(int(steps), self.name, region)
+        out = np.empty((len(steps),) + np.empty(self.shape[1:], dtype=bool)[rest].shape,
+                       self.dtype)
         for i, step in enumerate(steps):
-            out[i] = self.store.values(int(step), self.name)[rest]
+            out[i] = self.store.values(int(step), self.name, region)
         return out
 
 
@@ -105,14 +108,15 @@ class _Store:
             raise ValueError(f"grid \"{self.group}\" changes at time {self.times[step]!r}: "
                              f"{differs}; choose a time range in which it does not (times=...)")
 
-    def values(self, step, name):
+    def values(self, step, name, region=None):
+        """Field `name` at `step`, or the part `region` of it (read alone)."""
         with _LOCK:
             grid = self._grid(step)
             on, shape, dtype = self.layout.fields[name]
-            values = grid.field(name, on=on)
-            if isinstance(values, list) or values.shape != shape or values.dtype != dtype:
+            layout = grid.layout(name)
+            if layout["on"] != on or layout["shapes"] != [shape] or layout["dtype"] != dtype:
                 self._require_same(step)
-            return np.asarray(values)
+            return np.asarray(grid.field(name, on=on, region=region))
 
 
 def _coordinates(layout, times):

@@ -53,14 +53,19 @@ def test_opening_reads_no_array_and_indexing_reads_only_the_steps_asked_for(tmp_
     read = []
     values = xarray_backend._Store.values
     monkeypatch.setattr(xarray_backend._Store, "values",
-                        lambda store, step, name: read.append((step, name)) or values(store, step, name))
+                        lambda store, step, name, region=None:
+                        read.append((step, name, region)) or values(store, step, name, region))
     fluid = xr.open_dataset(path, engine=quaril.XarrayBackend, group="fluid")
     assert read == []
     assert fluid.p.isel(time=4, x=1).values.shape == (2, 3)
-    assert read == [(4, "p")]
+    assert read == [(4, "p", (slice(None), slice(None), 1))]  # a box of one step
     read.clear()
     fluid.p.isel(time=slice(1, 3)).load()
-    assert read == [(1, "p"), (2, "p")]
+    assert read == [(1, "p", None), (2, "p", None)]
+    read.clear()
+    series = fluid.p[:, 1, 2, 3].values  # one point of every step, a box of one value each
+    assert list(series) == [12 + 8 + 3 + step for step in range(6)]
+    assert read == [(step, "p", (1, 2, 3)) for step in range(6)]
 
 
 def test_a_grid_that_changes_is_an_error_naming_where_unless_the_times_avoid_it(tmp_path):

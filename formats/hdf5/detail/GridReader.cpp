@@ -225,9 +225,11 @@ class GridReader {
   StrongPtr<CreativeArrayBase> arrayCreator(const GridShape::Fragment& fragment,
                                             const QuarilTypeBase& type,
                                             const layout::StoredType& stored) {
-    return StrongPtr<CreativeArrayBase>(new DeferredCreator(
-        type, fragment.size,
-        arrayProducer({part_, shape_, entry_, id_, time_, problems_}, fragment, type, stored)));
+    const Origin origin{part_, shape_, entry_, id_, time_, problems_};
+    auto* creator =
+        new DeferredCreator(type, fragment.size, arrayProducer(origin, fragment, type, stored));
+    creator->setRegionProducer(regionProducer(origin, fragment, type, stored));
+    return StrongPtr<CreativeArrayBase>(creator);
   }
 
   /// What an array's producer keeps of its grid.
@@ -240,6 +242,39 @@ class GridReader {
     std::shared_ptr<ProblemList> problems;  ///< told of a failed read; may be null
   };
 
+  /// The fragment's data set, open, its extents those of the structure.
+  static Dataset openArray(const Source& source, const Origin& origin,
+                           const GridShape::Fragment& fragment, const layout::StoredType& stored) {
+    require(source.arrays() >= 0, "the file has no group \"arrays\"");
+    Dataset dataset =
+        openDataset(source.arrays(), layout::arrayName(origin.entry, fragment.dataset));
+    const std::vector<hsize_t> found = datasetExtents(dataset.id());
+    const std::vector<hsize_t> expected = layout::fileExtents(fragment.size, stored);
+    require(found == expected, [&] {
+      return "its data set has the extents " + listed(found) + " where the structure's " +
+             fragment.size.str() + " ask for " + listed(expected) +
+             " (HDF5 lists extents slowest first, the reverse of the structure's order, with "
+             "a last one for the components of points and vectors)";
+    });
+    return dataset;
+  }
+
+  /// Lists a failed read of the fragment with the grid's problems, and
+  /// says it as the creator's failure.
+  static ProductionFailure failedRead(const Origin& origin, const GridShape::Fragment& fragment,
+                                      const Failure& failure) {
+    const std::string name = origin.id ? origin.id->getName() : "";
+    Problem problem{
+        origin.part->path(),
+        fragment.what + " of grid " + inQuotes(name) + " at time " + timeText(origin.time),
+        failure.what(),
+        name,
+        true,
+        origin.time};
+    if (origin.problems) origin.problems->add(problem);
+    return ProductionFailure(problem.text());
+  }
+
   /// Reads the fragment's array; a failure is listed with the grid's problems.
   static DeferredCreator::Producer arrayProducer(Origin origin, const GridShape::Fragment& fragment,
                                                  const QuarilTypeBase& type,
@@ -249,17 +284,7 @@ class GridReader {
       Session session;
       try {
         const std::shared_ptr<Source> source = origin.part->get();
-        require(source->arrays() >= 0, "the file has no group \"arrays\"");
-        Dataset dataset =
-            openDataset(source->arrays(), layout::arrayName(origin.entry, fragment.dataset));
-        const std::vector<hsize_t> found = datasetExtents(dataset.id());
-        const std::vector<hsize_t> expected = layout::fileExtents(fragment.size, stored);
-        require(found == expected, [&] {
-          return "its data set has the extents " + listed(found) + " where the structure's " +
-                 fragment.size.str() + " ask for " + listed(expected) +
-                 " (HDF5 lists extents slowest first, the reverse of the structure's order, with "
-                 "a last one for the components of points and vectors)";
-        });
+        Dataset dataset = openArray(*source, origin, fragment, stored);
         const uint64_t bytes = fragment.size.elements() * type.size();
         checkStoredSize(dataset.id(), bytes, source->fileBytes(), "its data set");
         StrongPtr<MemBase, Cacheable> array = makeMemArray(type, fragment.size, false);
@@ -281,16 +306,37 @@ class GridReader {
         }
         return array;
       } catch (const Failure& failure) {
-        const std::string name = origin.id ? origin.id->getName() : "";
-        Problem problem{
-            origin.part->path(),
-            fragment.what + " of grid " + inQuotes(name) + " at time " + timeText(origin.time),
-            failure.what(),
-            name,
-            true,
-            origin.time};
-        if (origin.problems) origin.problems->add(problem);
-        throw ProductionFailure(problem.text());
+        throw failedRead(origin, fragment, failure);
+      }
+    };
+  }
+
+  /// Reads a box of the fragment's array alone (a hyperslab of its data
+  /// set); the box lies within the array.
+  static DeferredCreator::RegionProducer regionProducer(Origin origin,
+                                                        const GridShape::Fragment& fragment,
+                                                        const QuarilTypeBase& type,
+                                                        layout::StoredType stored) {
+    return [origin = std::move(origin), &fragment, &type, stored](
+               const std::vector<uint64_t>& first,
+               const std::vector<uint64_t>& count) -> StrongPtr<MemBase, Cacheable> {
+      Session session;
+      try {
+        const std::shared_ptr<Source> source = origin.part->get();
+        Dataset dataset = openArray(*source, origin, fragment, stored);
+        StrongPtr<MemBase, Cacheable> box = makeMemArray(type, DynamicSize(count), false);
+        require(box.valid(), [&] { return "no array of type " + type.name(); });
+        // HDF5 lists the axes slowest first, components last.
+        std::vector<hsize_t> start(first.rbegin(), first.rend());
+        std::vector<hsize_t> extent(count.rbegin(), count.rend());
+        if (stored.components > 1) {
+          start.push_back(0);
+          extent.push_back(static_cast<hsize_t>(stored.components));
+        }
+        readBox(dataset.id(), stored.component, start, extent, box->rawData(), "its data set");
+        return box;
+      } catch (const Failure& failure) {
+        throw failedRead(origin, fragment, failure);
       }
     };
   }

@@ -405,6 +405,19 @@ bool readWhole(hid_t dataset, hid_t memoryType, void* data, uint64_t bytes, cons
   return true;
 }
 
+void readBox(hid_t dataset, hid_t memoryType, const std::vector<hsize_t>& start,
+             const std::vector<hsize_t>& extent, void* data, std::string_view what) {
+  const std::string named(what);
+  Dataspace file(H5Dget_space(dataset), "cannot read " + named);
+  check(
+      H5Sselect_hyperslab(file.id(), H5S_SELECT_SET, start.data(), nullptr, extent.data(), nullptr),
+      "cannot select a region of " + named);
+  Dataspace memory(H5Screate_simple(static_cast<int>(extent.size()), extent.data(), nullptr),
+                   "cannot read " + named);
+  check(H5Dread(dataset, memoryType, memory.id(), file.id(), H5P_DEFAULT, data),
+        "cannot read a region of " + named);
+}
+
 std::vector<uint8_t> readBytes(hid_t dataset, uint64_t begin, uint64_t count,
                                const std::string& what) {
   std::vector<uint8_t> bytes(count);

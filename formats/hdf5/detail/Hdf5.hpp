@@ -170,6 +170,11 @@ RawFile rawFileOf(hid_t file, uint64_t bytes);
 /// Throws Failure naming the collection.
 void checkGlobalHeaps(const RawFile& raw);
 
+/// Reads the box of `extent` elements per axis from `start` (HDF5's order,
+/// slowest first) of `dataset` into `data` as `memoryType`. Throws Failure.
+void readBox(hid_t dataset, hid_t memoryType, const std::vector<hsize_t>& start,
+             const std::vector<hsize_t>& extent, void* data, std::string_view what);
+
 /// Called with each stretch of an array's bytes as soon as it is read, in
 /// order, while the stretch is still in the processor's cache.
 using BytesRead = std::function<void(const void* data, size_t bytes)>;
