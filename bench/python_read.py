@@ -74,7 +74,7 @@ def read_all_h5py(path):
 
 SERIES_STEPS = 10000
 SERIES_EDGE = 8
-SERIES_ROUNDS = 3
+SERIES_ROUNDS = 7
 
 
 def make_series(ours, theirs):

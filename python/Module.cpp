@@ -217,6 +217,22 @@ py::object fieldValues(const PyGrid& grid, const std::string& name, const std::s
   return py::cast(arrays);
 }
 
+/// Adds `attributes` (getter) and set_attribute (setter) to the class `on`,
+/// whose objects hold their Ostrak::Attributes at `of(object)`.
+template <class Class, class Of>
+void withAttributes(py::class_<Class>& on, Of of) {
+  on.def_property_readonly(
+        "attributes", [of](const Class& object) { return py::cast(of(object).attributes()); },
+        "The attributes, as a dict (a copy): numbers, texts, and lists of either")
+      .def(
+          "set_attribute",
+          [of](Class& object, const std::string& name, const Ostrak::AttributeValue& value) {
+            of(object).setAttribute(name, value);
+          },
+          py::arg("name"), py::arg("value"),
+          "Sets attribute `name` to an int, float, str, or a list of one of them");
+}
+
 /// The part `region` (ints and slices over the array's axes, as numpy
 /// orders them) of field `name`, reading only the box that holds it.
 py::object fieldRegion(const PyGrid& grid, const std::string& name, const std::string& on,
@@ -456,161 +472,171 @@ PYBIND11_MODULE(_core, module) {
   module.doc() = "Time-dependent scientific data: bundles of time steps holding grids with fields.";
   H5::registerFormat();
 
-  py::class_<PyGrid>(module, "Grid", "A mesh at one time step, with its fields.")
-      .def_readonly("name", &PyGrid::name)
-      .def_readonly("time", &PyGrid::time)
-      .def_property_readonly(
-          "fields", [](const PyGrid& grid) { return fieldNames(*grid.grid); },
-          "Names of the grid's fields (vertices and cells)")
-      .def("layout", &fieldLayout, py::arg("name"),
-           "Where field `name` lives and its arrays' shapes and dtype, reading no data: "
-           "{'on': 'vertices' | 'cells', 'shapes': [one per fragment], 'dtype'}")
-      .def(
-          "field",
-          [](const PyGrid& grid, const std::string& name, const std::string& on,
-             const py::object& region) -> py::object {
-            if (region.is_none()) return fieldValues(grid, name, on);
-            return fieldRegion(grid, name, on,
-                               py::isinstance<py::tuple>(region) ? region.cast<py::tuple>()
-                                                                 : py::make_tuple(region));
-          },
-          py::arg("name"), py::arg("on") = "", py::arg("region") = py::none(),
-          "The values of field `name` as a numpy array (a list of arrays for a fragmented "
-          "field); points and vectors as (n, 3). Reads lazily loaded data now. With `region` "
-          "(ints and slices over the array's axes, e.g. (5, slice(0, 2))), only the box that "
-          "holds it is read, unchecked by the array's checksum")
-      .def_property_readonly(
-          "uniform",
-          [](const PyGrid& grid) -> py::object {
-            const StrongPtr<Field> positions = grid.grid->CartesianPositions();
-            if (!positions || positions->nFragments() != 1) return py::none();
-            const Data data = positions->getData();
-            const auto* uniform = dynamic_cast<const UniformCartesianArray*>(data.get());
-            if (!uniform) return py::none();
-            const point o = uniform->origin();
-            const tvector s = uniform->spacing();
-            py::dict result;
-            result["origin"] = py::make_tuple(o.x, o.y, o.z);
-            result["spacing"] = py::make_tuple(s.x, s.y, s.z);
-            result["extents"] = uniform->extents();
-            return result;
-          },
-          "For a uniform grid: {'origin', 'spacing', 'extents'}; None otherwise")
-      .def(
-          "set_uniform",
-          [](PyGrid& grid, std::array<uint64_t, 3> extents, std::array<double, 3> origin,
-             std::array<double, 3> spacing) {
-            check(makeUniformGrid(*grid.grid, extents, point{origin[0], origin[1], origin[2]},
-                                  tvector{spacing[0], spacing[1], spacing[2]}));
-          },
-          py::arg("extents"), py::arg("origin") = std::array<double, 3>{0, 0, 0},
-          py::arg("spacing") = std::array<double, 3>{1, 1, 1}, "Makes the grid uniform")
-      .def(
-          "set_points",
-          [](PyGrid& grid,
-             const py::array_t<double, py::array::c_style | py::array::forcecast>& points) {
-            check(makePointCloud(*grid.grid, pointsOf(points)));
-          },
-          py::arg("points"), "Makes the grid a point cloud of an (n, 3) array")
-      .def(
-          "set_triangles",
-          [](PyGrid& grid,
-             const py::array_t<double, py::array::c_style | py::array::forcecast>& points,
-             const py::array_t<uint32_t, py::array::c_style | py::array::forcecast>& cells) {
-            if (cells.ndim() != 2 || cells.shape(1) != 3)
-              throw py::value_error("cells must be an (m, 3) array");
-            std::vector<TriangleIndices> triangles(static_cast<size_t>(cells.shape(0)));
-            std::memcpy(triangles.data(), cells.data(), triangles.size() * sizeof(TriangleIndices));
-            check(makeTriangleSurface(*grid.grid, pointsOf(points), triangles));
-          },
-          py::arg("points"), py::arg("cells"), "Makes the grid a triangle surface")
-      .def("add_field", &addField, py::arg("name"), py::arg("array"), py::arg("on") = "vertices",
-           "Adds a field from a numpy array (copied once); float64 (..., 3) arrays are vectors")
-      .def("__repr__", &describe)
-      // A mapping of field names to values, as `field(name)` reads them.
-      .def("keys", [](const PyGrid& grid) { return fieldNames(*grid.grid); })
-      .def("__iter__",
-           [](const PyGrid& grid) { return py::iter(py::cast(fieldNames(*grid.grid))); })
-      .def("__len__", [](const PyGrid& grid) { return fieldNames(*grid.grid).size(); })
-      .def("__contains__",
-           [](const PyGrid& grid, const std::string& name) {
-             return static_cast<bool>(findField(*grid.grid, name, ""));
-           })
-      .def(
-          "__getitem__",
-          [](const PyGrid& grid, const std::string& name) { return fieldValues(grid, name, ""); },
-          "The values of field `name`, as field(name)")
-      .def(
-          "get",
-          [](const PyGrid& grid, const std::string& name, const py::object& otherwise) {
-            return findField(*grid.grid, name, "") ? fieldValues(grid, name, "") : otherwise;
-          },
-          py::arg("name"), py::arg("default") = py::none())
-      .def("items", [](const PyGrid& grid) {
-        py::list items;
-        for (const std::string& name : fieldNames(*grid.grid)) {
-          items.append(py::make_tuple(name, fieldValues(grid, name, "")));
-        }
-        return items;
-      });
+  auto gridClass =
+      py::class_<PyGrid>(module, "Grid", "A mesh at one time step, with its fields.")
+          .def_readonly("name", &PyGrid::name)
+          .def_readonly("time", &PyGrid::time)
+          .def_property_readonly(
+              "fields", [](const PyGrid& grid) { return fieldNames(*grid.grid); },
+              "Names of the grid's fields (vertices and cells)")
+          .def("layout", &fieldLayout, py::arg("name"),
+               "Where field `name` lives and its arrays' shapes and dtype, reading no data: "
+               "{'on': 'vertices' | 'cells', 'shapes': [one per fragment], 'dtype'}")
+          .def(
+              "field",
+              [](const PyGrid& grid, const std::string& name, const std::string& on,
+                 const py::object& region) -> py::object {
+                if (region.is_none()) return fieldValues(grid, name, on);
+                return fieldRegion(grid, name, on,
+                                   py::isinstance<py::tuple>(region) ? region.cast<py::tuple>()
+                                                                     : py::make_tuple(region));
+              },
+              py::arg("name"), py::arg("on") = "", py::arg("region") = py::none(),
+              "The values of field `name` as a numpy array (a list of arrays for a fragmented "
+              "field); points and vectors as (n, 3). Reads lazily loaded data now. With `region` "
+              "(ints and slices over the array's axes, e.g. (5, slice(0, 2))), only the box that "
+              "holds it is read, unchecked by the array's checksum")
+          .def_property_readonly(
+              "uniform",
+              [](const PyGrid& grid) -> py::object {
+                const StrongPtr<Field> positions = grid.grid->CartesianPositions();
+                if (!positions || positions->nFragments() != 1) return py::none();
+                const Data data = positions->getData();
+                const auto* uniform = dynamic_cast<const UniformCartesianArray*>(data.get());
+                if (!uniform) return py::none();
+                const point o = uniform->origin();
+                const tvector s = uniform->spacing();
+                py::dict result;
+                result["origin"] = py::make_tuple(o.x, o.y, o.z);
+                result["spacing"] = py::make_tuple(s.x, s.y, s.z);
+                result["extents"] = uniform->extents();
+                return result;
+              },
+              "For a uniform grid: {'origin', 'spacing', 'extents'}; None otherwise")
+          .def(
+              "set_uniform",
+              [](PyGrid& grid, std::array<uint64_t, 3> extents, std::array<double, 3> origin,
+                 std::array<double, 3> spacing) {
+                check(makeUniformGrid(*grid.grid, extents, point{origin[0], origin[1], origin[2]},
+                                      tvector{spacing[0], spacing[1], spacing[2]}));
+              },
+              py::arg("extents"), py::arg("origin") = std::array<double, 3>{0, 0, 0},
+              py::arg("spacing") = std::array<double, 3>{1, 1, 1}, "Makes the grid uniform")
+          .def(
+              "set_points",
+              [](PyGrid& grid,
+                 const py::array_t<double, py::array::c_style | py::array::forcecast>& points) {
+                check(makePointCloud(*grid.grid, pointsOf(points)));
+              },
+              py::arg("points"), "Makes the grid a point cloud of an (n, 3) array")
+          .def(
+              "set_triangles",
+              [](PyGrid& grid,
+                 const py::array_t<double, py::array::c_style | py::array::forcecast>& points,
+                 const py::array_t<uint32_t, py::array::c_style | py::array::forcecast>& cells) {
+                if (cells.ndim() != 2 || cells.shape(1) != 3)
+                  throw py::value_error("cells must be an (m, 3) array");
+                std::vector<TriangleIndices> triangles(static_cast<size_t>(cells.shape(0)));
+                std::memcpy(triangles.data(), cells.data(),
+                            triangles.size() * sizeof(TriangleIndices));
+                check(makeTriangleSurface(*grid.grid, pointsOf(points), triangles));
+              },
+              py::arg("points"), py::arg("cells"), "Makes the grid a triangle surface")
+          .def("add_field", &addField, py::arg("name"), py::arg("array"),
+               py::arg("on") = "vertices",
+               "Adds a field from a numpy array (copied once); float64 (..., 3) arrays are vectors")
+          .def("__repr__", &describe)
+          // A mapping of field names to values, as `field(name)` reads them.
+          .def("keys", [](const PyGrid& grid) { return fieldNames(*grid.grid); })
+          .def("__iter__",
+               [](const PyGrid& grid) { return py::iter(py::cast(fieldNames(*grid.grid))); })
+          .def("__len__", [](const PyGrid& grid) { return fieldNames(*grid.grid).size(); })
+          .def("__contains__",
+               [](const PyGrid& grid, const std::string& name) {
+                 return static_cast<bool>(findField(*grid.grid, name, ""));
+               })
+          .def(
+              "__getitem__",
+              [](const PyGrid& grid, const std::string& name) {
+                return fieldValues(grid, name, "");
+              },
+              "The values of field `name`, as field(name)")
+          .def(
+              "get",
+              [](const PyGrid& grid, const std::string& name, const py::object& otherwise) {
+                return findField(*grid.grid, name, "") ? fieldValues(grid, name, "") : otherwise;
+              },
+              py::arg("name"), py::arg("default") = py::none())
+          .def("items", [](const PyGrid& grid) {
+            py::list items;
+            for (const std::string& name : fieldNames(*grid.grid)) {
+              items.append(py::make_tuple(name, fieldValues(grid, name, "")));
+            }
+            return items;
+          });
+  withAttributes(gridClass, [](const PyGrid& grid) -> Ostrak::Attributes& { return *grid.grid; });
 
-  py::class_<PySlice>(module, "Slice", "The grids of one time step.")
-      .def_property_readonly("time", [](const PySlice& slice) { return slice.slice->getTime(); })
-      .def_property_readonly("grids", &sliceGridNames)
-      .def(
-          "__getitem__",
-          [](PySlice& slice, const std::string& name) {
-            requireReadable(slice, name);
-            Grid* grid = (*slice.slice)[name];
-            if (!grid) throw py::key_error(name);
-            return PyGrid{slice.bundle, (*slice.slice)(name), name, slice.slice->getTime()};
-          },
-          "The grid `name`, made when missing")
-      .def(
-          "grid",
-          [](const PySlice& slice, const std::string& name) {
-            return gridAt(slice.bundle, slice.slice, name);
-          },
-          "The grid `name`; KeyError when there is none")
-      .def("__contains__",
-           [](const PySlice& slice, const std::string& name) {
-             if ((*slice.slice)(name)) return true;
-             for (const H5::Problem& problem : unreadableGrids(slice)) {
-               if (problem.grid == name) return true;
-             }
-             return false;
-           })
-      .def("__len__",
-           [](const PySlice& slice) {
-             slice.slice->accessSlice();
-             return slice.slice->getGrids().size() + unreadableGrids(slice).size();
-           })
-      // A mapping of grid names to grids (though slice[name] makes a missing one).
-      .def("keys", &sliceGridNames)
-      .def("__iter__",
-           [](const PySlice& slice) { return py::iter(py::cast(sliceGridNames(slice))); })
-      .def(
-          "get",
-          [](const PySlice& slice, const std::string& name, const py::object& otherwise) {
-            return (*slice.slice)(name) ? py::cast(gridAt(slice.bundle, slice.slice, name))
-                                        : otherwise;
-          },
-          py::arg("name"), py::arg("default") = py::none())
-      .def("items",
-           [](const PySlice& slice) {
-             py::list items;
-             for (const std::string& name : sliceGridNames(slice)) {
-               items.append(py::make_tuple(name, gridAt(slice.bundle, slice.slice, name)));
-             }
-             return items;
-           })
-      .def("__repr__", [](const PySlice& slice) {
-        const std::vector<std::string> names = sliceGridNames(slice);
-        std::string text = "<quaril.Slice t=" + Tools::formatTime(slice.slice->getTime()) + ": " +
-                           std::to_string(names.size()) + " grids";
-        for (size_t i = 0; i < names.size(); ++i) text += (i ? ", " : " (") + names[i];
-        return text + (names.empty() ? ">" : ")>");
-      });
+  auto sliceClass =
+      py::class_<PySlice>(module, "Slice", "The grids of one time step.")
+          .def_property_readonly("time",
+                                 [](const PySlice& slice) { return slice.slice->getTime(); })
+          .def_property_readonly("grids", &sliceGridNames)
+          .def(
+              "__getitem__",
+              [](PySlice& slice, const std::string& name) {
+                requireReadable(slice, name);
+                Grid* grid = (*slice.slice)[name];
+                if (!grid) throw py::key_error(name);
+                return PyGrid{slice.bundle, (*slice.slice)(name), name, slice.slice->getTime()};
+              },
+              "The grid `name`, made when missing")
+          .def(
+              "grid",
+              [](const PySlice& slice, const std::string& name) {
+                return gridAt(slice.bundle, slice.slice, name);
+              },
+              "The grid `name`; KeyError when there is none")
+          .def("__contains__",
+               [](const PySlice& slice, const std::string& name) {
+                 if ((*slice.slice)(name)) return true;
+                 for (const H5::Problem& problem : unreadableGrids(slice)) {
+                   if (problem.grid == name) return true;
+                 }
+                 return false;
+               })
+          .def("__len__",
+               [](const PySlice& slice) {
+                 slice.slice->accessSlice();
+                 return slice.slice->getGrids().size() + unreadableGrids(slice).size();
+               })
+          // A mapping of grid names to grids (though slice[name] makes a missing one).
+          .def("keys", &sliceGridNames)
+          .def("__iter__",
+               [](const PySlice& slice) { return py::iter(py::cast(sliceGridNames(slice))); })
+          .def(
+              "get",
+              [](const PySlice& slice, const std::string& name, const py::object& otherwise) {
+                return (*slice.slice)(name) ? py::cast(gridAt(slice.bundle, slice.slice, name))
+                                            : otherwise;
+              },
+              py::arg("name"), py::arg("default") = py::none())
+          .def("items",
+               [](const PySlice& slice) {
+                 py::list items;
+                 for (const std::string& name : sliceGridNames(slice)) {
+                   items.append(py::make_tuple(name, gridAt(slice.bundle, slice.slice, name)));
+                 }
+                 return items;
+               })
+          .def("__repr__", [](const PySlice& slice) {
+            const std::vector<std::string> names = sliceGridNames(slice);
+            std::string text = "<quaril.Slice t=" + Tools::formatTime(slice.slice->getTime()) +
+                               ": " + std::to_string(names.size()) + " grids";
+            for (size_t i = 0; i < names.size(); ++i) text += (i ? ", " : " (") + names[i];
+            return text + (names.empty() ? ">" : ")>");
+          });
+  withAttributes(sliceClass,
+                 [](const PySlice& slice) -> Ostrak::Attributes& { return *slice.slice; });
 
   py::class_<PyFollow>(module, "Follow",
                        "The steps of a series as they land: (time, Slice) pairs; see follow()")
@@ -635,238 +661,246 @@ PYBIND11_MODULE(_core, module) {
       .def("__repr__",
            [](const PyBinding& binding) { return "<quaril.Binding " + binding.path + ">"; });
 
-  py::class_<PyBundle>(module, "Bundle", "A time-dependent data set: time steps holding grids.")
-      .def(py::init([] {
-        PyBundle made;
-        made.bundle.create();
-        return made;
-      }))
-      .def_property_readonly("times",
-                             [](const PyBundle& bundle) {
-                               std::vector<double> times;
-                               for (const auto& [time, slice] : bundle.bundle->getSlices()) {
-                                 if (slice) times.push_back(time);
-                               }
-                               return py::array_t<double>(static_cast<py::ssize_t>(times.size()),
-                                                          times.data());
-                             })
-      .def_property_readonly("grids",
-                             [](const PyBundle& bundle) {
-                               std::set<std::string> names;
-                               bundle.bundle->getGridList()->getGridnames(names);
-                               return std::vector<std::string>(names.begin(), names.end());
-                             })
-      .def("__len__", [](const PyBundle& bundle) { return bundle.bundle->getSlices().size(); })
-      .def("__iter__",
-           [](const PyBundle& bundle) {
-             py::list steps;
-             for (const auto& [time, slice] : bundle.bundle->getSlices()) {
-               if (slice) steps.append(py::make_tuple(time, PySlice{bundle.bundle, slice}));
-             }
-             return py::iter(steps);
-           })
-      .def(
-          "__getitem__",
-          [](PyBundle& bundle, double t) {
-            SlicePtr slice = (*bundle.bundle)[t];
-            if (!slice) throw py::key_error("no time step at NaN");
-            return PySlice{bundle.bundle, slice};
-          },
-          "The time step at exactly `t`, made when missing")
-      .def(
-          "slice",
-          [](const PyBundle& bundle, double t) {
-            double found = t;
-            SlicePtr slice = (*bundle.bundle)(found);
-            if (!slice) throw py::key_error("no time step at " + Tools::formatTime(t));
-            return PySlice{bundle.bundle, slice};
-          },
-          py::arg("t"), "The time step at exactly `t`; KeyError when there is none")
-      .def(
-          "most_recent",
-          [](const PyBundle& bundle, double t, const std::string& name) -> py::object {
-            const Bundle::GridInfo found = bundle.bundle->findMostRecentGrid(t, name);
-            SlicePtr slice = found.slice.lock();
-            if (!found.grid || !slice) return py::none();
-            return py::cast(PyGrid{bundle.bundle, found.grid, name, slice->getTime()});
-          },
-          py::arg("t"), py::arg("name"),
-          "The grid `name` as of time `t` (at or before it), or None")
-      .def(
-          "evolution",
-          [](const PyBundle& bundle, const std::string& name) {
-            return evolution(bundle.bundle, name);
-          },
-          py::arg("name"), "A generator of (time, grid) over every step that holds `name`")
-      .def(
-          "times_of",
-          [](const PyBundle& bundle, const std::string& name) {
-            const StrongPtr<GridID> id = bundle.bundle->getGridList()->find(name);
-            if (!id) throw py::key_error("no grid \"" + name + "\"");
-            std::vector<double> times;
-            for (const auto& [time, slice] : id->getSliceMap().entries()) times.push_back(time);
-            return py::array_t<double>(static_cast<py::ssize_t>(times.size()), times.data());
-          },
-          py::arg("name"), "The times of the steps that hold grid `name`, reading no step")
-      .def(
-          "first",
-          [](const PyBundle& bundle, const std::string& name) -> py::object {
-            py::object steps = evolution(bundle.bundle, name);
-            py::object next = py::module_::import("builtins").attr("next")(steps, py::none());
-            return next;
-          },
-          py::arg("name"), "(time, grid) of the first step that holds `name`, or None")
-      .def(
-          "last",
-          [](const PyBundle& bundle, const std::string& name) -> py::object {
-            const StrongPtr<GridID> id = bundle.bundle->getGridList()->find(name);
-            if (!id || id->getSliceMap().empty()) return py::none();
-            double t = id->getSliceMap().entries().rbegin()->first;
-            const Bundle::GridInfo found = bundle.bundle->findMostRecentGrid(t, name);
-            if (!found.grid) return py::none();
-            return py::make_tuple(t, PyGrid{bundle.bundle, found.grid, name, t});
-          },
-          py::arg("name"), "(time, grid) of the last step that holds `name`, or None")
-      .def("xml",
-           [](const PyBundle& bundle) {
-             for (const auto& [time, slice] : bundle.bundle->getSlices()) {
-               if (slice) slice->accessSlice();
-             }
-             return bundle.bundle->xml();
-           })
-      .def(
-          "memory",
-          [](const PyBundle& bundle) {
-            unsigned long long resident = 0, deferred = 0;
-            bundle.bundle->getMemoryUsage(resident, deferred);
-            return py::make_tuple(resident, deferred);
-          },
-          "(resident, deferred): bytes of field data in memory, and still to be read")
-      .def(
-          "save",
-          [](const PyBundle& bundle, const std::filesystem::path& path,
-             std::optional<std::vector<std::string>> grids, std::optional<int> compress, bool xdmf,
-             bool skipDamaged) {
-            StrongPtr<H5::StorageOptions> policy(new H5::StorageOptions);
-            if (compress) policy->setCompressionLevel(*compress);
-            policy->setWriteXdmf(xdmf);
-            policy->setSkipDamaged(skipDamaged);
-            StrongPtr<Ostrak::StringList> names;
-            if (grids) {
-              names = StrongPtr<Ostrak::StringList>(new Ostrak::StringList);
-              for (const std::string& name : *grids) names->push_back(name);
+  auto bundleClass =
+      py::class_<PyBundle>(module, "Bundle", "A time-dependent data set: time steps holding grids.")
+          .def(py::init([] {
+            PyBundle made;
+            made.bundle.create();
+            return made;
+          }))
+          .def_property_readonly("times",
+                                 [](const PyBundle& bundle) {
+                                   std::vector<double> times;
+                                   for (const auto& [time, slice] : bundle.bundle->getSlices()) {
+                                     if (slice) times.push_back(time);
+                                   }
+                                   return py::array_t<double>(
+                                       static_cast<py::ssize_t>(times.size()), times.data());
+                                 })
+          .def_property_readonly("grids",
+                                 [](const PyBundle& bundle) {
+                                   std::set<std::string> names;
+                                   bundle.bundle->getGridList()->getGridnames(names);
+                                   return std::vector<std::string>(names.begin(), names.end());
+                                 })
+          .def("__len__", [](const PyBundle& bundle) { return bundle.bundle->getSlices().size(); })
+          .def("__iter__",
+               [](const PyBundle& bundle) {
+                 py::list steps;
+                 for (const auto& [time, slice] : bundle.bundle->getSlices()) {
+                   if (slice) steps.append(py::make_tuple(time, PySlice{bundle.bundle, slice}));
+                 }
+                 return py::iter(steps);
+               })
+          .def(
+              "__getitem__",
+              [](PyBundle& bundle, double t) {
+                SlicePtr slice = (*bundle.bundle)[t];
+                if (!slice) throw py::key_error("no time step at NaN");
+                return PySlice{bundle.bundle, slice};
+              },
+              "The time step at exactly `t`, made when missing")
+          .def(
+              "slice",
+              [](const PyBundle& bundle, double t) {
+                double found = t;
+                SlicePtr slice = (*bundle.bundle)(found);
+                if (!slice) throw py::key_error("no time step at " + Tools::formatTime(t));
+                return PySlice{bundle.bundle, slice};
+              },
+              py::arg("t"), "The time step at exactly `t`; KeyError when there is none")
+          .def(
+              "most_recent",
+              [](const PyBundle& bundle, double t, const std::string& name) -> py::object {
+                const Bundle::GridInfo found = bundle.bundle->findMostRecentGrid(t, name);
+                SlicePtr slice = found.slice.lock();
+                if (!found.grid || !slice) return py::none();
+                return py::cast(PyGrid{bundle.bundle, found.grid, name, slice->getTime()});
+              },
+              py::arg("t"), py::arg("name"),
+              "The grid `name` as of time `t` (at or before it), or None")
+          .def(
+              "evolution",
+              [](const PyBundle& bundle, const std::string& name) {
+                return evolution(bundle.bundle, name);
+              },
+              py::arg("name"), "A generator of (time, grid) over every step that holds `name`")
+          .def(
+              "times_of",
+              [](const PyBundle& bundle, const std::string& name) {
+                const StrongPtr<GridID> id = bundle.bundle->getGridList()->find(name);
+                if (!id) throw py::key_error("no grid \"" + name + "\"");
+                std::vector<double> times;
+                for (const auto& [time, slice] : id->getSliceMap().entries()) times.push_back(time);
+                return py::array_t<double>(static_cast<py::ssize_t>(times.size()), times.data());
+              },
+              py::arg("name"), "The times of the steps that hold grid `name`, reading no step")
+          .def(
+              "first",
+              [](const PyBundle& bundle, const std::string& name) -> py::object {
+                py::object steps = evolution(bundle.bundle, name);
+                py::object next = py::module_::import("builtins").attr("next")(steps, py::none());
+                return next;
+              },
+              py::arg("name"), "(time, grid) of the first step that holds `name`, or None")
+          .def(
+              "last",
+              [](const PyBundle& bundle, const std::string& name) -> py::object {
+                const StrongPtr<GridID> id = bundle.bundle->getGridList()->find(name);
+                if (!id || id->getSliceMap().empty()) return py::none();
+                double t = id->getSliceMap().entries().rbegin()->first;
+                const Bundle::GridInfo found = bundle.bundle->findMostRecentGrid(t, name);
+                if (!found.grid) return py::none();
+                return py::make_tuple(t, PyGrid{bundle.bundle, found.grid, name, t});
+              },
+              py::arg("name"), "(time, grid) of the last step that holds `name`, or None")
+          .def("xml",
+               [](const PyBundle& bundle) {
+                 for (const auto& [time, slice] : bundle.bundle->getSlices()) {
+                   if (slice) slice->accessSlice();
+                 }
+                 return bundle.bundle->xml();
+               })
+          .def(
+              "memory",
+              [](const PyBundle& bundle) {
+                unsigned long long resident = 0, deferred = 0;
+                bundle.bundle->getMemoryUsage(resident, deferred);
+                return py::make_tuple(resident, deferred);
+              },
+              "(resident, deferred): bytes of field data in memory, and still to be read")
+          .def(
+              "save",
+              [](const PyBundle& bundle, const std::filesystem::path& path,
+                 std::optional<std::vector<std::string>> grids, std::optional<int> compress,
+                 bool xdmf, bool skipDamaged) {
+                StrongPtr<H5::StorageOptions> policy(new H5::StorageOptions);
+                if (compress) policy->setCompressionLevel(*compress);
+                policy->setWriteXdmf(xdmf);
+                policy->setSkipDamaged(skipDamaged);
+                StrongPtr<Ostrak::StringList> names;
+                if (grids) {
+                  names = StrongPtr<Ostrak::StringList>(new Ostrak::StringList);
+                  for (const std::string& name : *grids) names->push_back(name);
+                }
+                const H5::Outcome saved =
+                    H5::save(*bundle.bundle, path.string(), policy, {}, names);
+                if (!saved) raiseOSError(saved.error);
+              },
+              py::arg("path"), py::arg("grids") = py::none(), py::arg("compress") = py::none(),
+              py::arg("xdmf") = true, py::arg("skip_damaged") = false,
+              "Saves the bundle (only `grids` when given) as one file, atomically, with PATH.xmf "
+              "for "
+              "visualisation programs unless xdmf=False; OSError on failure, also when it would "
+              "lose "
+              "what could not be read (leave that out with skip_damaged=True)")
+          .def(
+              "bind",
+              [](PyBundle& bundle, const std::filesystem::path& file, bool append, bool xdmf,
+                 bool skipDamaged) {
+                const std::string path = file.string();
+                StrongPtr<H5::StorageOptions> policy(new H5::StorageOptions);
+                policy->setWriteXdmf(xdmf);
+                policy->setSkipDamaged(skipDamaged);
+                const Bundle::BindingResult bound = append ? bundle.bundle->bindTo(path, policy)
+                                                           : bundle.bundle->bindToNew(path, policy);
+                if (bound.status != 1)
+                  raiseOSError(bound.text.empty() ? H5::lastSync(*bundle.bundle).error
+                                                  : bound.text);
+                return PyBinding{bundle.bundle, path};
+              },
+              py::arg("path"), py::arg("append") = false, py::arg("xdmf") = true,
+              py::arg("skip_damaged") = false,
+              "Binds the bundle to a series at `path` (a new one, or the existing one with "
+              "append=True); each sync() adds what is new, and keeps PATH.xmf up to date unless "
+              "xdmf=False. A context manager that syncs and unbinds at its end.")
+          .def_property_readonly(
+              "problems", [](const PyBundle& bundle) { return H5::problems(*bundle.bundle); },
+              "What of its files could not be read so far (slices are read on first use)")
+          .def(
+              "refresh",
+              [](PyBundle& bundle) {
+                H5::SeriesUpdate update;
+                H5::Outcome refreshed;
+                {
+                  py::gil_scoped_release unlocked;
+                  refreshed = H5::refresh(*bundle.bundle, update);
+                }
+                if (!refreshed) raiseOSError(refreshed.error);
+                return py::make_tuple(update.added, update.changed);
+              },
+              "Takes up what was synced to the series the bundle was loaded from since it last "
+              "looked; returns the times (added, changed). OSError when it was loaded from no "
+              "series")
+          .def("sync",
+               [](PyBundle& bundle) {
+                 if (!bundle.bundle->getStorage()) throw py::value_error("the bundle is not bound");
+                 PyBinding{bundle.bundle, ""}.sync();
+               })
+          // A mapping of times to slices (iteration gives (time, slice) pairs, as items()).
+          .def("keys",
+               [](const PyBundle& bundle) {
+                 std::vector<double> times;
+                 for (const auto& [time, slice] : bundle.bundle->getSlices()) {
+                   if (slice) times.push_back(time);
+                 }
+                 return times;
+               })
+          .def("__contains__",
+               [](const PyBundle& bundle, double t) {
+                 const auto found = bundle.bundle->getSlices().find(t);
+                 return found != bundle.bundle->getSlices().end() && found->second;
+               })
+          .def(
+              "get",
+              [](const PyBundle& bundle, double t, const py::object& otherwise) -> py::object {
+                const auto found = bundle.bundle->getSlices().find(t);
+                if (found == bundle.bundle->getSlices().end() || !found->second) return otherwise;
+                return py::cast(PySlice{bundle.bundle, found->second});
+              },
+              py::arg("t"), py::arg("default") = py::none())
+          .def("items",
+               [](const PyBundle& bundle) {
+                 py::list items;
+                 for (const auto& [time, slice] : bundle.bundle->getSlices()) {
+                   if (slice) items.append(py::make_tuple(time, PySlice{bundle.bundle, slice}));
+                 }
+                 return items;
+               })
+          .def("_repr_html_",
+               [](const PyBundle& bundle) {
+                 // What `bundle-tool info` prints, for notebooks.
+                 std::string html = "<pre>";
+                 for (char c : Tools::formatSummary(Tools::summarize(*bundle.bundle))) {
+                   html += c == '<'   ? "&lt;"
+                           : c == '>' ? "&gt;"
+                           : c == '&' ? "&amp;"
+                                      : std::string(1, c);
+                 }
+                 return html + "</pre>";
+               })
+          .def("__repr__", [](const PyBundle& bundle) {
+            const auto& slices = bundle.bundle->getSlices();
+            std::string text = "<quaril.Bundle " + std::to_string(slices.size()) + " steps";
+            if (!slices.empty()) {
+              text += " from " + Tools::formatTime(slices.begin()->first) + " to " +
+                      Tools::formatTime(slices.rbegin()->first);
             }
-            const H5::Outcome saved = H5::save(*bundle.bundle, path.string(), policy, {}, names);
-            if (!saved) raiseOSError(saved.error);
-          },
-          py::arg("path"), py::arg("grids") = py::none(), py::arg("compress") = py::none(),
-          py::arg("xdmf") = true, py::arg("skip_damaged") = false,
-          "Saves the bundle (only `grids` when given) as one file, atomically, with PATH.xmf for "
-          "visualisation programs unless xdmf=False; OSError on failure, also when it would lose "
-          "what could not be read (leave that out with skip_damaged=True)")
-      .def(
-          "bind",
-          [](PyBundle& bundle, const std::filesystem::path& file, bool append, bool xdmf,
-             bool skipDamaged) {
-            const std::string path = file.string();
-            StrongPtr<H5::StorageOptions> policy(new H5::StorageOptions);
-            policy->setWriteXdmf(xdmf);
-            policy->setSkipDamaged(skipDamaged);
-            const Bundle::BindingResult bound = append ? bundle.bundle->bindTo(path, policy)
-                                                       : bundle.bundle->bindToNew(path, policy);
-            if (bound.status != 1)
-              raiseOSError(bound.text.empty() ? H5::lastSync(*bundle.bundle).error : bound.text);
-            return PyBinding{bundle.bundle, path};
-          },
-          py::arg("path"), py::arg("append") = false, py::arg("xdmf") = true,
-          py::arg("skip_damaged") = false,
-          "Binds the bundle to a series at `path` (a new one, or the existing one with "
-          "append=True); each sync() adds what is new, and keeps PATH.xmf up to date unless "
-          "xdmf=False. A context manager that syncs and unbinds at its end.")
-      .def_property_readonly(
-          "problems", [](const PyBundle& bundle) { return H5::problems(*bundle.bundle); },
-          "What of its files could not be read so far (slices are read on first use)")
-      .def(
-          "refresh",
-          [](PyBundle& bundle) {
-            H5::SeriesUpdate update;
-            H5::Outcome refreshed;
-            {
-              py::gil_scoped_release unlocked;
-              refreshed = H5::refresh(*bundle.bundle, update);
+            std::set<std::string> names;
+            bundle.bundle->getGridList()->getGridnames(names);
+            text += ", " + std::to_string(names.size()) + " grids";
+            size_t shown = 0;
+            for (const std::string& name : names) {
+              if (shown == 8) {
+                text += ", ...";
+                break;
+              }
+              text += (shown++ ? ", " : " (") + name;
             }
-            if (!refreshed) raiseOSError(refreshed.error);
-            return py::make_tuple(update.added, update.changed);
-          },
-          "Takes up what was synced to the series the bundle was loaded from since it last "
-          "looked; returns the times (added, changed). OSError when it was loaded from no series")
-      .def("sync",
-           [](PyBundle& bundle) {
-             if (!bundle.bundle->getStorage()) throw py::value_error("the bundle is not bound");
-             PyBinding{bundle.bundle, ""}.sync();
-           })
-      // A mapping of times to slices (iteration gives (time, slice) pairs, as items()).
-      .def("keys",
-           [](const PyBundle& bundle) {
-             std::vector<double> times;
-             for (const auto& [time, slice] : bundle.bundle->getSlices()) {
-               if (slice) times.push_back(time);
-             }
-             return times;
-           })
-      .def("__contains__",
-           [](const PyBundle& bundle, double t) {
-             const auto found = bundle.bundle->getSlices().find(t);
-             return found != bundle.bundle->getSlices().end() && found->second;
-           })
-      .def(
-          "get",
-          [](const PyBundle& bundle, double t, const py::object& otherwise) -> py::object {
-            const auto found = bundle.bundle->getSlices().find(t);
-            if (found == bundle.bundle->getSlices().end() || !found->second) return otherwise;
-            return py::cast(PySlice{bundle.bundle, found->second});
-          },
-          py::arg("t"), py::arg("default") = py::none())
-      .def("items",
-           [](const PyBundle& bundle) {
-             py::list items;
-             for (const auto& [time, slice] : bundle.bundle->getSlices()) {
-               if (slice) items.append(py::make_tuple(time, PySlice{bundle.bundle, slice}));
-             }
-             return items;
-           })
-      .def("_repr_html_",
-           [](const PyBundle& bundle) {
-             // What `bundle-tool info` prints, for notebooks.
-             std::string html = "<pre>";
-             for (char c : Tools::formatSummary(Tools::summarize(*bundle.bundle))) {
-               html += c == '<'   ? "&lt;"
-                       : c == '>' ? "&gt;"
-                       : c == '&' ? "&amp;"
-                                  : std::string(1, c);
-             }
-             return html + "</pre>";
-           })
-      .def("__repr__", [](const PyBundle& bundle) {
-        const auto& slices = bundle.bundle->getSlices();
-        std::string text = "<quaril.Bundle " + std::to_string(slices.size()) + " steps";
-        if (!slices.empty()) {
-          text += " from " + Tools::formatTime(slices.begin()->first) + " to " +
-                  Tools::formatTime(slices.rbegin()->first);
-        }
-        std::set<std::string> names;
-        bundle.bundle->getGridList()->getGridnames(names);
-        text += ", " + std::to_string(names.size()) + " grids";
-        size_t shown = 0;
-        for (const std::string& name : names) {
-          if (shown == 8) {
-            text += ", ...";
-            break;
-          }
-          text += (shown++ ? ", " : " (") + name;
-        }
-        return text + (names.empty() ? ">" : ")>");
-      });
+            return text + (names.empty() ? ">" : ")>");
+          });
+  withAttributes(bundleClass,
+                 [](const PyBundle& bundle) -> Ostrak::Attributes& { return *bundle.bundle; });
 
   py::class_<H5::Problem>(module, "Problem",
                           "A part of a file that could not be read, and where and why")

@@ -3,7 +3,7 @@
     import quaril
     run = quaril.load("run.h5")                      # opens lazily
     for t, grid in run.evolution("fluid"):
-        pressure = grid.field("pressure")             # numpy array, read now
+        pressure = grid["pressure"]                   # numpy array, read now
 """
 
 import os
@@ -33,6 +33,18 @@ def follow(path: Path, idle: Optional[float] = None) -> Follow:
         for t, step in quaril.follow("run.h5", idle=600):
             plot(t, step["fluid"].field("pressure"))
     """
+
+
+def open_datasets(path: Path, times: Optional[tuple[Optional[float], Optional[float]]] = None
+                  ) -> dict:
+    """Every grid of a file or series as an xarray Dataset, by grid name; `times` keeps
+    the steps in (first, last)."""
+
+
+class XarrayBackend:
+    """xarray's engine "quaril" as a class: xr.open_dataset(path, engine=quaril.XarrayBackend,
+    group="fluid", times=None, drop_variables=None) gives one grid as a Dataset over time,
+    read lazily step by step (only the box asked for of each step)."""
 
 
 class Follow(Iterator[tuple[float, Slice]]):
@@ -83,10 +95,29 @@ class Grid:
     @property
     def uniform(self) -> Optional[dict]:
         """For a uniform grid: {'origin', 'spacing', 'extents'}; None otherwise."""
-    def field(self, name: str, on: Literal["", "vertices", "cells"] = "") -> Union[np.ndarray, list[np.ndarray]]:
+    def field(self, name: str, on: Literal["", "vertices", "cells"] = "",
+              region: Union[None, int, slice, tuple[Union[int, slice], ...]] = None
+              ) -> Union[np.ndarray, list[np.ndarray]]:
         """The values of field `name` as a numpy array viewing the library's memory (a list of
-        arrays for a fragmented field); points and vectors as (..., 3). KeyError when absent,
-        OSError when the data cannot be read."""
+        arrays for a fragmented field); points and vectors as (..., 3). With `region` (ints
+        and slices over the array's axes, as numpy orders them), only the box that holds it is
+        read from the file, unchecked by the array's checksum. KeyError when absent, OSError
+        when the data cannot be read, IndexError for a region outside the array."""
+    def layout(self, name: str) -> dict:
+        """{'on': 'vertices' | 'cells', 'shapes': [one tuple per fragment], 'dtype'}: what
+        field `name` holds, reading no data."""
+    # A mapping of field names to values.
+    def keys(self) -> list[str]: ...
+    def __iter__(self) -> Iterator[str]: ...
+    def __len__(self) -> int: ...
+    def __contains__(self, name: str) -> bool: ...
+    def __getitem__(self, name: str) -> Union[np.ndarray, list[np.ndarray]]: ...
+    def get(self, name: str, default: object = None) -> object: ...
+    def items(self) -> list[tuple[str, Union[np.ndarray, list[np.ndarray]]]]: ...
+    @property
+    def attributes(self) -> dict:
+        """The grid's attributes (a copy): numbers, texts, and lists of either."""
+    def set_attribute(self, name: str, value: Union[int, float, str, list]) -> None: ...
     def set_uniform(self, extents: Sequence[int], origin: Sequence[float] = (0, 0, 0),
                     spacing: Sequence[float] = (1, 1, 1)) -> None:
         """Makes the grid uniform: extents vertices per axis from origin in steps of spacing."""
@@ -113,6 +144,14 @@ class Slice:
         """The grid `name`; KeyError when there is none, OSError when it could not be read."""
     def __contains__(self, name: str) -> bool: ...
     def __len__(self) -> int: ...
+    # A mapping of grid names to grids (though slice[name] makes a missing one).
+    def keys(self) -> list[str]: ...
+    def __iter__(self) -> Iterator[str]: ...
+    def get(self, name: str, default: object = None) -> Optional[Grid]: ...
+    def items(self) -> list[tuple[str, Grid]]: ...
+    @property
+    def attributes(self) -> dict: ...
+    def set_attribute(self, name: str, value: Union[int, float, str, list]) -> None: ...
 
 
 class Binding:
@@ -138,6 +177,18 @@ class Bundle:
     def __iter__(self) -> Iterator[tuple[float, Slice]]: ...
     def __getitem__(self, t: float) -> Slice:
         """The time step at exactly `t`, made when missing."""
+    # A mapping of times to slices; iterating gives (time, slice) pairs, as items().
+    def keys(self) -> list[float]: ...
+    def __contains__(self, t: float) -> bool: ...
+    def get(self, t: float, default: object = None) -> Optional[Slice]: ...
+    def items(self) -> list[tuple[float, Slice]]: ...
+    def times_of(self, name: str) -> np.ndarray:
+        """The times of the steps that hold grid `name`, reading no step."""
+    @property
+    def attributes(self) -> dict: ...
+    def set_attribute(self, name: str, value: Union[int, float, str, list]) -> None: ...
+    def _repr_html_(self) -> str:
+        """The summary `bundle-tool info` prints, for notebooks."""
     def slice(self, t: float) -> Slice:
         """The time step at exactly `t`; KeyError when there is none."""
     def most_recent(self, t: float, name: str) -> Optional[Grid]:

@@ -93,7 +93,9 @@ class _Store:
 
     def __init__(self, bundle, group, times):
         self.bundle, self.group, self.times = bundle, group, times
-        self.layout = _Layout(self._grid(0))
+        first = self._grid(0)
+        self.layout = _Layout(first)
+        self.grid_attributes = first.attributes
         if len(times) > 1 and self.layout.differences(_Layout(self._grid(len(times) - 1))):
             # Named at the first step where it changes: found only when it does.
             for step in range(1, len(times)):
@@ -159,7 +161,9 @@ def open_grid(path, group, times=None, drop_variables=None):
         chunks = dict(zip(dims, (1,) + tuple(shape)))
         target["positions" if name == "Positions" else name] = Variable(
             dims, data, {"location": on}, encoding={"preferred_chunks": chunks})
-    dataset = Dataset(variables, coords=coords, attrs={"grid": group, "file": str(path)})
+    # The bundle's attributes, then the grid's (of its first step), then where it is from.
+    attrs = {**bundle.attributes, **store.grid_attributes, "grid": group, "file": str(path)}
+    dataset = Dataset(variables, coords=coords, attrs=attrs)
     dataset.set_close(None)
     return dataset
 

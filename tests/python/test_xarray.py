@@ -23,6 +23,8 @@ def write_run(path, steps=4, changing_at=None):
         cloud = bundle[t]["cloud"]
         cloud.set_points(np.full((5, 3), t))
         cloud.add_field("mass", np.arange(5, dtype=np.float32) * i)
+    bundle.set_attribute("code", "flow 2.1")
+    bundle[times[0]]["fluid"].set_attribute("gamma", 1.4)
     bundle.save(path)
     return times
 
@@ -42,6 +44,8 @@ def test_a_uniform_grid_is_a_dataset_with_exact_times_and_coordinates(tmp_path):
     assert cloud.mass.chunks == ((1, 1, 1, 1), (5,))  # one chunk per step
     assert float(cloud.mass.sum().compute()) == 10 * (0 + 1 + 2 + 3)
     assert sorted(quaril.open_datasets(path)) == ["cloud", "fluid"]
+    assert fluid.attrs["code"] == "flow 2.1" and fluid.attrs["gamma"] == 1.4
+    assert fluid.attrs["grid"] == "fluid" and "gamma" not in cloud.attrs
 
 
 def test_opening_reads_no_array_and_indexing_reads_only_the_steps_asked_for(tmp_path,
@@ -98,5 +102,8 @@ def test_bundles_slices_and_grids_are_mappings_with_a_repr_that_says_what_they_h
     assert fluid.get("q", 5) == 5 and dict(fluid.items()).keys() == set(fluid.keys())
     assert repr(run) == "<quaril.Bundle 2 steps from 0 to 0.3333333333333333, 2 grids (cloud, fluid)>"
     assert repr(step) == "<quaril.Slice t=0.3333333333333333: 2 grids (cloud, fluid)>"
+    assert run.attributes == {"code": "flow 2.1"}
+    step.set_attribute("levels", [1, 2])
+    assert step.attributes == {"levels": [1, 2]}
     html = run._repr_html_()
     assert html.startswith("<pre>") and "fluid" in html and "2 time steps" in html
