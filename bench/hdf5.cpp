@@ -13,7 +13,9 @@
 //    load also with both files read from the disk, not the page cache);
 //  - OpenMemory: heap bytes per time step right after opening;
 //  - SyncAtStep: the sync of one more step into a bound series of 10^4 steps,
-//    in turns with the same into a series of 10 (the ratio of the two).
+//    in turns with the same into a series of 10 (the ratio of the two);
+//  - SyncDurability: a sync that survives the program's crash, in turns with
+//    one that also survives a power loss.
 
 #include <fcntl.h>
 #include <hdf5.h>
@@ -418,6 +420,48 @@ BENCHMARK(SyncAtStep)
     ->Unit(benchmark::kMillisecond)
     ->Iterations(100)
     ->UseManualTime();
+
+/// The sync of one step into a series bound with Durability::Crash (nothing
+/// flushed to disk), in turns with the same into one bound with
+/// Durability::PowerLoss (part, folder and journal flushed).
+void SyncDurability(benchmark::State& state) {
+  auto bind = [](const std::string& name, H5::Durability durability) {
+    BundlePtr bundle;
+    bundle.create();
+    addStep(bundle, 0);
+    std::filesystem::remove(scratch(name));
+    std::filesystem::remove_all(scratch(name + ".parts"));
+    Ostrak::StrongPtr<H5::StorageOptions> options(new H5::StorageOptions);
+    options->setDurability(durability);
+    if (bundle->bindToNew(scratch(name), options).status != 1) return BundlePtr();
+    return bundle;
+  };
+  BundlePtr crash = bind("crash.h5", H5::Durability::Crash),
+            flushed = bind("flushed.h5", H5::Durability::PowerLoss);
+  if (!crash || !flushed) {
+    state.SkipWithError("cannot bind");
+    return;
+  }
+  int64_t step = 1;
+  double ours = 0, baseline = 0;
+  for (auto _ : state) {
+    addStep(crash, step);
+    addStep(flushed, step++);
+    auto start = std::chrono::steady_clock::now();
+    const bool flushedOk = flushed->sync() == 1;
+    auto middle = std::chrono::steady_clock::now();
+    const bool crashOk = crash->sync() == 1;
+    auto end = std::chrono::steady_clock::now();
+    if (!flushedOk || !crashOk) state.SkipWithError("sync failed");
+    baseline += std::chrono::duration<double>(middle - start).count();
+    const double time = std::chrono::duration<double>(end - middle).count();
+    ours += time;
+    state.SetIterationTime(time);
+  }
+  state.counters["power_loss_ms"] = 1e3 * baseline / static_cast<double>(state.iterations());
+  state.counters[QuarilBench::PairedRatio] = ours / baseline;
+}
+BENCHMARK(SyncDurability)->Unit(benchmark::kMillisecond)->Iterations(200)->UseManualTime();
 
 }  // namespace
 

@@ -797,11 +797,12 @@ PYBIND11_MODULE(_core, module) {
           .def(
               "bind",
               [](PyBundle& bundle, const std::filesystem::path& file, bool append, bool xdmf,
-                 bool skipDamaged) {
+                 bool skipDamaged, bool durable) {
                 const std::string path = file.string();
                 StrongPtr<H5::StorageOptions> policy(new H5::StorageOptions);
                 policy->setWriteXdmf(xdmf);
                 policy->setSkipDamaged(skipDamaged);
+                policy->setDurability(durable ? H5::Durability::PowerLoss : H5::Durability::Crash);
                 const Bundle::BindingResult bound = append ? bundle.bundle->bindTo(path, policy)
                                                            : bundle.bundle->bindToNew(path, policy);
                 if (bound.status != 1)
@@ -810,10 +811,12 @@ PYBIND11_MODULE(_core, module) {
                 return PyBinding{bundle.bundle, path};
               },
               py::arg("path"), py::arg("append") = false, py::arg("xdmf") = true,
-              py::arg("skip_damaged") = false,
+              py::arg("skip_damaged") = false, py::arg("durable") = false,
               "Binds the bundle to a series at `path` (a new one, or the existing one with "
               "append=True); each sync() adds what is new, and keeps PATH.xmf up to date unless "
-              "xdmf=False. A context manager that syncs and unbinds at its end.")
+              "xdmf=False. A completed sync survives the program's crash or kill; with "
+              "durable=True also a power loss (each sync flushes to disk). A context manager "
+              "that syncs and unbinds at its end.")
           .def_property_readonly(
               "problems", [](const PyBundle& bundle) { return H5::problems(*bundle.bundle); },
               "What of its files could not be read so far (slices are read on first use)")

@@ -29,6 +29,19 @@ inline constexpr uint32_t FilterShuffle = 2;
 /// A storage policy with the options of this format: pass it, or a class
 /// derived from it, where a StorageTransformations is taken (save, bindTo,
 /// bindToNew). A plain StorageTransformations has the defaults.
+/// What each completed sync of a bound series survives.
+enum class Durability {
+  /// The writing program's crash or kill (SIGKILL): a sync's files are
+  /// complete in the operating system's cache before its journal entry is
+  /// appended, and nothing is flushed to disk. A power loss may cost the
+  /// syncs of the last half minute or so (the system's write-back delay),
+  /// each then reported unreadable, never read wrong; earlier syncs stay.
+  Crash,
+  /// Also a power loss or a crash of the machine: each sync flushes its
+  /// part, the parts' folder and the journal entry to disk before it returns.
+  PowerLoss,
+};
+
 class StorageOptions : public StorageTransformations {
  public:
   /// The options of `policy`: itself when it is StorageOptions (or derived
@@ -54,10 +67,20 @@ class StorageOptions : public StorageTransformations {
   bool getChecksums() const noexcept { return checksums_; }
   void setChecksums(bool store) noexcept { checksums_ = store; }
 
+  /// What each sync of a series bound with these options survives. The
+  /// default is Crash: a sync costs 0.6 ms instead of 1.0 ms on a virtual
+  /// disk that flushes fast, and far less than on one that waits for the
+  /// device, while the failure a run meets is a killed or crashed job; the
+  /// HDF5 and netCDF libraries flush nothing to disk either. Saves, the first
+  /// part of a new series and collective syncs always flush.
+  Durability getDurability() const noexcept { return durability_; }
+  void setDurability(Durability durability) noexcept { durability_ = durability; }
+
  private:
   bool writeXdmf_ = true;
   bool skipDamaged_ = false;
   bool checksums_ = true;
+  Durability durability_ = Durability::Crash;
 };
 
 /// Where a fragment stands in the file (or the part of a series) it is read

@@ -210,10 +210,11 @@ class Bundle:
         for visualisation programs unless xdmf=False; OSError on failure, also when it would
         lose what could not be read (unless skip_damaged=True leaves that out)."""
     def bind(self, path: Path, append: bool = False, xdmf: bool = True,
-             skip_damaged: bool = False) -> Binding:
+             skip_damaged: bool = False, durable: bool = False) -> Binding:
         """Binds the bundle to a series at `path` (new, or continued with append=True); each
-        sync keeps PATH.xmf up to date unless xdmf=False. OSError rather than lose what could
-        not be read, unless skip_damaged=True."""
+        sync keeps PATH.xmf up to date unless xdmf=False. A completed sync survives the
+        program's crash or kill; with durable=True also a power loss (each sync flushes to
+        disk). OSError rather than lose what could not be read, unless skip_damaged=True."""
     def sync(self) -> None:
         """Writes what is new to the bound series; ValueError when not bound."""
     def refresh(self) -> tuple[list[float], list[float]]:

@@ -106,18 +106,18 @@ std::string readAll(int fd, const std::string& what) {
 }
 
 void replaceFile(const std::string& path, const std::function<void(const std::string&)>& fill,
-                 const std::function<void()>& whenReplaced) {
+                 const std::function<void()>& whenReplaced, bool flush) {
   const std::string temporary = makeTemporary(path);
   try {
     fill(temporary);
-    syncToDisk(temporary, false);
+    if (flush) syncToDisk(temporary, false);
     renameOver(temporary, path);
   } catch (...) {
     std::remove(temporary.c_str());
     throw;
   }
   if (whenReplaced) whenReplaced();
-  syncFolderOf(path);
+  if (flush) syncFolderOf(path);
 }
 
 void writeText(const std::string& path, const std::string& text, const std::string& shownAs) {

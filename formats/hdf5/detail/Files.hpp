@@ -47,8 +47,10 @@ std::string readAll(int fd, const std::string& what);
 /// On failure the new file is removed, `path` is left as it was, and the
 /// failure is thrown on. `whenReplaced` (may be empty) runs after the rename,
 /// before the folder is flushed, for other renames in the same folder.
+/// Without `flush`, nothing is flushed: the new file survives the program's
+/// crash, not a power loss.
 void replaceFile(const std::string& path, const std::function<void(const std::string&)>& fill,
-                 const std::function<void()>& whenReplaced = nullptr);
+                 const std::function<void()>& whenReplaced = nullptr, bool flush = true);
 
 /// Writes `text` as the new file `path`; errors name the file `shownAs`.
 void writeText(const std::string& path, const std::string& text, const std::string& shownAs);

@@ -293,11 +293,11 @@ JournalTail::JournalTail(const std::string& path)
   length_ = read_.validBytes;
 }
 
-void JournalTail::append(const Index& index) {
+void JournalTail::append(const Index& index, bool flush) {
   try {
     const std::vector<uint8_t> record = encodeRecord(next_, index);
     writeAt(fd_, record.data(), record.size(), length_, path_);
-    requireSystem(fsync(fd_) == 0, "cannot flush " + path_);
+    if (flush) requireSystem(fsync(fd_) == 0, "cannot flush " + path_);
     length_ += record.size();
     ++next_;
   } catch (...) {

@@ -116,9 +116,10 @@ class JournalTail {
   const Journal& journal() const noexcept { return read_; }
   /// The number of the next part.
   uint64_t next() const noexcept { return next_; }
-  /// Appends the record of the next part, holding `index`, and flushes it.
-  /// On failure the journal ends where it did and Failure is thrown.
-  void append(const Index& index);
+  /// Appends the record of the next part, holding `index`, and flushes it
+  /// to disk when `flush`. On failure the journal ends where it did and
+  /// Failure is thrown.
+  void append(const Index& index, bool flush = true);
   /// Appends a closing record, which tells followers that the series ends
   /// here unless a later binding goes on. Never throws: followers of a
   /// journal without one stop when it stays idle.

@@ -109,6 +109,8 @@ struct WriteRequest {
   /// Empty: every problem of the bundle stops it, unless the policy skips
   /// damaged parts.
   std::string series = {};
+  /// Whether the file and its folder are flushed to disk once it is written.
+  bool flush = true;
 };
 
 /// What takes the pieces of a write, in the order of the file: once the

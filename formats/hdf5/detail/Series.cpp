@@ -277,9 +277,11 @@ class SeriesBinding : public ReportingBinding {
     std::vector<std::string> structures;
     WriteRequest request{transformations_, {}, {}, &plan, &written, &structures};
     request.series = journal_;
+    request.flush =
+        StorageOptions::of(transformations_.get()).getDurability() == Durability::PowerLoss;
     writeBundle(bundle, part, request);
     try {
-      tail_->append(written);
+      tail_->append(written, request.flush);
     } catch (...) {
       std::remove(part.c_str());  // a part without its record may not stay
       throw;

@@ -212,7 +212,7 @@ void writeBundle(const Bundle& bundle, const std::string& path, const WriteReque
         file.close("cannot finish " + path);
         if (request.whenComplete) request.whenComplete();
       },
-      request.whenReplaced);
+      request.whenReplaced, request.flush);
 }
 
 }  // namespace Quaril::H5::detail
