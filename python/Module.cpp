@@ -772,10 +772,20 @@ PYBIND11_MODULE(_core, module) {
           .def(
               "save",
               [](const PyBundle& bundle, const std::filesystem::path& path,
-                 std::optional<std::vector<std::string>> grids, std::optional<int> compress,
+                 std::optional<std::vector<std::string>> grids, const py::object& compress,
                  bool xdmf, bool skipDamaged) {
                 StrongPtr<H5::StorageOptions> policy(new H5::StorageOptions);
-                if (compress) policy->setCompressionLevel(*compress);
+                if (!compress.is_none()) {
+                  // A deflate level, or a codec by name ("zstd", "lz4:...", ...).
+                  const std::string text = py::isinstance<py::int_>(compress)
+                                               ? std::to_string(compress.cast<int>())
+                                               : compress.cast<std::string>();
+                  std::string error;
+                  const std::optional<Tools::Compression> parsed =
+                      Tools::parseCompression(text, error);
+                  if (!parsed) throw py::value_error(error);
+                  policy->setCompression(parsed->codec, parsed->level);
+                }
                 policy->setWriteXdmf(xdmf);
                 policy->setSkipDamaged(skipDamaged);
                 StrongPtr<Ostrak::StringList> names;
@@ -790,10 +800,9 @@ PYBIND11_MODULE(_core, module) {
               py::arg("path"), py::arg("grids") = py::none(), py::arg("compress") = py::none(),
               py::arg("xdmf") = true, py::arg("skip_damaged") = false,
               "Saves the bundle (only `grids` when given) as one file, atomically, with PATH.xmf "
-              "for "
-              "visualisation programs unless xdmf=False; OSError on failure, also when it would "
-              "lose "
-              "what could not be read (leave that out with skip_damaged=True)")
+              "for visualisation programs unless xdmf=False; compress: a deflate level, or "
+              "'zstd[:LEVEL]', 'lz4', 'deflate[:LEVEL]'. OSError on failure, also when it would "
+              "lose what could not be read (leave that out with skip_damaged=True)")
           .def(
               "bind",
               [](PyBundle& bundle, const std::filesystem::path& file, bool append, bool xdmf,

@@ -8,6 +8,7 @@ set -euo pipefail
 
 packages=(
   cmake
+  pkg-config
   make
   g++
   libgtest-dev
@@ -15,6 +16,8 @@ packages=(
   libbenchmark-dev
   libhdf5-dev
   libxxhash-dev
+  libzstd-dev
+  liblz4-dev
   libcli11-dev
   nlohmann-json3-dev
   pybind11-dev
@@ -25,6 +28,7 @@ packages=(
   python3-xarray
   python3-netcdf4
   python3-dask
+  python3-hdf5plugin
 )
 if [ "${1:-}" = "fuzz" ]; then
   packages+=(clang libclang-rt-14-dev)

@@ -58,6 +58,40 @@ H5::Outcome openFiles(BundlePtr& bundle, const std::vector<std::string>& files,
   return H5::load(bundle, std::list<std::string>(files.begin(), files.end()), progress);
 }
 
+std::optional<Compression> parseCompression(const std::string& text, std::string& error) {
+  error = "bad compression \"" + text +
+          "\": expected zstd[:1-22], lz4, deflate[:1-9], none, or a deflate level 0 to 9";
+  const size_t colon = text.find(':');
+  const std::string name = text.substr(0, colon);
+  int level = 0;
+  if (colon != std::string::npos) {
+    const std::string number = text.substr(colon + 1);
+    size_t used = 0;
+    try {
+      level = std::stoi(number, &used);
+    } catch (const std::exception&) {
+      return std::nullopt;
+    }
+    if (used != number.size()) return std::nullopt;
+  }
+  Compression compression;
+  if (name == "zstd" && (colon == std::string::npos || (level >= 1 && level <= 22))) {
+    compression = {H5::Codec::Zstd, level};
+  } else if (name == "lz4" && colon == std::string::npos) {
+    compression = {H5::Codec::Lz4, 0};
+  } else if (name == "deflate" && (colon == std::string::npos || (level >= 1 && level <= 9))) {
+    compression = {H5::Codec::Deflate, colon == std::string::npos ? 6 : level};
+  } else if (name == "none" && colon == std::string::npos) {
+    compression = {};
+  } else if (colon == std::string::npos && name.size() == 1 && name[0] >= '0' && name[0] <= '9') {
+    if (name != "0") compression = {H5::Codec::Deflate, name[0] - '0'};
+  } else {
+    return std::nullopt;
+  }
+  error.clear();
+  return compression;
+}
+
 std::optional<TimeRange> parseTimeRange(const std::string& text, std::string& error) {
   error = "bad time range \"" + text + "\": expected T0:T1, T0:, :T1 or T";
   const size_t colon = text.find(':');
@@ -86,10 +120,6 @@ std::optional<TimeRange> parseTimeRange(const std::string& text, std::string& er
 H5::Outcome copyBundle(const CopyRequest& request,
                        const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress,
                        std::vector<H5::Problem>* unreadable) {
-  if (request.compression < 0 || request.compression > 9) {
-    return {false,
-            "bad compression level " + std::to_string(request.compression) + ": expected 0 to 9"};
-  }
   if (request.output.empty()) return {false, "no output file given"};
   BundlePtr bundle;
   if (H5::Outcome opened = openFiles(bundle, request.inputs, progress); !opened) return opened;
@@ -103,7 +133,7 @@ H5::Outcome copyBundle(const CopyRequest& request,
     }
   }
   Ostrak::StrongPtr<Selected> transformations(new Selected(request.times));
-  transformations->setCompressionLevel(request.compression);
+  transformations->setCompression(request.compression.codec, request.compression.level);
   transformations->setWriteXdmf(request.xdmf);
   transformations->setSkipDamaged(request.skipDamaged);
   if (request.times) {

@@ -35,6 +35,17 @@ struct TimeRange {
 /// T0 > T1.
 std::optional<TimeRange> parseTimeRange(const std::string& text, std::string& error);
 
+/// A codec and its level for every array written.
+struct Compression {
+  H5::Codec codec = H5::Codec::None;
+  int level = 0;  ///< 0: the codec's default
+};
+
+/// `--compress` and Python's `compress=`: "zstd[:LEVEL]" (1 to 22), "lz4",
+/// "deflate[:LEVEL]" (1 to 9), "none", or a deflate level "N" (0: none).
+/// Nothing, and `error` set, for anything else.
+std::optional<Compression> parseCompression(const std::string& text, std::string& error);
+
 struct CopyRequest {
   std::vector<std::string> inputs;
   std::string output;
@@ -42,8 +53,8 @@ struct CopyRequest {
   std::vector<std::string> grids;
   /// The time steps to copy; none: all.
   std::optional<TimeRange> times;
-  /// Deflate level 1 to 9 (with shuffling); 0 writes the data unfiltered.
-  int compression = 0;
+  /// The codec of every array, after byte shuffling; none: unfiltered.
+  Compression compression;
   /// Whether OUT.xmf, the descriptor for visualisation programs, is written.
   bool xdmf = true;
   /// Whether what cannot be read is left out (each told to the progress
@@ -54,7 +65,7 @@ struct CopyRequest {
 /// Loads and merges the inputs (single files or bound series) and saves the
 /// selection as one self-contained file, atomically. Fails, writing
 /// nothing, for an input that cannot be read, a grid that no input holds, a
-/// time range that holds no step, a compression level outside 0 to 9, or a
+/// time range that holds no step, or a
 /// part of the inputs that cannot be read (unless request.skipDamaged).
 /// What could not be read is added to `unreadable` (may be null).
 H5::Outcome copyBundle(const CopyRequest& request,

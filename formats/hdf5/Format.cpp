@@ -155,6 +155,8 @@ void registerFormat() {
                                         {std::begin(FilePatterns), std::end(FilePatterns)});
     Ostrak::SaveRegistry<Bundle>::add(
         StrongPtr<Ostrak::SaveInterfaceCreator<Bundle>>(new SaverCreator));
+    // The codecs' filters, also for other users of libhdf5 in this process.
+    detail::Session session;
   });
 }
 

@@ -24,8 +24,11 @@
 namespace Quaril::H5 {
 
 /// Registers the loader and the saver creator of the format with the object
-/// core's registries. Calling it again does nothing. Bundles made before the
-/// first call have no saver of this format attached.
+/// core's registries, and the zstd and LZ4 filters (32015, 32004) with
+/// libhdf5, so that other code of the process that reads HDF5 files through
+/// the same libhdf5 (h5py next to the Python module, say) reads them too.
+/// Calling it again does nothing. Bundles made before the first call have no
+/// saver of this format attached.
 void registerFormat();
 
 /// Loads `filenames` into `bundle` (made when empty) through the registered

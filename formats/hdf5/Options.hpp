@@ -18,13 +18,23 @@ namespace Quaril::H5 {
 /// The file patterns the format reads and writes.
 inline constexpr const char* FilePatterns[] = {"*.h5", "*.hdf5", "*.qb.h5"};
 
-/// Bits of FilterSettings::filter as this format reads them. The deflate
-/// level is FilterSettings::level (1 to 9; other values take 6); data smaller
-/// than FilterSettings::minimumBytes are written unfiltered. Without a filter,
-/// StorageTransformations::setCompressionLevel(n > 0) deflates and shuffles
-/// everything at level n.
+/// Bits of FilterSettings::filter as this format reads them: one codec
+/// (zstd before LZ4 before deflate when more are set), after HDF5's byte
+/// shuffle when FilterShuffle is set. The level is FilterSettings::level:
+/// deflate 1 to 9 (other values take 6), zstd 1 to 22 (other values take
+/// 3); data smaller than FilterSettings::minimumBytes are written
+/// unfiltered. Without a filter, StorageOptions::setCompression applies to
+/// every array, and else StorageTransformations::setCompressionLevel(n > 0)
+/// deflates and shuffles everything at level n. zstd and LZ4 are stored as
+/// the HDF5 filters registered for them (32015 and 32004), which other
+/// programs read with those filters installed.
 inline constexpr uint32_t FilterDeflate = 1;
 inline constexpr uint32_t FilterShuffle = 2;
+inline constexpr uint32_t FilterZstd = 4;
+inline constexpr uint32_t FilterLz4 = 8;
+
+/// A codec for every array of a save or sync (StorageOptions::setCompression).
+enum class Codec { None, Deflate, Zstd, Lz4 };
 
 /// A storage policy with the options of this format: pass it, or a class
 /// derived from it, where a StorageTransformations is taken (save, bindTo,
@@ -76,11 +86,23 @@ class StorageOptions : public StorageTransformations {
   Durability getDurability() const noexcept { return durability_; }
   void setDurability(Durability durability) noexcept { durability_ = durability; }
 
+  /// Compresses every array (of a policy that names no filter itself) with
+  /// `codec` after byte shuffling; `level` as FilterSettings::level (0: the
+  /// codec's default). Codec::None (the default) leaves arrays as they are.
+  void setCompression(Codec codec, int level = 0) noexcept {
+    codec_ = codec;
+    codecLevel_ = level;
+  }
+  Codec getCodec() const noexcept { return codec_; }
+  int getCodecLevel() const noexcept { return codecLevel_; }
+
  private:
   bool writeXdmf_ = true;
   bool skipDamaged_ = false;
   bool checksums_ = true;
   Durability durability_ = Durability::Crash;
+  Codec codec_ = Codec::None;
+  int codecLevel_ = 0;
 };
 
 /// Where a fragment stands in the file (or the part of a series) it is read

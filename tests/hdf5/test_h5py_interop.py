@@ -69,8 +69,36 @@ def test_h5py_reads_times_names_and_values_we_wrote(saved):
                 assert uniform["extents"] == [3, 3, 3], "uniform positions are procedural"
 
 
-def write_by_the_layout(path):
-    """Two time steps of a point cloud with a float field, and a uniform box."""
+def register_filters(codec):
+    """Makes h5py read `codec`: LZ4 through hdf5plugin; zstd, which Debian's
+    hdf5plugin lacks, through the quaril module, which registers its filters
+    with the libhdf5 that h5py uses too."""
+    if codec == "lz4":
+        pytest.importorskip("hdf5plugin")
+    else:
+        pytest.importorskip("quaril")
+    assert h5py.h5z.filter_avail({"lz4": 32004, "zstd": 32015}[codec])
+
+
+@pytest.mark.parametrize("codec, filter_id", [("zstd", 32015), ("lz4", 32004)])
+def test_h5py_with_the_registered_filters_reads_our_compressed_files(tmp_path, codec, filter_id):
+    register_filters(codec)
+    plain, packed = tmp_path / "plain.h5", tmp_path / f"{codec}.h5"
+    run_helper("write", str(plain))
+    run_helper("write", str(packed), codec)
+    with h5py.File(plain, "r") as p, h5py.File(packed, "r") as c:
+        filtered = 0
+        for name, dataset in p["arrays"].items():
+            assert np.array_equal(c["arrays"][name][...], dataset[...]), name
+            plist = c["arrays"][name].id.get_create_plist()
+            filters = [plist.get_filter(i)[0] for i in range(plist.get_nfilters())]
+            filtered += filter_id in filters
+        assert filtered > 0
+
+
+def write_by_the_layout(path, compression=None):
+    """Two time steps of a point cloud with a float field, and a uniform box;
+    the arrays compressed with `compression` (h5py's argument) when given."""
     def vertices(elements, fields):
         return {"skeletons": [{
             "dimension": 0, "index": 0, "elements": elements, "refinement": 1,
@@ -102,14 +130,29 @@ def write_by_the_layout(path):
         # The second step is big-endian: the reader converts what is not
         # stored as it holds it.
         for row, step, order in ((0, 0, "<"), (2, 1, ">")):
-            f[f"arrays/{row}.0"] = (np.arange(9.0).reshape(3, 3) + step).astype(order + "f8")
-            f[f"arrays/{row}.1"] = (np.array([1.5, 2.5, 3.5]) * (step + 1)).astype(order + "f4")
+            arrays = {0: (np.arange(9.0).reshape(3, 3) + step).astype(order + "f8"),
+                      1: (np.array([1.5, 2.5, 3.5]) * (step + 1)).astype(order + "f4")}
+            for number, values in arrays.items():
+                f.create_dataset(f"arrays/{row}.{number}", data=values,
+                                 **({} if compression is None else compression))
         f.create_group("grids/1").attrs["material"] = "steel"
 
 
-def test_a_file_written_by_the_documented_layout_loads(tmp_path):
+# h5py's arguments for no compression and for each registered codec (zstd at
+# its default level and at 19 after shuffling; LZ4 in blocks of the filter's
+# default size, and of 16 bytes).
+COMPRESSIONS = [(None, None), ("zstd", dict(compression=32015)),
+                ("zstd", dict(compression=32015, compression_opts=(19,), shuffle=True)),
+                ("lz4", dict(compression=32004, compression_opts=(0,))),
+                ("lz4", dict(compression=32004, compression_opts=(16,)))]
+
+
+@pytest.mark.parametrize("codec, compression", COMPRESSIONS)
+def test_a_file_written_by_the_documented_layout_loads(tmp_path, codec, compression):
+    if codec:
+        register_filters(codec)
     path = tmp_path / "written.h5"
-    write_by_the_layout(path)
+    write_by_the_layout(path, compression)
     lines = run_helper("dump", str(path)).splitlines()
     assert lines[0] == "attribute title from h5py"
     # Grids and fields come in identity order, which the file does not fix.

@@ -109,7 +109,12 @@ TEST_F(ToolTest, everyCommandAnswersWithItsExitStatusAndOneLineOnError) {
        "bundle-tool: bad time range \"2:1\": it ends before it begins\n"},
       {"copy sample.h5 out.h5 --times 5:", 1, "", "bundle-tool: no time step in the range\n"},
       {"copy sample.h5 out.h5 --compress 10", 1, "",
-       "bundle-tool: bad compression level 10: expected 0 to 9\n"},
+       "bundle-tool: bad compression \"10\": expected zstd[:1-22], lz4, deflate[:1-9], none, or "
+       "a deflate level 0 to 9\n"},
+      {"copy sample.h5 zstd.h5 --compress zstd:5", 0, "", ""},
+      {"copy sample.h5 lz4.h5 --compress lz4", 0, "", ""},
+      {"copy sample.h5 out.h5 --compress zstd:23", 1, "", nullptr},
+      {"copy sample.h5 out.h5 --compress lz4:2", 1, "", nullptr},
       {"watch sample.h5", 0, "2            3", ""},
       {"watch sample.h5 --json", 0, "{\"time\":1.0,\"grids\":[\"points\",\"surface\"]", ""},
       {"watch missing.h5", 1, "", nullptr},

@@ -147,13 +147,18 @@ int xdmf(const std::string& file) {
 }
 
 int copy(std::vector<std::string> paths, const std::vector<std::string>& grids,
-         const std::string& times, int compression, bool noXdmf, bool skipDamaged) {
+         const std::string& times, const std::string& compression, bool noXdmf, bool skipDamaged) {
   Tools::CopyRequest request;
   request.output = paths.back();
   paths.pop_back();
   request.inputs = std::move(paths);
   request.grids = grids;
-  request.compression = compression;
+  if (!compression.empty()) {
+    std::string error;
+    const std::optional<Tools::Compression> parsed = Tools::parseCompression(compression, error);
+    if (!parsed) return fail(error);
+    request.compression = *parsed;
+  }
   request.xdmf = !noXdmf;
   request.skipDamaged = skipDamaged;
   if (!times.empty()) {
@@ -227,7 +232,7 @@ int main(int argc, char** argv) {
 
   std::vector<std::string> copyPaths, copyGrids;
   std::string copyTimes;
-  int compression = 0;
+  std::string compression;
   CLI::App* copyCommand = app.add_subcommand(
       "copy", "Merge inputs (files or bound series) and save a selection as one file");
   copyCommand->add_option("IN... OUT", copyPaths, "Input files, then the output file")
@@ -236,7 +241,9 @@ int main(int argc, char** argv) {
   copyCommand->add_option("--grids", copyGrids, "Only these grids (comma-separated)")
       ->delimiter(',');
   copyCommand->add_option("--times", copyTimes, "Only the steps in T0:T1 (T0:, :T1 or T also)");
-  copyCommand->add_option("--compress", compression, "Deflate level 1 to 9; 0: none");
+  copyCommand->add_option("--compress", compression,
+                          "zstd[:LEVEL] (1-22), lz4, deflate[:LEVEL] (1-9), or a deflate level "
+                          "0 to 9 (0: none); after byte shuffling");
   bool noXdmf = false;
   copyCommand->add_flag("--no-xdmf", noXdmf, "Do not write OUT.xmf for visualisation programs");
   bool skipDamaged = false;

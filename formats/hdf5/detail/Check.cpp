@@ -70,8 +70,7 @@ class SourceCheck {
     StrongPtr<Grid> grid(new Grid(WeakPtr<GridContainer>(list_), charts_));
     Made made;
     try {
-      readGrid({part_, source_.get(), entry, (*list_)[name], time, {}, problems_}, *grid,
-               made);
+      readGrid({part_, source_.get(), entry, (*list_)[name], time, {}, problems_}, *grid, made);
     } catch (const Failure& failure) {
       problem("grid " + inQuotes(name) + " at time " + timeText(time), failure.what(), name, time);
       return;

@@ -1,6 +1,5 @@
 #include "formats/hdf5/detail/Checksum.hpp"
 
-
 // Inlined: half again as fast as the shared library's plain calls on large
 // arrays; its dispatching calls, where there are some, faster still.
 #define XXH_INLINE_ALL

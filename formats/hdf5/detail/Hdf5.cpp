@@ -14,6 +14,7 @@
 #include <memory>
 #include <type_traits>
 
+#include "formats/hdf5/detail/Codecs.hpp"
 #include "formats/hdf5/detail/Files.hpp"
 
 namespace Quaril::H5::detail {
@@ -80,10 +81,63 @@ void closeQuietlyAtExit() {
 
 }  // namespace
 
+namespace {
+
+/// A chunk filter of libhdf5 over one of the codecs: compresses on the way
+/// to the file and decompresses on the way back. Returns the new size, or 0
+/// on failure (libhdf5's convention), leaving the buffer as it was.
+template <std::vector<uint8_t> (*Encode)(const void*, size_t, const unsigned*, size_t),
+          std::vector<uint8_t> (*Decode)(const void*, size_t, size_t)>
+size_t codecFilter(unsigned flags, size_t parameterCount, const unsigned parameters[], size_t bytes,
+                   size_t* bufferBytes, void** buffer) {
+  // No chunk of libhdf5 holds 4 GiB or more: a larger claim is damage.
+  constexpr size_t Largest = size_t{1} << 32;
+  try {
+    const std::vector<uint8_t> out = (flags & H5Z_FLAG_REVERSE)
+                                         ? Decode(*buffer, bytes, Largest)
+                                         : Encode(*buffer, bytes, parameters, parameterCount);
+    void* made = H5allocate_memory(std::max<size_t>(out.size(), 1), false);
+    if (!made) return 0;
+    if (!out.empty()) std::memcpy(made, out.data(), out.size());
+    H5free_memory(*buffer);
+    *buffer = made;
+    *bufferBytes = std::max<size_t>(out.size(), 1);
+    return out.size();
+  } catch (...) {
+    return 0;
+  }
+}
+
+std::vector<uint8_t> zstdEncode(const void* data, size_t size, const unsigned* parameters,
+                                size_t count) {
+  return zstdCompress(data, size, count > 0 ? static_cast<int>(parameters[0]) : 0);
+}
+
+std::vector<uint8_t> lz4Encode(const void* data, size_t size, const unsigned* parameters,
+                               size_t count) {
+  return lz4Compress(data, size, count > 0 ? parameters[0] : 0);
+}
+
+/// Registers the codecs with libhdf5 under their filters' numbers, so that
+/// every read and write of this process, ours or not, runs them.
+bool registerCodecs() {
+  static const H5Z_class2_t zstd{
+      H5Z_CLASS_T_VERS, static_cast<H5Z_filter_t>(ZstdFilter),  1, 1, "zstd", nullptr,
+      nullptr,          codecFilter<zstdEncode, zstdDecompress>};
+  static const H5Z_class2_t lz4{
+      H5Z_CLASS_T_VERS, static_cast<H5Z_filter_t>(Lz4Filter), 1, 1, "lz4", nullptr,
+      nullptr,          codecFilter<lz4Encode, lz4Decompress>};
+  return H5Zregister(&zstd) >= 0 && H5Zregister(&lz4) >= 0;
+}
+
+}  // namespace
+
 Session::Session() : lock_(callMutex()) {
   // Registered after libhdf5's own handler, so that it runs first.
   static const bool closesQuietly = H5open() >= 0 && std::atexit(closeQuietlyAtExit) == 0;
   (void)closesQuietly;
+  static const bool codecs = registerCodecs();
+  (void)codecs;
   H5Eget_auto2(H5E_DEFAULT, &savedPrinter_, &savedData_);
   H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
 }
@@ -248,6 +302,16 @@ Dataset writeDataset(hid_t parent, const std::string& name, hid_t fileType, hid_
     if (storage.shuffle) check(H5Pset_shuffle(create.id()), "cannot shuffle \"" + name + "\"");
     if (storage.deflate >= 0) {
       check(H5Pset_deflate(create.id(), static_cast<unsigned>(storage.deflate)),
+            "cannot compress \"" + name + "\"");
+    }
+    if (storage.zstd >= 0) {
+      const unsigned level = static_cast<unsigned>(storage.zstd);
+      check(H5Pset_filter(create.id(), ZstdFilter, H5Z_FLAG_MANDATORY, 1, &level),
+            "cannot compress \"" + name + "\"");
+    }
+    if (storage.lz4) {
+      const unsigned blockBytes = 0;  // the filter's default: one block per chunk
+      check(H5Pset_filter(create.id(), Lz4Filter, H5Z_FLAG_MANDATORY, 1, &blockBytes),
             "cannot compress \"" + name + "\"");
     }
   }

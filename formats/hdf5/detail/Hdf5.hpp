@@ -138,8 +138,10 @@ Datatype stringType();
 /// level (negative: none) and shuffle.
 struct Storage {
   std::vector<hsize_t> chunk;
-  int deflate = -1;
+  int deflate = -1;  ///< the level; -1: none
   bool shuffle = false;
+  int zstd = -1;  ///< the level; -1: none
+  bool lz4 = false;
 };
 
 /// Creates `name` of `fileType` and extents `dims` in `parent` and writes

@@ -100,18 +100,29 @@ Storage storageFor(StorageTransformations& policy, const Place& place, const Fie
       policy.getFilterSettings(place.time, place.gridName, place.grid, place.skeleton,
                                place.representation, field, fieldName, creator, fragment, data);
   const bool small = filter.minimumBytes >= 0 && bytes < static_cast<uint64_t>(filter.minimumBytes);
-  if (!small && (filter.filter & FilterDeflate)) {
-    storage.deflate = filter.level <= 9 ? static_cast<int>(filter.level) : 6;
+  uint32_t bits = small ? 0 : filter.filter;
+  int level = static_cast<int>(filter.level);
+  const StorageOptions& options = StorageOptions::of(&policy);
+  if (filter.filter == 0 && options.getCodec() != Codec::None) {
+    static constexpr uint32_t BitOf[] = {0, FilterDeflate, FilterZstd, FilterLz4};
+    bits = BitOf[static_cast<int>(options.getCodec())] | FilterShuffle;
+    level = options.getCodecLevel();
+  } else if (filter.filter == 0 && policy.getCompressionLevel() > 0) {
+    bits = FilterDeflate | FilterShuffle;
+    level = std::min(policy.getCompressionLevel(), 9);
   }
-  if (!small && (filter.filter & FilterShuffle)) storage.shuffle = true;
-  if (filter.filter == 0 && policy.getCompressionLevel() > 0) {
-    storage.deflate = std::min(policy.getCompressionLevel(), 9);
-    storage.shuffle = true;
+  if (bits & FilterZstd) {
+    storage.zstd = level >= 1 && level <= 22 ? level : 3;
+  } else if (bits & FilterLz4) {
+    storage.lz4 = true;
+  } else if (bits & FilterDeflate) {
+    storage.deflate = level >= 0 && level <= 9 ? level : 6;
   }
+  storage.shuffle = (bits & FilterShuffle) != 0;
   const DynamicSize& size = data->getSize();
   const DynamicSize chunk =
       policy.computeChunkSize(size, static_cast<uint32_t>(data->getTypeDescriptor().size()));
-  const bool filtered = storage.deflate >= 0 || storage.shuffle;
+  const bool filtered = storage.deflate >= 0 || storage.shuffle || storage.zstd >= 0 || storage.lz4;
   if (!filtered && (chunk == size || chunk.rank() != size.rank())) return storage;
   storage.chunk.assign(extents.size(), 1);
   for (int d = 0; d < size.rank(); ++d) {
@@ -492,7 +503,8 @@ class PlanKeeper : public PlanSink {
   void array(Plan::Array array) override {
     require(array.external.reference.empty(),
             array.what + ": a collective save cannot place data in other files");
-    require(array.storage.deflate < 0 && !array.storage.shuffle,
+    require(array.storage.deflate < 0 && !array.storage.shuffle && array.storage.zstd < 0 &&
+                !array.storage.lz4,
             array.what + ": a collective save cannot filter data (switch the filters off)");
     plan_.arrays.push_back(std::move(array));
   }

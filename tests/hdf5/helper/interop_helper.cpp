@@ -1,5 +1,5 @@
 // The C++ side of the h5py interoperability test:
-//   interop_helper write FILE   saves the sample bundle of the tests
+//   interop_helper write FILE [zstd|lz4]   saves the sample bundle of the tests
 //   interop_helper dump FILE    loads FILE and prints it, one line each: "attribute <name>
 //     <text>", "slice <time>", "grid-attribute <name> <text>", "grid <name> <parent or ->", "field <name> <type> <values>",
 //     "uniform <name> <origin> <spacing> <extents>"
@@ -70,14 +70,18 @@ void dump(const Bundle& bundle) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::cerr << "usage: interop_helper write|dump FILE\n";
+  if (argc != 3 && argc != 4) {
+    std::cerr << "usage: interop_helper write FILE [zstd|lz4] | dump FILE\n";
     return 2;
   }
   H5::registerFormat();
   const std::string mode = argv[1], file = argv[2];
   if (mode == "write") {
-    H5::Outcome saved = H5::save(*Testing::makeSampleBundle(), file);
+    Ostrak::StrongPtr<H5::StorageOptions> options(new H5::StorageOptions);
+    const std::string codec = argc == 4 ? argv[3] : "";
+    if (codec == "zstd") options->setCompression(H5::Codec::Zstd);
+    if (codec == "lz4") options->setCompression(H5::Codec::Lz4);
+    H5::Outcome saved = H5::save(*Testing::makeSampleBundle(), file, options);
     if (!saved) std::cerr << saved.error << "\n";
     return saved ? 0 : 1;
   }
