@@ -204,7 +204,7 @@ class Bundle:
     def problems(self) -> list[Problem]:
         """What of its files could not be read so far (slices are read on first use)."""
     def save(self, path: Path, grids: Optional[Sequence[str]] = None,
-             compress: Optional[int] = None, xdmf: bool = True,
+             compress: Union[None, int, str] = None, xdmf: bool = True,
              skip_damaged: bool = False) -> None:
         """Saves the bundle (only `grids` when given) as one file, atomically, with PATH.xmf
         for visualisation programs unless xdmf=False; OSError on failure, also when it would
