@@ -24,6 +24,7 @@
 
 #include "RatioReporter.hpp"
 #include "bundle/Bundle.hpp"
+#include "formats/hdf5/Follow.hpp"
 #include "formats/hdf5/Format.hpp"
 #include "grid/GridConstructors.hpp"
 

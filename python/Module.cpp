@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "formats/hdf5/Follow.hpp"
 #include "grid/GridConstructors.hpp"
 #include "grid/GridWalk.hpp"
 #include "tools/Check.hpp"

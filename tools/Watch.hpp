@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "formats/hdf5/Follow.hpp"
 #include "formats/hdf5/Format.hpp"
 #include "tools/Summary.hpp"
 

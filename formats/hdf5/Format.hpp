@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "bundle/Bundle.hpp"
-#include "formats/hdf5/Follow.hpp"
 #include "formats/hdf5/Options.hpp"
 #include "ostrak/Loader.hpp"
 #include "ostrak/StringList.hpp"

@@ -8,6 +8,7 @@
 #include <random>
 #include <thread>
 
+#include "formats/hdf5/Follow.hpp"
 #include "tests/hdf5/FileFixture.hpp"
 
 namespace Quaril::Testing {
