@@ -77,8 +77,9 @@ bench: deps
 	@for program in $(BENCH_DIR)/bench/*; do \
 	  if [ -x "$$program" ] && [ -f "$$program" ]; then echo "== $$program"; "$$program" || exit 1; fi; \
 	done
-	@if [ -d $(BENCH_DIR)/python/package ]; then echo "== bench/python_read.py"; \
-	  PYTHONPATH=$(BENCH_DIR)/python/package /usr/bin/python3 bench/python_read.py; fi
+	@if [ -d $(BENCH_DIR)/python/package ]; then \
+	  for script in bench/python_read.py bench/python_peers.py; do echo "== $$script"; \
+	    PYTHONPATH=$(BENCH_DIR)/python/package /usr/bin/python3 $$script || exit 1; done; fi
 
 # The loader's fuzz target, built with clang and run for FUZZ_SECONDS.
 fuzz:
