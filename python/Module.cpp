@@ -12,12 +12,14 @@
 #include <cstring>
 #include <deque>
 #include <filesystem>
+#include <limits>
 #include <list>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "bundle/ValuesOverTime.hpp"
 #include "formats/hdf5/Follow.hpp"
 #include "grid/GridConstructors.hpp"
 #include "grid/GridWalk.hpp"
@@ -726,6 +728,33 @@ PYBIND11_MODULE(_core, module) {
                 return evolution(bundle.bundle, name);
               },
               py::arg("name"), "A generator of (time, grid) over every step that holds `name`")
+          .def(
+              "values_over_time",
+              [](const PyBundle& bundle, const std::string& grid, const std::string& field,
+                 const std::vector<uint64_t>& index,
+                 std::optional<std::pair<std::optional<double>, std::optional<double>>> times) {
+                // numpy's order of axes, slowest first, is the reverse of the arrays'.
+                const std::vector<uint64_t> element(index.rbegin(), index.rend());
+                double first = -std::numeric_limits<double>::infinity();
+                double last = std::numeric_limits<double>::infinity();
+                if (times && times->first) first = *times->first;
+                if (times && times->second) last = *times->second;
+                ValuesOverTime read;
+                {
+                  py::gil_scoped_release unlocked;
+                  read = valuesOverTime(*bundle.bundle, grid, field, element, first, last);
+                }
+                if (!read.values) raiseOSError(read.error);
+                const QuarilTypeBase& type = read.values->getTypeDescriptor();
+                return py::make_tuple(
+                    py::array_t<double>(static_cast<py::ssize_t>(read.times.size()),
+                                        read.times.data()),
+                    viewOf(read.values, type));
+              },
+              py::arg("grid"), py::arg("field"), py::arg("index"), py::arg("times") = py::none(),
+              "(times, values): field `field` of grid `grid` at element `index` (numpy's "
+              "order) at every step in times=(first, last) that holds the grid, each step "
+              "reading only that element where it can; OSError naming the step where it cannot")
           .def(
               "times_of",
               [](const PyBundle& bundle, const std::string& name) {

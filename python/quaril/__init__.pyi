@@ -182,6 +182,13 @@ class Bundle:
     def __contains__(self, t: float) -> bool: ...
     def get(self, t: float, default: object = None) -> Optional[Slice]: ...
     def items(self) -> list[tuple[float, Slice]]: ...
+    def values_over_time(self, grid: str, field: str, index: Sequence[int],
+                         times: Optional[tuple[Optional[float], Optional[float]]] = None
+                         ) -> tuple[np.ndarray, np.ndarray]:
+        """(times, values): field `field` of grid `grid` at element `index` (numpy's order)
+        at every step in times=(first, last) that holds the grid, in one call, each step
+        reading only that element where it can (C++: valuesOverTime). OSError naming the step
+        where the field is missing, changes its extents or type, or cannot be read."""
     def times_of(self, name: str) -> np.ndarray:
         """The times of the steps that hold grid `name`, reading no step."""
     @property

@@ -77,6 +77,13 @@ class _StepArray(BackendArray):
     def _read(self, key):
         steps = np.arange(len(self.store.times))[key[0]]
         rest = tuple(key[1:])
+        dims = self.store.layout.dims(self.name)
+        spatial = len(dims) - 1 - (dims[-1] == "component")
+        if (np.ndim(steps) == 1 and len(steps) > 1 and len(rest) >= spatial
+                and all(isinstance(k, (int, np.integer)) for k in rest[:spatial])):
+            # One element over many steps: read in one call.
+            return self.store.element_over_time(steps, self.name, rest[:spatial])[
+                (slice(None),) + rest[spatial:]]
         whole = all(isinstance(k, slice) and k == slice(None) for k in rest)
         region = None if whole else rest  # a box of each step: only that is read
         if np.ndim(steps) == 0:
@@ -109,6 +116,17 @@ class _Store:
         if differs:
             raise ValueError(f"grid \"{self.group}\" changes at time {self.times[step]!r}: "
                              f"{differs}; choose a time range in which it does not (times=...)")
+
+    def element_over_time(self, steps, name, index):
+        """Field `name` at `index` at the given steps (ascending), in one call."""
+        with _LOCK:
+            chosen = self.times[steps]
+            times, values = self.bundle.values_over_time(
+                self.group, name, [int(i) for i in index], times=(chosen[0], chosen[-1]))
+            keep = np.isin(times, chosen)  # the grid's steps in that range, of which these
+            if keep.sum() != len(chosen):
+                raise ValueError(f"grid \"{self.group}\" lacks some of the chosen steps")
+            return np.asarray(values)[keep]
 
     def values(self, step, name, region=None):
         """Field `name` at `step`, or the part `region` of it (read alone)."""

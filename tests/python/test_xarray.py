@@ -67,9 +67,26 @@ def test_opening_reads_no_array_and_indexing_reads_only_the_steps_asked_for(tmp_
     fluid.p.isel(time=slice(1, 3)).load()
     assert read == [(1, "p", None), (2, "p", None)]
     read.clear()
-    series = fluid.p[:, 1, 2, 3].values  # one point of every step, a box of one value each
+    series = fluid.p[:, 1, 2, 3].values  # one point of every step, in one call
     assert list(series) == [12 + 8 + 3 + step for step in range(6)]
-    assert read == [(step, "p", (1, 2, 3)) for step in range(6)]
+    assert list(fluid.p[1:5:2, 0, 0, 1].values) == [1 + 1, 1 + 3]
+    assert read == []
+
+
+def test_one_element_over_time_is_one_call_that_names_where_it_cannot(tmp_path):
+    path = str(tmp_path / "run.qb.h5")
+    times = write_run(path, steps=5, changing_at=3)
+    run = quaril.load(path)
+    at, values = run.values_over_time("fluid", "p", (1, 2, 3), times=(None, times[2]))
+    assert list(at) == times[:3] and list(values) == [12 + 8 + 3 + step for step in range(3)]
+    at, vectors = run.values_over_time("fluid", "v", (0, 0, 0), times=(times[1], times[2]))
+    assert vectors.shape == (2, 3) and list(vectors[:, 0]) == [1.0, 2.0]
+    with pytest.raises(OSError, match=r"at time 1: field \"p\" changes its extents from 4x3x2"):
+        run.values_over_time("fluid", "p", (0, 0, 0))
+    with pytest.raises(OSError, match="no field \"q\""):
+        run.values_over_time("fluid", "q", (0, 0, 0))
+    with pytest.raises(OSError, match="does not lie within"):
+        run.values_over_time("fluid", "p", (9, 0, 0), times=(0, 0))
 
 
 def test_a_grid_that_changes_is_an_error_naming_where_unless_the_times_avoid_it(tmp_path):
