@@ -16,6 +16,8 @@
 //    in turns with the same into a series of 10 (the ratio of the two);
 //  - SyncDurability: a sync that survives the program's crash, in turns with
 //    one that also survives a power loss;
+//  - LazyRead: one array of an open bundle read on request, against H5Dread
+//    of it;
 //  - CompressedSave / CompressedLoad: zstd-1 and LZ4 (after shuffling),
 //    against the C API writing and reading the same arrays through the same
 //    registered filters; the compression ratio beside.
@@ -34,6 +36,7 @@
 
 #include "RatioReporter.hpp"
 #include "bundle/Bundle.hpp"
+#include "field/CreativeArrayBase.hpp"
 #include "formats/hdf5/Format.hpp"
 #include "grid/GridConstructors.hpp"
 
@@ -422,6 +425,48 @@ BENCHMARK(SyncAtStep)
     ->Args({10000, 1})
     ->Unit(benchmark::kMillisecond)
     ->Iterations(100)
+    ->UseManualTime();
+
+/// A lazy read of one array of an open bundle (its creator's first
+/// getData(), the grid already built), in turns with H5Dopen and H5Dread of
+/// the same array in the C API's open file (goal: a ratio of at most 1.0).
+void LazyRead(benchmark::State& state) {
+  if (!H5::save(*seriesBundle(), scratch("series.h5"))) state.SkipWithError("save failed");
+  BundlePtr bundle;
+  H5::load(bundle, {scratch("series.h5")});
+  std::vector<Ostrak::StrongPtr<CreativeArrayBase>> creators;
+  for (const auto& [time, slice] : bundle->getSlices()) {
+    creators.push_back(
+        (*slice)("fluid")->getCartesianRepresentation()->findField("density")->getCreator());
+  }
+  hid_t file = H5Fopen(scratch("series.h5").c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+  hid_t arrays = H5Gopen2(file, "arrays", H5P_DEFAULT);
+  std::unique_ptr<float[]> values(new float[Edge * Edge * Edge]);
+  size_t next = 0;
+  inTurns(
+      state, [] {},
+      [&] {
+        // One grid per step, one stored array per grid: entry `next`, array 0.
+        hid_t dataset = H5Dopen2(arrays, (std::to_string(next) + ".0").c_str(), H5P_DEFAULT);
+        H5Dread(dataset, H5T_NATIVE_FLOAT, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.get());
+        H5Dclose(dataset);
+        loadedSum += values[1];
+      },
+      [&] {
+        const auto data = creators[next]->getData();
+        loadedSum += static_cast<const float*>(data->rawData())[1];
+        creators[next]->dropCache();
+        next = (next + 1) % creators.size();
+      });
+  H5Gclose(arrays);
+  H5Fclose(file);
+  state.SetBytesProcessed(state.iterations() * Edge * Edge * Edge * 4);
+  benchmark::DoNotOptimize(loadedSum);
+}
+BENCHMARK(LazyRead)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(200)
+    ->Repetitions(3)
     ->UseManualTime();
 
 /// The codecs as the compressed benchmarks name them: range(0) 0 is zstd at
