@@ -4,6 +4,7 @@ alone, and a file written by the documented layout with h5py loads in C++."""
 import json
 import os
 import subprocess
+import sys
 
 import h5py
 import numpy as np
@@ -94,6 +95,27 @@ def test_h5py_with_the_registered_filters_reads_our_compressed_files(tmp_path, c
             filters = [plist.get_filter(i)[0] for i in range(plist.get_nfilters())]
             filtered += filter_id in filters
         assert filtered > 0
+
+
+def test_any_program_reads_our_compressed_files_through_the_plugins(tmp_path):
+    """A fresh h5py, without this module or hdf5plugin, given our plugin folder."""
+    plugins = os.environ.get("QUARIL_HDF5_PLUGINS", "")
+    if not os.path.isdir(plugins):
+        pytest.skip("the plugins are not built")
+    plain = tmp_path / "plain.h5"
+    run_helper("write", str(plain))
+    script = ("import sys, h5py, numpy as np\n"
+              "with h5py.File(sys.argv[1]) as p, h5py.File(sys.argv[2]) as c:\n"
+              "    assert all(np.array_equal(c['arrays'][n][...], d[...])"
+              " for n, d in p['arrays'].items())\n")
+    for codec in ("zstd", "lz4"):
+        packed = tmp_path / f"{codec}.h5"
+        run_helper("write", str(packed), codec)
+        environment = {key: value for key, value in os.environ.items() if key != "PYTHONPATH"}
+        environment["HDF5_PLUGIN_PATH"] = plugins
+        result = subprocess.run([sys.executable, "-c", script, str(plain), str(packed)],
+                                env=environment, capture_output=True, text=True, check=False)
+        assert result.returncode == 0, result.stderr
 
 
 def write_by_the_layout(path, compression=None):

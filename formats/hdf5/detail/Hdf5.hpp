@@ -177,6 +177,12 @@ void checkGlobalHeaps(const RawFile& raw);
 void readBox(hid_t dataset, hid_t memoryType, const std::vector<hsize_t>& start,
              const std::vector<hsize_t>& extent, void* data, std::string_view what);
 
+/// The codecs of Codecs.hpp as libhdf5's chunk filters, under their
+/// registered numbers: registered by every Session of this process, and
+/// handed to other programs by the plugin libraries (plugins/).
+const H5Z_class2_t& zstdFilterClass();
+const H5Z_class2_t& lz4FilterClass();
+
 /// Called with each stretch of an array's bytes as soon as it is read, in
 /// order, while the stretch is still in the processor's cache.
 using BytesRead = std::function<void(const void* data, size_t bytes)>;
