@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "BenchSeries.hpp"
 #include "RatioReporter.hpp"
 #include "bundle/Bundle.hpp"
 #include "formats/hdf5/Follow.hpp"
@@ -31,37 +32,13 @@
 namespace {
 
 using namespace Quaril;
+using namespace QuarilBench;
 using namespace std::chrono_literals;
-
-std::string scratch(const std::string& name) {
-  static const std::filesystem::path folder = [] {
-    std::string pattern = (std::filesystem::temp_directory_path() / "quaril-bench-XXXXXX").string();
-    return std::filesystem::path(mkdtemp(pattern.data()));
-  }();
-  return (folder / name).string();
-}
 
 int64_t nanosecondsOf(clockid_t clock) {
   timespec now{};
   clock_gettime(clock, &now);
   return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
-}
-
-void addStep(const BundlePtr& bundle, int64_t step) {
-  Grid& grid = *(*(*bundle)[static_cast<double>(step)])["tracer"];
-  makePointCloud(grid, {{static_cast<double>(step), 0, 0}, {0, 1, 0}});
-  addVertexField(grid, "id", std::vector<int64_t>{step, -step});
-}
-
-/// A bundle of `steps` steps bound to the new series `name`.
-BundlePtr boundSeries(const std::string& name, int64_t steps) {
-  BundlePtr bundle;
-  bundle.create();
-  for (int64_t step = 0; step < steps; ++step) addStep(bundle, step);
-  std::filesystem::remove(scratch(name));
-  std::filesystem::remove_all(scratch(name + ".parts"));
-  if (bundle->bindToNew(scratch(name)).status != 1) return {};
-  return bundle;
 }
 
 /// In a child process: follows `name` (polling every `poll` when given),
@@ -224,8 +201,7 @@ BENCHMARK(IdleFollower)->Unit(benchmark::kMillisecond)->Iterations(2)->UseManual
 
 int main(int argc, char** argv) {
   H5::registerFormat();
-  int result = QuarilBench::runWithRatios(argc, argv);
-  std::error_code ignored;
-  std::filesystem::remove_all(std::filesystem::path(scratch("x")).parent_path(), ignored);
+  const int result = runWithRatios(argc, argv);
+  removeScratch();
   return result;
 }

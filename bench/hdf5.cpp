@@ -34,6 +34,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchSeries.hpp"
 #include "RatioReporter.hpp"
 #include "bundle/Bundle.hpp"
 #include "field/CreativeArrayBase.hpp"
@@ -43,16 +44,9 @@
 namespace {
 
 using namespace Quaril;
+using namespace QuarilBench;
 constexpr int Steps = 100;
 constexpr uint64_t Edge = 64;
-
-std::string scratch(const std::string& name) {
-  static const std::filesystem::path folder = [] {
-    std::string pattern = (std::filesystem::temp_directory_path() / "quaril-bench-XXXXXX").string();
-    return std::filesystem::path(mkdtemp(pattern.data()));
-  }();
-  return (folder / name).string();
-}
 
 std::vector<float> field(int step) {
   std::vector<float> values(Edge * Edge * Edge);
@@ -80,14 +74,16 @@ void flushToDisk(const std::string& path) {
   close(fd);
 }
 
-/// The baseline's file: the same arrays as 100 data sets, flushed to disk.
-void writeBaseline(const std::string& path, const std::vector<std::vector<float>>& arrays) {
+/// The baseline's file: the same arrays as 100 data sets, created with
+/// `create` (their layout and filters), flushed to disk.
+void writeBaseline(const std::string& path, const std::vector<std::vector<float>>& arrays,
+                   hid_t create = H5P_DEFAULT) {
   hid_t file = H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT);
   const hsize_t dims[3] = {Edge, Edge, Edge};
   hid_t space = H5Screate_simple(3, dims, nullptr);
   for (int step = 0; step < Steps; ++step) {
     hid_t dataset = H5Dcreate2(file, std::to_string(step).c_str(), H5T_NATIVE_FLOAT, space,
-                               H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT);
+                               H5P_DEFAULT, create, H5P_DEFAULT);
     H5Dwrite(dataset, H5T_NATIVE_FLOAT, H5S_ALL, H5S_ALL, H5P_DEFAULT, arrays[step].data());
     H5Dclose(dataset);
   }
@@ -162,9 +158,9 @@ void loadSeries() {
 
 /// Reads every array of the baseline's file, keeping all of them until the
 /// last is read, as a loaded bundle keeps them.
-void loadBaseline() {
+void loadBaseline(const std::string& name = "baseline.h5") {
   std::vector<std::unique_ptr<float[]>> arrays(Steps);
-  hid_t file = H5Fopen(scratch("baseline.h5").c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+  hid_t file = H5Fopen(scratch(name).c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
   for (int step = 0; step < Steps; ++step) {
     hid_t dataset = H5Dopen2(file, std::to_string(step).c_str(), H5P_DEFAULT);
     std::unique_ptr<float[]>& values = arrays[static_cast<size_t>(step)];
@@ -185,7 +181,7 @@ void FullLoad(benchmark::State& state) {
   loadSeries();
   loadBaseline();
   inTurns(
-      state, [] {}, loadBaseline, loadSeries);
+      state, [] {}, [] { loadBaseline(); }, loadSeries);
   benchmark::DoNotOptimize(loadedSum);
 }
 BENCHMARK(FullLoad)->Unit(benchmark::kMillisecond)->Iterations(20)->Repetitions(5)->UseManualTime();
@@ -356,24 +352,6 @@ void OpenMemory(benchmark::State& state) {
 }
 BENCHMARK(OpenMemory)->Arg(100000)->Unit(benchmark::kMillisecond)->Iterations(1);
 
-/// Adds time step `step` to `bundle`: a small point cloud with a field.
-void addStep(const BundlePtr& bundle, int64_t step) {
-  Grid& grid = *(*(*bundle)[static_cast<double>(step)])["tracer"];
-  makePointCloud(grid, {{static_cast<double>(step), 0, 0}, {0, 1, 0}});
-  addVertexField(grid, "id", std::vector<int64_t>{step, -step});
-}
-
-/// A bundle of `steps` time steps bound to a new series that holds them.
-BundlePtr boundSeries(const std::string& name, int64_t steps) {
-  BundlePtr bundle;
-  bundle.create();
-  for (int64_t step = 0; step < steps; ++step) addStep(bundle, step);
-  std::filesystem::remove(scratch(name));
-  std::filesystem::remove_all(scratch(name + ".parts"));
-  if (bundle->bindToNew(scratch(name)).status != 1) return {};
-  return bundle;
-}
-
 /// A new bundle bound to the series `name`, its steps left in the file.
 BundlePtr rebound(const std::string& name) {
   BundlePtr bundle;
@@ -484,23 +462,13 @@ BenchCodec benchCodec(int64_t which) {
 /// and compressed by the same registered filter.
 void writeCompressedBaseline(const std::string& path, const std::vector<std::vector<float>>& arrays,
                              const BenchCodec& codec) {
-  hid_t file = H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT);
   const hsize_t dims[3] = {Edge, Edge, Edge};
-  hid_t space = H5Screate_simple(3, dims, nullptr);
   hid_t create = H5Pcreate(H5P_DATASET_CREATE);
   H5Pset_chunk(create, 3, dims);
   H5Pset_shuffle(create);
   H5Pset_filter(create, codec.filter, H5Z_FLAG_MANDATORY, 1, &codec.parameter);
-  for (int step = 0; step < Steps; ++step) {
-    hid_t dataset = H5Dcreate2(file, std::to_string(step).c_str(), H5T_NATIVE_FLOAT, space,
-                               H5P_DEFAULT, create, H5P_DEFAULT);
-    H5Dwrite(dataset, H5T_NATIVE_FLOAT, H5S_ALL, H5S_ALL, H5P_DEFAULT, arrays[step].data());
-    H5Dclose(dataset);
-  }
+  writeBaseline(path, arrays, create);
   H5Pclose(create);
-  H5Sclose(space);
-  H5Fclose(file);
-  flushToDisk(path);
 }
 
 Ostrak::StrongPtr<H5::StorageOptions> compressing(const BenchCodec& codec) {
@@ -542,21 +510,7 @@ void CompressedLoad(benchmark::State& state) {
   }
   writeCompressedBaseline(scratch("packed-baseline.h5"), baselineArrays(), codec);
   inTurns(
-      state, [] {},
-      [] {
-        std::vector<std::unique_ptr<float[]>> arrays(Steps);
-        hid_t file = H5Fopen(scratch("packed-baseline.h5").c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
-        for (int step = 0; step < Steps; ++step) {
-          hid_t dataset = H5Dopen2(file, std::to_string(step).c_str(), H5P_DEFAULT);
-          arrays[static_cast<size_t>(step)].reset(new float[Edge * Edge * Edge]);
-          H5Dread(dataset, H5T_NATIVE_FLOAT, H5S_ALL, H5S_ALL, H5P_DEFAULT,
-                  arrays[static_cast<size_t>(step)].get());
-          loadedSum += arrays[static_cast<size_t>(step)][1];
-          H5Dclose(dataset);
-        }
-        H5Fclose(file);
-      },
-      [] { loadFile("packed.h5"); });
+      state, [] {}, [] { loadBaseline("packed-baseline.h5"); }, [] { loadFile("packed.h5"); });
   benchmark::DoNotOptimize(loadedSum);
 }
 BENCHMARK(CompressedLoad)
@@ -572,15 +526,9 @@ BENCHMARK(CompressedLoad)
 /// Durability::PowerLoss (part, folder and journal flushed).
 void SyncDurability(benchmark::State& state) {
   auto bind = [](const std::string& name, H5::Durability durability) {
-    BundlePtr bundle;
-    bundle.create();
-    addStep(bundle, 0);
-    std::filesystem::remove(scratch(name));
-    std::filesystem::remove_all(scratch(name + ".parts"));
     Ostrak::StrongPtr<H5::StorageOptions> options(new H5::StorageOptions);
     options->setDurability(durability);
-    if (bundle->bindToNew(scratch(name), options).status != 1) return BundlePtr();
-    return bundle;
+    return boundSeries(name, 1, options);
   };
   BundlePtr crash = bind("crash.h5", H5::Durability::Crash),
             flushed = bind("flushed.h5", H5::Durability::PowerLoss);
@@ -619,8 +567,7 @@ int main(int argc, char** argv) {
   mallopt(M_TRIM_THRESHOLD, 1 << 30);
   H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
   H5::registerFormat();
-  int result = QuarilBench::runWithRatios(argc, argv);
-  std::error_code ignored;
-  std::filesystem::remove_all(std::filesystem::path(scratch("x")).parent_path(), ignored);
+  const int result = runWithRatios(argc, argv);
+  removeScratch();
   return result;
 }
