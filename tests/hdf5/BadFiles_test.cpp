@@ -11,6 +11,7 @@
 #include <random>
 
 #include "tests/hdf5/FileFixture.hpp"
+#include "tests/hdf5/LargestArray.hpp"
 
 namespace Quaril::Testing {
 namespace {
@@ -403,29 +404,18 @@ class SinglePrecision : public H5::StorageOptions {
 /// Flips one bit of the stored bytes of the largest data set in `file`'s
 /// "arrays", `fraction` of the way into them.
 void flipInLargestArray(const std::string& file, double fraction) {
-  haddr_t offset = HADDR_UNDEF;
-  hsize_t largest = 0;
+  const std::string largest = largestArray(file);
+  ASSERT_FALSE(largest.empty());
   hid_t handle = H5Fopen(file.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
-  hid_t arrays = H5Gopen2(handle, "arrays", H5P_DEFAULT);
-  H5G_info_t info;
-  H5Gget_info(arrays, &info);
-  for (hsize_t i = 0; i < info.nlinks; ++i) {
-    std::array<char, 64> name{};
-    H5Lget_name_by_idx(arrays, ".", H5_INDEX_NAME, H5_ITER_INC, i, name.data(), name.size(),
-                       H5P_DEFAULT);
-    hid_t dataset = H5Dopen2(arrays, name.data(), H5P_DEFAULT);
-    if (H5Dget_storage_size(dataset) > largest) {
-      largest = H5Dget_storage_size(dataset);
-      offset = H5Dget_offset(dataset);
-    }
-    H5Dclose(dataset);
-  }
-  H5Gclose(arrays);
+  hid_t dataset = H5Dopen2(handle, largest.c_str(), H5P_DEFAULT);
+  const haddr_t offset = H5Dget_offset(dataset);
+  const hsize_t bytesOfIt = H5Dget_storage_size(dataset);
+  H5Dclose(dataset);
   H5Fclose(handle);
   ASSERT_NE(offset, HADDR_UNDEF);
   std::fstream bytes(file, std::ios::in | std::ios::out | std::ios::binary);
   const auto at =
-      static_cast<std::streamoff>(offset + std::min<hsize_t>(largest - 1, largest * fraction));
+      static_cast<std::streamoff>(offset + std::min<hsize_t>(bytesOfIt - 1, bytesOfIt * fraction));
   bytes.seekg(at);
   const char byte = static_cast<char>(bytes.get() ^ 0x10);
   bytes.seekp(at);

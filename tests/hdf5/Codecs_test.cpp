@@ -12,6 +12,7 @@
 #include "formats/hdf5/detail/Codecs.hpp"
 #include "formats/hdf5/detail/Failure.hpp"
 #include "tests/hdf5/FileFixture.hpp"
+#include "tests/hdf5/LargestArray.hpp"
 
 namespace Quaril::Testing {
 namespace {
@@ -19,31 +20,17 @@ namespace {
 /// The filters of the largest data set in `file`'s "arrays".
 std::vector<H5Z_filter_t> filtersOfLargest(const std::string& file) {
   std::vector<H5Z_filter_t> filters;
-  hsize_t largest = 0;
   hid_t handle = H5Fopen(file.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
-  hid_t arrays = H5Gopen2(handle, "arrays", H5P_DEFAULT);
-  H5G_info_t info;
-  H5Gget_info(arrays, &info);
-  for (hsize_t i = 0; i < info.nlinks; ++i) {
-    std::array<char, 64> name{};
-    H5Lget_name_by_idx(arrays, ".", H5_INDEX_NAME, H5_ITER_INC, i, name.data(), name.size(),
-                       H5P_DEFAULT);
-    hid_t dataset = H5Dopen2(arrays, name.data(), H5P_DEFAULT);
-    hid_t create = H5Dget_create_plist(dataset);
-    if (H5Dget_storage_size(dataset) >= largest) {
-      largest = H5Dget_storage_size(dataset);
-      filters.clear();
-      for (int f = 0; f < H5Pget_nfilters(create); ++f) {
-        unsigned flags = 0, config = 0;
-        size_t count = 0;
-        filters.push_back(H5Pget_filter2(create, static_cast<unsigned>(f), &flags, &count, nullptr,
-                                         0, nullptr, &config));
-      }
-    }
-    H5Pclose(create);
-    H5Dclose(dataset);
+  hid_t dataset = H5Dopen2(handle, largestArray(file).c_str(), H5P_DEFAULT);
+  hid_t create = H5Dget_create_plist(dataset);
+  for (int f = 0; f < H5Pget_nfilters(create); ++f) {
+    unsigned flags = 0, config = 0;
+    size_t count = 0;
+    filters.push_back(H5Pget_filter2(create, static_cast<unsigned>(f), &flags, &count, nullptr, 0,
+                                     nullptr, &config));
   }
-  H5Gclose(arrays);
+  H5Pclose(create);
+  H5Dclose(dataset);
   H5Fclose(handle);
   return filters;
 }
