@@ -99,7 +99,8 @@ Follower::Follower(std::string path, std::chrono::milliseconds poll) : path_(std
   // Watched before it is read: a sync between the two is not missed.
   watch_ = std::make_unique<Watch>(path_, poll);
   opened_ = load(bundle_, {path_});
-  closed_ = !opened_ || !detail::isJournal(path_);
+  series_ = opened_ && detail::isJournal(path_);
+  closed_ = !series_;
   SeriesUpdate update;
   if (!closed_ && refresh(*bundle_, update)) closed_ = update.closed;
 }
@@ -110,7 +111,7 @@ Outcome Follower::wait(std::chrono::milliseconds timeout, SeriesUpdate& update) 
   update = {};
   if (!opened_) return opened_;
   // A single file is complete: nothing comes after it.
-  if (!detail::isJournal(path_)) {
+  if (!series_) {
     update.closed = true;
     return {true, ""};
   }

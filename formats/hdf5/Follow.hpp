@@ -62,6 +62,7 @@ class Follower {
   std::string path_;
   Outcome opened_;
   BundlePtr bundle_;
+  bool series_ = false;  ///< loaded from a series, not a single file
   bool closed_ = false;
   std::unique_ptr<Watch> watch_;
 };

@@ -40,23 +40,29 @@ SeriesUpdate refreshSeries(Bundle& bundle) {
   const auto followed = bundle.findInterface<Followed, Followed>();
   require(followed && !followed->series.empty(), "the bundle was loaded from no series");
   require(!bundle.getStorage(), "the bundle is bound to storage: it writes, and follows nothing");
-  // Every journal is read before the bundle changes.
-  std::vector<std::pair<const std::string*, Journal>> fresh;
-  std::map<std::string, JournalReader> readers;
+  // Every journal is read, by a copy of its reader, before the bundle changes.
+  struct Fresh {
+    const std::string* journal;
+    Followed::Series* series;
+    JournalReader reader;
+    Journal read;
+  };
+  std::vector<Fresh> fresh;
   for (auto& [journal, series] : followed->series) {
     JournalReader reader = series.reader;
-    fresh.emplace_back(&journal, reader.newRecords());
-    readers.emplace(journal, std::move(reader));
+    Journal read = reader.newRecords();
+    fresh.push_back({&journal, &series, std::move(reader), std::move(read)});
   }
   SeriesUpdate update;
   update.closed = true;
   std::set<double> added, changed;
-  for (auto& [journal, read] : fresh) {
-    Followed::Series& series = followed->series.at(*journal);
-    series.reader = readers.at(*journal);
+  for (Fresh& taken : fresh) {
+    const std::string& journal = *taken.journal;
+    const Journal& read = taken.read;
+    taken.series->reader = std::move(taken.reader);
     update.closed = update.closed && read.closed;
     std::vector<Problem> damage;
-    const std::vector<Part> parts = partsOf(*journal, read, damage, series.pool);
+    const std::vector<Part> parts = partsOf(journal, read, damage, taken.series->pool);
     for (const Part& part : parts) {
       for (double time : part.index.times) {
         const auto slice = bundle.getSlices().find(time);
@@ -71,7 +77,7 @@ SeriesUpdate refreshSeries(Bundle& bundle) {
       }
     }
     if (!parts.empty() || !damage.empty()) {
-      attachParts(bundle, parts, {}, recordLoaded(bundle, *journal), damage);
+      attachParts(bundle, parts, {}, recordLoaded(bundle, journal), damage);
     }
   }
   update.added.assign(added.begin(), added.end());
