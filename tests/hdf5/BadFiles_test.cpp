@@ -340,6 +340,7 @@ TEST_F(BadFileTest, cutOrFlippedFilesNeverLoseDataInSilence) {
   }
   for (const auto& [name, bytes] : damaged) {
     const std::string file = write(name + ".h5", bytes);
+    setModificationTime(file, modificationTime(path("good.h5")));
     ::testing::internal::CaptureStderr();
     BundlePtr bundle;
     const H5::Outcome opened = H5::load(bundle, {file});
@@ -402,10 +403,12 @@ class SinglePrecision : public H5::StorageOptions {
 };
 
 /// Flips one bit of the stored bytes of the largest data set in `file`'s
-/// "arrays", `fraction` of the way into them.
+/// "arrays", `fraction` of the way into them, as a disk's decay does: the
+/// file's modification time stays.
 void flipInLargestArray(const std::string& file, double fraction) {
   const std::string largest = largestArray(file);
   ASSERT_FALSE(largest.empty());
+  const struct timespec time = modificationTime(file);
   hid_t handle = H5Fopen(file.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
   hid_t dataset = H5Dopen2(handle, largest.c_str(), H5P_DEFAULT);
   const haddr_t offset = H5Dget_offset(dataset);
@@ -420,6 +423,8 @@ void flipInLargestArray(const std::string& file, double fraction) {
   const char byte = static_cast<char>(bytes.get() ^ 0x10);
   bytes.seekp(at);
   bytes.put(byte);
+  bytes.close();
+  setModificationTime(file, time);
 }
 
 // Each read of an array checks its stored checksum, however it is read: a

@@ -1,10 +1,12 @@
 #pragma once
 // A scratch folder per test and small file helpers for the format tests.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -118,6 +120,20 @@ inline std::string describedAnew(const std::string& journal) {
   std::string text = withoutRoom(copy.string() + ".xmf");
   fs::remove_all(copy.parent_path());
   return text;
+}
+
+/// The modification time of `file`.
+inline struct timespec modificationTime(const std::string& file) {
+  struct stat status {};
+  EXPECT_EQ(stat(file.c_str(), &status), 0) << file;
+  return status.st_mtim;
+}
+
+/// Gives `file` the modification time `time`, as damage done by a disk
+/// does: a saved file's directory is then still taken as its own.
+inline void setModificationTime(const std::string& file, const struct timespec& time) {
+  const struct timespec times[2] = {{0, UTIME_OMIT}, time};
+  ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0) << file;
 }
 
 /// The file or series `path`, loaded.

@@ -1,11 +1,13 @@
 // Saving and loading bundles in HDF5 files: exact round trips, lazy reading,
 // the storage policy and atomic saves.
 
+#include <fcntl.h>
 #include <hdf5.h>
 
 #include <cmath>
 #include <limits>
 
+#include "formats/hdf5/detail/Directory.hpp"
 #include "tests/hdf5/FileFixture.hpp"
 
 namespace Quaril::Testing {
@@ -184,6 +186,94 @@ class ChoosyProgress : public H5::FragmentsNamed {
   std::vector<std::string> files;
   bool finished = false;
 };
+
+/// How many files libhdf5 holds open in this process.
+ssize_t filesInHdf5() {
+  return H5Fget_obj_count(H5F_OBJ_ALL, H5F_OBJ_FILE);
+}
+
+/// Changes the directory in the user block of `path` with `change`.
+void editDirectory(const std::string& path,
+                   const std::function<void(H5::detail::Directory&)>& change) {
+  const int fd = ::open(path.c_str(), O_RDONLY);
+  auto directory = H5::detail::readDirectory(fd, std::filesystem::file_size(path));
+  ::close(fd);
+  ASSERT_TRUE(directory.has_value()) << path;
+  change(*directory);
+  H5::detail::writeDirectory(path, *directory);
+}
+
+void overwrite(const std::string& path, uint64_t offset, const std::string& bytes) {
+  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(static_cast<std::streamoff>(offset));
+  file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+TEST_F(FileTest, theDirectoryReadsAFileWithoutLibhdf5AndOneThatDoesNotFitIsIgnored) {
+  using H5::detail::Run;
+  // Plain arrays only: opened and read without libhdf5 opening the file.
+  ASSERT_TRUE(H5::save(*makeSampleBundle(), path("plain.h5")).ok);
+  {
+    BundlePtr plain = loaded(path("plain.h5"));
+    EXPECT_EQ(differences(*makeSampleBundle(), *plain), "");
+    EXPECT_EQ(filesInHdf5(), 0) << "read through libhdf5 although the directory places it all";
+  }
+  // Whatever is wrong with the directory, the file reads whole through libhdf5.
+  const BundlePtr rich = makeRichBundle();
+  Ostrak::StrongPtr<H5::StorageOptions> compressed(new H5::StorageOptions);
+  compressed->setCompression(H5::Codec::Zstd, 1);
+  const std::vector<std::pair<const char*, std::function<void(const std::string&)>>> changes{
+      {"intact", [](const std::string&) {}},
+      {"no directory", [](const std::string& file) { overwrite(file, 0, std::string(512, '\0')); }},
+      {"a flipped byte", [](const std::string& file) { overwrite(file, 30, "\x7f"); }},
+      {"a run's checksum",
+       [](const std::string& file) {
+         editDirectory(file, [](auto& directory) { directory[Run::Times].checksum ^= 1; });
+       }},
+      {"a structure placed wrongly",
+       [](const std::string& file) {
+         editDirectory(file, [](auto& directory) { directory[Run::Structures].offset += 3; });
+       }},
+      {"arrays placed past the end",
+       [](const std::string& file) {
+         editDirectory(file, [](auto& directory) { directory[Run::ArrayPlaces] = {}; });
+       }},
+      {"grown by another writer",
+       [](const std::string& file) {
+         const hid_t opened = H5Fopen(file.c_str(), H5F_ACC_RDWR, H5P_DEFAULT);
+         const hsize_t extent = 1000;
+         const hid_t space = H5Screate_simple(1, &extent, nullptr);
+         const hid_t added = H5Dcreate2(opened, "extra", H5T_NATIVE_DOUBLE, space, H5P_DEFAULT,
+                                        H5P_DEFAULT, H5P_DEFAULT);
+         const std::vector<double> values(extent, 1.0);
+         H5Dwrite(added, H5T_NATIVE_DOUBLE, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
+         H5Dclose(added), H5Sclose(space), H5Fclose(opened);
+       }},
+  };
+  for (const auto& [what, change] : changes) {
+    for (bool compress : {false, true}) {
+      const std::string file = path(std::string(what) + (compress ? ".zstd.h5" : ".h5"));
+      ASSERT_TRUE(H5::save(*rich, file, compress ? compressed : nullptr).ok) << what;
+      change(file);
+      BundlePtr back = loaded(file);
+      EXPECT_EQ(differences(*rich, *back), "") << what << " " << compress;
+      EXPECT_TRUE(H5::checkFile(file).ok()) << what << " " << compress;
+    }
+  }
+}
+
+TEST_F(FileTest, aLazyBundleReadsTheFileItOpenedAfterASaveReplacedIt) {
+  const BundlePtr rich = makeRichBundle();
+  Ostrak::StrongPtr<H5::StorageOptions> compressed(new H5::StorageOptions);
+  compressed->setCompression(H5::Codec::Zstd, 1);
+  // Arrays read straight from the file and arrays libhdf5 decompresses.
+  for (const auto& options : {Ostrak::StrongPtr<H5::StorageOptions>(), compressed}) {
+    ASSERT_TRUE(H5::save(*rich, path("replaced.h5"), options).ok);
+    BundlePtr lazy = loaded(path("replaced.h5"));
+    ASSERT_TRUE(H5::save(*makeSampleBundle(), path("replaced.h5")).ok);
+    EXPECT_EQ(differences(*rich, *lazy), "");
+  }
+}
 
 TEST_F(FileTest, loaderProgressHearsFilesAndDeclinesSlicesGridsFieldsAndFragments) {
   ASSERT_TRUE(H5::save(*makeRichBundle(), path("rich.h5")).ok);

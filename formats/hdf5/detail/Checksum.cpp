@@ -50,6 +50,10 @@ uint64_t storedChecksum(const void* data, uint64_t count, hid_t memoryType, hid_
   return hashed(converted.data(), count * storedBytes);
 }
 
+uint64_t bytesChecksum(const void* data, size_t bytes) {
+  return hashed(data, bytes);
+}
+
 struct ChecksumStream::State {
   XXH3_state_t xxh3;
 };

@@ -15,6 +15,8 @@ namespace Quaril::H5::detail {
 /// the native type `storedType` (converted first when the two differ).
 /// Throws Failure when HDF5 cannot convert them.
 uint64_t storedChecksum(const void* data, uint64_t count, hid_t memoryType, hid_t storedType);
+/// The same checksum of `bytes` bytes as they lie.
+uint64_t bytesChecksum(const void* data, size_t bytes);
 
 /// The same checksum of bytes that come in stretches: equal to that of
 /// all of them at once.

@@ -129,9 +129,11 @@ PropertyList fileAccess() {
 }
 }  // namespace
 
-File createFile(const std::string& path) {
+File createFile(const std::string& path, uint64_t userBlock) {
   PropertyList access = fileAccess();
-  return File(H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, access.id()),
+  PropertyList create(H5Pcreate(H5P_FILE_CREATE), "file settings");
+  if (userBlock > 0) check(H5Pset_userblock(create.id(), userBlock), "file settings");
+  return File(H5Fcreate(path.c_str(), H5F_ACC_TRUNC, create.id(), access.id()),
               "cannot create " + path);
 }
 
@@ -140,25 +142,31 @@ File openFileForWriting(const std::string& path) {
   return File(H5Fopen(path.c_str(), H5F_ACC_RDWR, access.id()), "cannot open " + path);
 }
 
-File openFile(const std::string& path) {
-  return File(H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), "cannot open " + path);
+File openFile(const std::string& path, const std::string& shownAs) {
+  return File(H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT),
+              "cannot open " + (shownAs.empty() ? path : shownAs));
+}
+
+bool looksLikeHdf5(int fd, uint64_t bytes) {
+  static const std::array<char, 8> signature{'\211', 'H', 'D', 'F', '\r', '\n', '\032', '\n'};
+  // The signature sits at 0 or, after a user block, at 512, 1024, 2048, ...
+  for (uint64_t offset = 0; offset + 8 <= bytes; offset = offset ? offset * 2 : 512) {
+    std::array<char, 8> head{};
+    if (pread(fd, head.data(), head.size(), static_cast<off_t>(offset)) !=
+        static_cast<ssize_t>(head.size())) {
+      return false;
+    }
+    if (head == signature) return true;
+  }
+  return false;
 }
 
 bool looksLikeHdf5(const std::string& path) {
-  static const std::array<char, 8> signature{'\211', 'H', 'D', 'F', '\r', '\n', '\032', '\n'};
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
   struct stat status {};
-  bool found = false;
-  if (fstat(fd, &status) == 0) {
-    // The signature sits at 0 or, after a user block, at 512, 1024, 2048, ...
-    for (off_t offset = 0; !found && offset + 8 <= status.st_size;
-         offset = offset ? offset * 2 : 512) {
-      std::array<char, 8> head{};
-      if (pread(fd, head.data(), head.size(), offset) != static_cast<ssize_t>(head.size())) break;
-      found = head == signature;
-    }
-  }
+  const bool found =
+      fstat(fd, &status) == 0 && looksLikeHdf5(fd, static_cast<uint64_t>(status.st_size));
   ::close(fd);
   return found;
 }
@@ -412,20 +420,25 @@ bool readWhole(hid_t dataset, hid_t memoryType, void* data, uint64_t bytes, cons
     readDataset(dataset, memoryType, data, what);
     return false;
   }
+  readStretches(raw.descriptor, raw.bytes, *offset, data, bytes, what, read);
+  return true;
+}
+
+void readStretches(int fd, uint64_t fileBytes, uint64_t offset, void* data, uint64_t bytes,
+                   std::string_view what, const BytesRead& read) {
   const auto endsWithin = [&] {
     return "cannot read " + std::string(what) + ": the file ends within it";
   };
-  require(*offset <= raw.bytes && bytes <= raw.bytes - *offset, endsWithin);
+  require(offset <= fileBytes && bytes <= fileBytes - offset, endsWithin);
   // Stretches that stay in the cache until `read` has seen them.
   constexpr uint64_t Stretch = uint64_t{256} << 10;
   auto* into = static_cast<unsigned char*>(data);
   for (uint64_t done = 0; done < bytes;) {
     const uint64_t size = read ? std::min(Stretch, bytes - done) : bytes;
-    require(readAt(raw.descriptor, into + done, size, *offset + done, what) == size, endsWithin);
+    require(readAt(fd, into + done, size, offset + done, what) == size, endsWithin);
     if (read) read(into + done, size);
     done += size;
   }
-  return true;
 }
 
 void readBox(hid_t dataset, hid_t memoryType, const std::vector<hsize_t>& start,
@@ -481,26 +494,26 @@ std::vector<T> readVector(hid_t parent, const std::string& name, size_t expected
 }
 
 template <class T>
-void writeVector(hid_t parent, const std::string& name, const std::vector<T>& values,
-                 size_t columns, bool withData) {
+Dataset writeVector(hid_t parent, const std::string& name, const std::vector<T>& values,
+                    size_t columns, bool withData) {
   std::vector<hsize_t> dims{columns ? values.size() / columns : values.size()};
   if (columns) dims.push_back(columns);
-  writeDataset(parent, name, nativeType<T>(), nativeType<T>(), dims,
-               withData ? values.data() : nullptr);
+  return writeDataset(parent, name, nativeType<T>(), nativeType<T>(), dims,
+                      withData ? values.data() : nullptr);
 }
 
 template std::vector<double> readVector<double>(hid_t, const std::string&, size_t);
 template std::vector<int64_t> readVector<int64_t>(hid_t, const std::string&, size_t);
 template std::vector<uint64_t> readVector<uint64_t>(hid_t, const std::string&, size_t);
 template std::vector<uint8_t> readVector<uint8_t>(hid_t, const std::string&, size_t);
-template void writeVector<double>(hid_t, const std::string&, const std::vector<double>&, size_t,
-                                  bool);
-template void writeVector<int64_t>(hid_t, const std::string&, const std::vector<int64_t>&, size_t,
-                                   bool);
-template void writeVector<uint64_t>(hid_t, const std::string&, const std::vector<uint64_t>&, size_t,
-                                    bool);
-template void writeVector<uint8_t>(hid_t, const std::string&, const std::vector<uint8_t>&, size_t,
-                                   bool);
+template Dataset writeVector<double>(hid_t, const std::string&, const std::vector<double>&, size_t,
+                                     bool);
+template Dataset writeVector<int64_t>(hid_t, const std::string&, const std::vector<int64_t>&,
+                                      size_t, bool);
+template Dataset writeVector<uint64_t>(hid_t, const std::string&, const std::vector<uint64_t>&,
+                                       size_t, bool);
+template Dataset writeVector<uint8_t>(hid_t, const std::string&, const std::vector<uint8_t>&,
+                                      size_t, bool);
 
 // ---- attributes ----------------------------------------------------------------
 

@@ -102,13 +102,17 @@ using PropertyList = Owned<H5Pclose>;
 // ---- files -------------------------------------------------------------------
 
 /// Creates (truncating) the file `path` with the format's file settings.
-File createFile(const std::string& path);
+/// `userBlock` bytes at its start are left to the caller (0 or a power of
+/// two of at least 512).
+File createFile(const std::string& path, uint64_t userBlock = 0);
 /// Opens `path` for writing.
 File openFileForWriting(const std::string& path);
-/// Opens `path` read-only.
-File openFile(const std::string& path);
+/// Opens `path` read-only; errors name it `shownAs` (by default `path`).
+File openFile(const std::string& path, const std::string& shownAs = {});
 /// Whether `path` starts with the HDF5 signature (checked without HDF5).
 bool looksLikeHdf5(const std::string& path);
+/// The same of the open file `fd` of `bytes` bytes.
+bool looksLikeHdf5(int fd, uint64_t bytes);
 
 // ---- groups and links ----------------------------------------------------------
 
@@ -195,6 +199,11 @@ using BytesRead = std::function<void(const void* data, size_t bytes)>;
 /// not called otherwise.
 bool readWhole(hid_t dataset, hid_t memoryType, void* data, uint64_t bytes, const RawFile& raw,
                std::string_view what, const BytesRead& read = {});
+/// Reads the `bytes` bytes at `offset` of the file `fd` of `fileBytes`
+/// bytes into `data`, in stretches each handed to `read` (when given).
+/// Throws Failure when the file ends first.
+void readStretches(int fd, uint64_t fileBytes, uint64_t offset, void* data, uint64_t bytes,
+                   std::string_view what, const BytesRead& read = {});
 
 /// `count` bytes from `begin` on of a one-dimensional dataset of bytes.
 std::vector<uint8_t> readBytes(hid_t dataset, uint64_t begin, uint64_t count,
@@ -206,8 +215,8 @@ template <class T>
 std::vector<T> readVector(hid_t parent, const std::string& name, size_t expectedColumns = 0);
 /// Without `withData` the data set is created but not written.
 template <class T>
-void writeVector(hid_t parent, const std::string& name, const std::vector<T>& values,
-                 size_t columns = 0, bool withData = true);
+Dataset writeVector(hid_t parent, const std::string& name, const std::vector<T>& values,
+                    size_t columns = 0, bool withData = true);
 
 // ---- attributes ----------------------------------------------------------------
 

@@ -38,6 +38,11 @@ inline constexpr size_t EntryColumns = 3;
 // entry, each entry's in the order of its data set numbers 0, 1, ...
 inline constexpr const char* ArrayChecksums = "array_checksums";  // uint64[A]
 inline constexpr const char* ChecksumBegins = "checksum_begins";  // uint64[E + 1]: entry e's first
+// Optional, for the directory in the user block (Directory.hpp): where each
+// checksummed array's bytes lie in the file (0: not as they are in memory),
+// and the time rows whose slices carry attributes.
+inline constexpr const char* ArrayPlaces = "array_places";            // uint64[A]
+inline constexpr const char* AttributedSlices = "attributed_slices";  // uint64[N]
 
 // Contents.
 inline constexpr const char* ArraysGroup = "arrays";           // /arrays/<entry row>.<number>

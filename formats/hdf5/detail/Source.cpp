@@ -1,11 +1,16 @@
 #include "formats/hdf5/detail/Source.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <set>
 
 #include <nlohmann/json.hpp>
 
+#include "formats/hdf5/detail/Files.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
 #include "formats/hdf5/detail/Shape.hpp"
 
@@ -41,16 +46,29 @@ void checkTimes(const std::vector<double>& times) {
   }
 }
 
-std::vector<std::string> readNames(hid_t index) {
-  const std::vector<uint8_t> bytes = readVector<uint8_t>(index, layout::GridNames);
-  const std::vector<uint64_t> ends = readVector<uint64_t>(index, layout::GridNameEnds);
+/// The index's data sets as they are stored, before they are checked.
+struct IndexColumns {
+  std::vector<double> times;
+  std::vector<uint8_t> nameBytes;
+  std::vector<uint64_t> nameEnds;
+  std::vector<int64_t> parents;
+  std::vector<int64_t> rows;  ///< EntryColumns per entry
+  std::optional<std::vector<uint64_t>> entryBytes;
+  std::vector<uint64_t> structureEnds;
+  uint64_t structureBytes = 0;
+  std::vector<uint64_t> attributedSlices;
+  bool bundleAttributes = false;
+};
+
+std::vector<std::string> namesOf(const IndexColumns& columns) {
   std::vector<std::string> names;
   uint64_t begin = 0;
   std::set<std::string> seen;
-  for (uint64_t end : ends) {
-    require(end >= begin && end <= bytes.size(), "index: grid name ends are out of order");
-    names.emplace_back(bytes.begin() + static_cast<std::ptrdiff_t>(begin),
-                       bytes.begin() + static_cast<std::ptrdiff_t>(end));
+  for (uint64_t end : columns.nameEnds) {
+    require(end >= begin && end <= columns.nameBytes.size(),
+            "index: grid name ends are out of order");
+    names.emplace_back(columns.nameBytes.begin() + static_cast<std::ptrdiff_t>(begin),
+                       columns.nameBytes.begin() + static_cast<std::ptrdiff_t>(end));
     require(seen.insert(names.back()).second,
             "index: the grid name " + inQuotes(names.back()) + " appears twice");
     begin = end;
@@ -72,9 +90,7 @@ void checkParents(const std::vector<int64_t>& parents) {
   }
 }
 
-void readEntries(hid_t index, Index& result) {
-  const std::vector<int64_t> rows =
-      readVector<int64_t>(index, layout::Entries, layout::EntryColumns);
+void checkEntries(const std::vector<int64_t>& rows, Index& result) {
   const uint64_t times = result.times.size();
   const uint64_t names = result.names.size();
   const uint64_t structures = result.structureEnds.size();
@@ -105,45 +121,64 @@ void readEntries(hid_t index, Index& result) {
     ++result.sliceBegin[read.timeRow + 1];
   }
   for (size_t row = 1; row <= times; ++row) result.sliceBegin[row] += result.sliceBegin[row - 1];
-  if (linkExists(index, layout::EntryBytes)) {
-    result.entryBytes = readVector<uint64_t>(index, layout::EntryBytes);
+}
+
+/// The index the columns describe, checked. Throws Failure naming the
+/// first inconsistency.
+Index checkedIndex(IndexColumns columns) {
+  Index result;
+  for (size_t row = 0; row < columns.structureEnds.size(); ++row) {
+    require(columns.structureEnds[row] <= columns.structureBytes &&
+                (row == 0 || columns.structureEnds[row] >= columns.structureEnds[row - 1]),
+            "index: structure ends are out of order");
+  }
+  result.structureEnds = std::move(columns.structureEnds);
+  result.times = std::move(columns.times);
+  checkTimes(result.times);
+  result.names = namesOf(columns);
+  result.parents = std::move(columns.parents);
+  require(result.parents.size() == result.names.size(),
+          "index: " + std::to_string(result.parents.size()) + " grid parents for " +
+              std::to_string(result.names.size()) + " grid names");
+  checkParents(result.parents);
+  checkEntries(columns.rows, result);
+  if (columns.entryBytes) {
+    result.entryBytes = std::move(*columns.entryBytes);
     require(result.entryBytes.size() == result.entries.size(),
             "index: entry sizes do not match the entries");
   } else {
     result.entryBytes.assign(result.entries.size(), 0);
   }
+  result.bundleAttributes = columns.bundleAttributes;
+  result.sliceAttributes.assign(result.times.size(), false);
+  for (uint64_t row : columns.attributedSlices) {
+    require(row < result.times.size(),
+            "slices: " + inQuotes(std::to_string(row)) + " names no time of the index");
+    result.sliceAttributes[row] = true;
+  }
+  return result;
 }
 
-/// The ends of the structure texts, checked against the texts' data set.
-std::vector<uint64_t> readStructureEnds(hid_t index, hid_t structures) {
-  std::vector<uint64_t> ends = readVector<uint64_t>(index, layout::StructureEnds);
+/// The index as its data sets in the file `file` hold it.
+Index readIndex(hid_t file, hid_t structures) {
+  IndexColumns columns;
+  Group index = openGroup(file, layout::IndexGroup);
+  columns.structureEnds = readVector<uint64_t>(index.id(), layout::StructureEnds);
   const std::vector<hsize_t> extents = datasetExtents(structures);
   require(extents.size() == 1, "index: \"structures\" is not one-dimensional");
   Datatype type = datasetType(structures);
   require(H5Tget_class(type.id()) == H5T_INTEGER && H5Tget_size(type.id()) == 1,
           "index: \"structures\" does not hold bytes");
-  for (size_t row = 0; row < ends.size(); ++row) {
-    require(ends[row] <= extents[0] && (row == 0 || ends[row] >= ends[row - 1]),
-            "index: structure ends are out of order");
+  columns.structureBytes = extents[0];
+  columns.times = readVector<double>(index.id(), layout::Times);
+  columns.nameBytes = readVector<uint8_t>(index.id(), layout::GridNames);
+  columns.nameEnds = readVector<uint64_t>(index.id(), layout::GridNameEnds);
+  columns.parents = readVector<int64_t>(index.id(), layout::GridParents);
+  columns.rows = readVector<int64_t>(index.id(), layout::Entries, layout::EntryColumns);
+  if (linkExists(index.id(), layout::EntryBytes)) {
+    columns.entryBytes = readVector<uint64_t>(index.id(), layout::EntryBytes);
   }
-  return ends;
-}
-
-Index readIndex(hid_t file, hid_t structures) {
-  Index result;
-  Group index = openGroup(file, layout::IndexGroup);
-  result.structureEnds = readStructureEnds(index.id(), structures);
-  result.times = readVector<double>(index.id(), layout::Times);
-  checkTimes(result.times);
-  result.names = readNames(index.id());
-  result.parents = readVector<int64_t>(index.id(), layout::GridParents);
-  require(result.parents.size() == result.names.size(),
-          "index: " + std::to_string(result.parents.size()) + " grid parents for " +
-              std::to_string(result.names.size()) + " grid names");
-  checkParents(result.parents);
-  readEntries(index.id(), result);
-  result.bundleAttributes = linkExists(file, layout::BundleAttributes);
-  result.sliceAttributes.assign(result.times.size(), false);
+  columns.bundleAttributes = linkExists(file, layout::BundleAttributes);
   if (linkExists(file, layout::SlicesGroup)) {
     Group slices = openGroup(file, layout::SlicesGroup);
     for (const std::string& name : linkNames(slices.id())) {
@@ -154,41 +189,122 @@ Index readIndex(hid_t file, hid_t structures) {
       } catch (const std::exception&) {
         used = 0;
       }
-      require(used == name.size() && row < result.times.size(),
-              "slices: " + inQuotes(name) + " names no time of the index");
-      result.sliceAttributes[row] = true;
+      require(used == name.size(), "slices: " + inQuotes(name) + " names no time of the index");
+      columns.attributedSlices.push_back(row);
     }
   }
-  return result;
+  return checkedIndex(std::move(columns));
+}
+
+/// The index as the directory places it; none when a run is missing, does
+/// not match its checksum, or the index is not consistent (the file's data
+/// sets then say what is wrong).
+std::optional<Index> directoryIndex(int fd, const Directory& directory) {
+  IndexColumns columns;
+  const auto take = [&](auto& into, Run run) {
+    auto read =
+        readRun<typename std::decay_t<decltype(into)>::value_type>(fd, directory, run, true);
+    if (read) into = std::move(*read);
+    return read.has_value();
+  };
+  std::vector<uint64_t> entryBytes;
+  if (!take(columns.times, Run::Times) || !take(columns.nameBytes, Run::GridNames) ||
+      !take(columns.nameEnds, Run::GridNameEnds) || !take(columns.parents, Run::GridParents) ||
+      !take(columns.rows, Run::Entries) || !take(entryBytes, Run::EntryBytes) ||
+      !take(columns.structureEnds, Run::StructureEnds) ||
+      !take(columns.attributedSlices, Run::AttributedSlices) ||
+      columns.rows.size() % layout::EntryColumns != 0) {
+    return std::nullopt;
+  }
+  columns.entryBytes = std::move(entryBytes);
+  columns.structureBytes = directory[Run::Structures].bytes;
+  columns.bundleAttributes = directory.bundleAttributes;
+  try {
+    return checkedIndex(std::move(columns));
+  } catch (const Failure&) {
+    return std::nullopt;
+  }
 }
 
 }  // namespace
 
 std::shared_ptr<Source> Source::open(const std::string& path) {
   Session session;
-  require(looksLikeHdf5(path), "not an HDF5 file");
-  std::shared_ptr<Source> source(new Source(path, openFile(path)));
-  hsize_t bytes = 0;
-  check(H5Fget_filesize(source->file(), &bytes), "cannot read the file's size");
-  source->fileBytes_ = bytes;
-  source->raw_ = rawFileOf(source->file(), bytes);
-  checkGlobalHeaps(source->raw_);
-  checkFormat(source->file());
-  source->structures_ =
-      openDataset(openGroup(source->file(), layout::IndexGroup).id(), layout::Structures);
-  source->index_ = readIndex(source->file(), source->structures_.id());
-  if (linkExists(source->file(), layout::ArraysGroup)) {
-    source->arrays_ = openGroup(source->file(), layout::ArraysGroup);
+  std::shared_ptr<Source> source(new Source(path));
+  source->descriptor_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  requireSystem(source->descriptor_ >= 0, "cannot open " + path);
+  struct stat status {};
+  requireSystem(fstat(source->descriptor_, &status) == 0, "cannot read the size of " + path);
+  source->fileBytes_ = static_cast<uint64_t>(status.st_size);
+  require(looksLikeHdf5(source->descriptor_, source->fileBytes_), "not an HDF5 file");
+  if (std::optional<Directory> directory = readDirectory(source->descriptor_, source->fileBytes_)) {
+    if (std::optional<Index> index = directoryIndex(source->descriptor_, *directory)) {
+      source->directory_ = *directory;
+      source->index_ = std::move(*index);
+      return source;
+    }
   }
+  const hid_t file = source->file();
+  source->index_ = readIndex(file, source->structures_.id());
   return source;
+}
+
+hid_t Source::file() const {
+  if (file_) return file_.id();
+  // The file we opened, through its descriptor where the system names one:
+  // a save may have renamed a new file over the path since.
+  const std::string named = "/proc/self/fd/" + std::to_string(descriptor_);
+  File file = openFile(::access(named.c_str(), R_OK) == 0 ? named : path_, path_);
+  hsize_t bytes = 0;
+  check(H5Fget_filesize(file.id(), &bytes), "cannot read the file's size");
+  RawFile raw = rawFileOf(file.id(), bytes);
+  // The path may name another file by now: a save renames its new file over it.
+  struct stat ours {
+  }, theirs{};
+  require(
+      bytes == fileBytes_ && fstat(descriptor_, &ours) == 0 &&
+          (raw.descriptor < 0 || (fstat(raw.descriptor, &theirs) == 0 &&
+                                  ours.st_dev == theirs.st_dev && ours.st_ino == theirs.st_ino)),
+      "the file was replaced while it was read");
+  checkGlobalHeaps(raw);
+  checkFormat(file.id());
+  Dataset structures =
+      openDataset(openGroup(file.id(), layout::IndexGroup).id(), layout::Structures);
+  Group arrays;
+  if (linkExists(file.id(), layout::ArraysGroup))
+    arrays = openGroup(file.id(), layout::ArraysGroup);
+  file_ = std::move(file);
+  raw_ = raw;
+  structures_ = std::move(structures);
+  arrays_ = std::move(arrays);
+  return file_.id();
+}
+
+hid_t Source::arrays() const {
+  file();
+  return arrays_.id();
 }
 
 std::shared_ptr<const Json> Source::structure(uint64_t row) {
   auto found = parsed_.find(row);
   if (found != parsed_.end()) return found->second;
   const uint64_t begin = row == 0 ? 0 : index_.structureEnds[row - 1];
-  const std::vector<uint8_t> text =
-      readBytes(structures_.id(), begin, index_.structureEnds[row] - begin, "a structure");
+  const uint64_t count = index_.structureEnds[row] - begin;
+  if (directory_ && !structureTexts_) {
+    // All of them at once, checked: a few texts that a time series shares.
+    structureTexts_ = readRun<uint8_t>(descriptor_, *directory_, Run::Structures, true);
+    if (!structureTexts_ || structureTexts_->size() < index_.structureEnds.back()) {
+      structureTexts_ = std::vector<uint8_t>();
+      file();  // not as the directory says: read through the data set
+    }
+  }
+  std::vector<uint8_t> text;
+  if (structures_) {
+    text = readBytes(structures_.id(), begin, count, "a structure");
+  } else {
+    text.assign(structureTexts_->begin() + static_cast<std::ptrdiff_t>(begin),
+                structureTexts_->begin() + static_cast<std::ptrdiff_t>(begin + count));
+  }
   std::shared_ptr<const Json> parsed;
   try {
     parsed = std::make_shared<const Json>(Json::parse(text.begin(), text.end()));
@@ -211,27 +327,60 @@ std::shared_ptr<const GridShape> Source::shape(uint64_t row) {
   return made;
 }
 
-std::optional<uint64_t> Source::checksum(uint64_t entry, const std::string& dataset) {
-  if (!checksumsRead_) {
-    Group index = openGroup(file(), layout::IndexGroup);
-    if (linkExists(index.id(), layout::ArrayChecksums)) {
-      std::vector<uint64_t> sums = readVector<uint64_t>(index.id(), layout::ArrayChecksums);
-      std::vector<uint64_t> begins = readVector<uint64_t>(index.id(), layout::ChecksumBegins);
-      require(begins.size() == index_.entries.size() + 1 && begins.front() == 0 &&
-                  std::is_sorted(begins.begin(), begins.end()) && begins.back() == sums.size(),
-              "index: the array checksums do not fit its entries");
-      checksums_ = std::move(sums);
-      checksumBegins_ = std::move(begins);
+void Source::readChecksums() {
+  checksumsRead_ = true;
+  if (directory_) {
+    auto sums = readRun<uint64_t>(descriptor_, *directory_, Run::ArrayChecksums, true);
+    auto begins = readRun<uint64_t>(descriptor_, *directory_, Run::ChecksumBegins, true);
+    auto places = readRun<uint64_t>(descriptor_, *directory_, Run::ArrayPlaces, true);
+    if (sums && begins && places && places->size() == sums->size()) {
+      if (begins->empty()) return;  // a file without checksums
+      if (begins->size() == index_.entries.size() + 1 && begins->front() == 0 &&
+          std::is_sorted(begins->begin(), begins->end()) && begins->back() == sums->size()) {
+        checksums_ = std::move(*sums);
+        checksumBegins_ = std::move(*begins);
+        places_ = std::move(*places);
+        return;
+      }
     }
-    checksumsRead_ = true;
+    // Not as the directory says: the data sets tell what is wrong.
   }
+  Group index = openGroup(file(), layout::IndexGroup);
+  if (!linkExists(index.id(), layout::ArrayChecksums)) return;
+  std::vector<uint64_t> sums = readVector<uint64_t>(index.id(), layout::ArrayChecksums);
+  std::vector<uint64_t> begins = readVector<uint64_t>(index.id(), layout::ChecksumBegins);
+  require(begins.size() == index_.entries.size() + 1 && begins.front() == 0 &&
+              std::is_sorted(begins.begin(), begins.end()) && begins.back() == sums.size(),
+          "index: the array checksums do not fit its entries");
+  checksums_ = std::move(sums);
+  checksumBegins_ = std::move(begins);
+}
+
+std::optional<uint64_t> Source::checksumRow(uint64_t entry, const std::string& dataset) {
+  if (!checksumsRead_) readChecksums();
   if (checksumBegins_.empty() || entry + 1 >= checksumBegins_.size() || dataset.empty() ||
       dataset.size() > 18 || dataset.find_first_not_of("0123456789") != std::string::npos) {
     return std::nullopt;
   }
   const uint64_t at = checksumBegins_[entry] + std::stoull(dataset);
   if (at >= checksumBegins_[entry + 1]) return std::nullopt;
-  return checksums_[at];
+  return at;
+}
+
+std::optional<uint64_t> Source::checksum(uint64_t entry, const std::string& dataset) {
+  const std::optional<uint64_t> row = checksumRow(entry, dataset);
+  return row ? std::optional<uint64_t>(checksums_[*row]) : std::nullopt;
+}
+
+std::optional<Source::Direct> Source::direct(uint64_t entry, const std::string& dataset,
+                                             uint64_t bytes) {
+  if (!directory_ || bytes == 0) return std::nullopt;
+  const std::optional<uint64_t> row = checksumRow(entry, dataset);
+  if (!row || places_.empty() || places_[*row] < DirectoryRoom || places_[*row] > fileBytes_ ||
+      bytes > fileBytes_ - places_[*row]) {
+    return std::nullopt;
+  }
+  return Direct{descriptor_, places_[*row], checksums_[*row]};
 }
 
 Source::~Source() {
@@ -241,6 +390,7 @@ Source::~Source() {
   } catch (const Failure&) {
     // A file opened for reading has nothing to lose on closing.
   }
+  if (descriptor_ >= 0) ::close(descriptor_);
 }
 
 PartSource::PartSource(std::shared_ptr<Source> open)

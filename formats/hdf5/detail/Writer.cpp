@@ -4,6 +4,7 @@
 #include <map>
 #include <variant>
 
+#include "formats/hdf5/detail/Checksum.hpp"
 #include "formats/hdf5/detail/Files.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
 
@@ -12,6 +13,34 @@ namespace Quaril::H5::detail {
 namespace {
 
 namespace fs = std::filesystem;
+
+/// Places the data set `dataset`, just written with `values`, as `run`.
+template <class T>
+void placeRun(Directory* directory, Run run, const Dataset& dataset, const std::vector<T>& values) {
+  if (!directory) return;
+  const uint64_t bytes = values.size() * sizeof(T);
+  const haddr_t offset = bytes > 0 ? H5Dget_offset(dataset.id()) : HADDR_UNDEF;
+  // A run with bytes but no offset makes the directory unreadable, as it must.
+  (*directory)[run] = {offset == HADDR_UNDEF ? 0 : offset, bytes,
+                       bytesChecksum(values.data(), bytes)};
+}
+
+/// Where the `bytes` bytes of the data set `dataset`, just written from
+/// `memoryType`, lie in its file as they lay in memory; 0 when they do not
+/// (filtered, converted, or not written).
+uint64_t storedBytes(const Plan::Array& array) {
+  uint64_t elements = 1;
+  for (hsize_t extent : array.extents) elements *= extent;
+  return elements * H5Tget_size(array.memoryType);
+}
+
+uint64_t directOffset(hid_t dataset, hid_t memoryType, uint64_t bytes) {
+  const haddr_t offset = H5Dget_offset(dataset);
+  H5Eclear2(H5E_DEFAULT);
+  if (bytes == 0 || offset == HADDR_UNDEF || H5Dget_storage_size(dataset) != bytes) return 0;
+  Datatype stored = datasetType(dataset);
+  return H5Tequal(stored.id(), memoryType) > 0 ? offset : 0;
+}
 
 /// Writes what the planner hands over into the open file `file`, the new
 /// file of the target `path`, as it comes.
@@ -35,9 +64,15 @@ class FileWriter : public PlanSink {
       parent = externalGroup.id();
       linkExternal(arrays_.id(), linkName, array.external.reference, array.external.inside);
     }
-    writeArrayDataset(parent, datasetName, array, array.data->rawData(), array.storage);
+    Dataset written =
+        writeArrayDataset(parent, datasetName, array, array.data->rawData(), array.storage);
     if (array.checksum) {
-      checksums_[array.entry].emplace(std::stoull(array.dataset), *array.checksum);
+      const uint64_t number = std::stoull(array.dataset);
+      checksums_[array.entry].emplace(number, *array.checksum);
+      places_[array.entry].emplace(
+          number, array.external.reference.empty()
+                      ? directOffset(written.id(), array.memoryType, storedBytes(array))
+                      : 0);
     } else {
       allChecksummed_ = false;
     }
@@ -55,13 +90,26 @@ class FileWriter : public PlanSink {
   }
   void sliceAttributes(uint64_t timeRow, const Plan::Attributes& attributes) override {
     writeAttributeGroup(file_, slices_, layout::SlicesGroup, timeRow, attributes);
+    attributedSlices_.push_back(timeRow);
   }
 
   void finish(const Index& index, const std::vector<const std::string*>& structures) override {
-    writeIndexGroup(file_, index, structures);
-    if (allChecksummed_) writeChecksums(file_, checksums_, index.entries.size());
+    writeIndexGroup(file_, index, structures, true, &placed_);
+    if (allChecksummed_) {
+      writeChecksums(file_, checksums_, index.entries.size(), true, &places_, &placed_);
+    }
+    if (!attributedSlices_.empty()) {
+      Group group = openGroup(file_, layout::IndexGroup);
+      placeRun(&placed_, Run::AttributedSlices,
+               writeVector<uint64_t>(group.id(), layout::AttributedSlices, attributedSlices_),
+               attributedSlices_);
+    }
+    placed_.bundleAttributes = index.bundleAttributes;
     for (auto& [name, external] : externalFiles_) external.close("cannot close " + name);
   }
+
+  /// The directory of the file, once finished; its size is not known yet.
+  const Directory& directory() const { return placed_; }
 
  private:
   /// The group in the external file `file` that is to hold `inside`, whose
@@ -96,7 +144,10 @@ class FileWriter : public PlanSink {
   Group slices_;
   std::map<std::string, File> externalFiles_;
   ChecksumsByEntry checksums_;  ///< of the arrays written
+  ChecksumsByEntry places_;     ///< where the arrays written lie, numbered alike
   bool allChecksummed_ = true;
+  std::vector<uint64_t> attributedSlices_;
+  Directory placed_;
 };
 
 }  // namespace
@@ -129,39 +180,44 @@ void writeAttributes(hid_t object, const Plan::Attributes& attributes) {
 }
 
 void writeIndexGroup(hid_t file, const Index& index,
-                     const std::vector<const std::string*>& structures, bool withData) {
+                     const std::vector<const std::string*>& structures, bool withData,
+                     Directory* directory) {
   Group group = createGroup(file, layout::IndexGroup);
-  writeVector<double>(group.id(), layout::Times, index.times, 0, withData);
+  const auto put = [&](Run run, const char* name, const auto& values, size_t columns = 0) {
+    placeRun(directory, run, writeVector(group.id(), name, values, columns, withData), values);
+  };
+  put(Run::Times, layout::Times, index.times);
   std::vector<uint8_t> bytes;
   std::vector<uint64_t> ends;
   for (const std::string& name : index.names) {
     bytes.insert(bytes.end(), name.begin(), name.end());
     ends.push_back(bytes.size());
   }
-  writeVector<uint8_t>(group.id(), layout::GridNames, bytes, 0, withData);
-  writeVector<uint64_t>(group.id(), layout::GridNameEnds, ends, 0, withData);
-  writeVector<int64_t>(group.id(), layout::GridParents, index.parents, 0, withData);
+  put(Run::GridNames, layout::GridNames, bytes);
+  put(Run::GridNameEnds, layout::GridNameEnds, ends);
+  put(Run::GridParents, layout::GridParents, index.parents);
   std::vector<int64_t> rows;
   for (const IndexEntry& entry : index.entries) {
     rows.push_back(static_cast<int64_t>(entry.timeRow));
     rows.push_back(static_cast<int64_t>(entry.nameRow));
     rows.push_back(static_cast<int64_t>(entry.structureRow));
   }
-  writeVector<int64_t>(group.id(), layout::Entries, rows, layout::EntryColumns, withData);
-  writeVector<uint64_t>(group.id(), layout::EntryBytes, index.entryBytes, 0, withData);
+  put(Run::Entries, layout::Entries, rows, layout::EntryColumns);
+  put(Run::EntryBytes, layout::EntryBytes, index.entryBytes);
   std::vector<uint8_t> texts;
   std::vector<uint64_t> textEnds;
   for (const std::string* text : structures) {
     texts.insert(texts.end(), text->begin(), text->end());
     textEnds.push_back(texts.size());
   }
-  writeVector<uint8_t>(group.id(), layout::Structures, texts, 0, withData);
-  writeVector<uint64_t>(group.id(), layout::StructureEnds, textEnds, 0, withData);
+  put(Run::Structures, layout::Structures, texts);
+  put(Run::StructureEnds, layout::StructureEnds, textEnds);
 }
 
-void writeChecksums(hid_t file, const ChecksumsByEntry& checksums, size_t entries, bool withData) {
+void writeChecksums(hid_t file, const ChecksumsByEntry& checksums, size_t entries, bool withData,
+                    const ChecksumsByEntry* places, Directory* directory) {
   if (!checksums.empty() && checksums.rbegin()->first >= entries) return;
-  std::vector<uint64_t> sums, begins;
+  std::vector<uint64_t> sums, begins, offsets;
   for (size_t entry = 0; entry < entries; ++entry) {
     begins.push_back(sums.size());
     const auto found = checksums.find(entry);
@@ -169,12 +225,19 @@ void writeChecksums(hid_t file, const ChecksumsByEntry& checksums, size_t entrie
     for (const auto& [number, sum] : found->second) {
       if (number != sums.size() - begins.back()) return;
       sums.push_back(sum);
+      if (places) offsets.push_back(places->at(entry).at(number));
     }
   }
   begins.push_back(sums.size());
   Group index = openGroup(file, layout::IndexGroup);
-  writeVector<uint64_t>(index.id(), layout::ArrayChecksums, sums, 0, withData);
-  writeVector<uint64_t>(index.id(), layout::ChecksumBegins, begins, 0, withData);
+  placeRun(directory, Run::ArrayChecksums,
+           writeVector<uint64_t>(index.id(), layout::ArrayChecksums, sums, 0, withData), sums);
+  placeRun(directory, Run::ChecksumBegins,
+           writeVector<uint64_t>(index.id(), layout::ChecksumBegins, begins, 0, withData), begins);
+  if (places && directory) {
+    placeRun(directory, Run::ArrayPlaces,
+             writeVector<uint64_t>(index.id(), layout::ArrayPlaces, offsets, 0, withData), offsets);
+  }
 }
 
 void writeAttributeGroup(hid_t file, Group& parent, const char* parentName, uint64_t row,
@@ -203,13 +266,17 @@ void writeBundle(const Bundle& bundle, const std::string& path, const WriteReque
   replaceFile(
       path,
       [&](const std::string& temporary) {
-        File file = createFile(temporary);
+        File file = createFile(temporary, DirectoryRoom);
+        Directory directory;
         {
           // Its groups close before the file, so that closing writes all.
           FileWriter writer(file.id(), path);
           planWrite(bundle, path, request, writer);
+          directory = writer.directory();
         }
         file.close("cannot finish " + path);
+        directory.fileBytes = fs::file_size(temporary);
+        writeDirectory(temporary, directory);
         if (request.whenComplete) request.whenComplete();
       },
       request.whenReplaced, request.flush);

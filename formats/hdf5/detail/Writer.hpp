@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bundle/Bundle.hpp"
+#include "formats/hdf5/detail/Directory.hpp"
 #include "formats/hdf5/detail/Hdf5.hpp"
 #include "formats/hdf5/detail/Index.hpp"
 #include "formats/hdf5/detail/Planner.hpp"
@@ -37,13 +38,19 @@ Dataset writeArrayDataset(hid_t parent, const std::string& name, const Plan::Arr
 using ChecksumsByEntry = std::map<uint64_t, std::map<uint64_t, uint64_t>>;
 /// Adds the checksums of a file of `entries` entries to its index group,
 /// when each entry's data sets are numbered 0, 1, ... with none left out;
-/// without `withData` the data sets are created but not written.
+/// without `withData` the data sets are created but not written. With
+/// `directory`, also the arrays' `places` (numbered alike; where each
+/// array's bytes lie, 0: not there as they are in memory), and both are
+/// placed in `directory`.
 void writeChecksums(hid_t file, const ChecksumsByEntry& checksums, size_t entries,
-                    bool withData = true);
+                    bool withData = true, const ChecksumsByEntry* places = nullptr,
+                    Directory* directory = nullptr);
 
 /// Writes the index group of `index` with the structure texts `structures`;
-/// without `withData` the data sets are created but not written.
+/// without `withData` the data sets are created but not written. With
+/// `directory`, its data sets are placed there.
 void writeIndexGroup(hid_t file, const Index& index,
-                     const std::vector<const std::string*>& structures, bool withData = true);
+                     const std::vector<const std::string*>& structures, bool withData = true,
+                     Directory* directory = nullptr);
 
 }  // namespace Quaril::H5::detail
