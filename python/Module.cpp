@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "bundle/ValuesOverTime.hpp"
+#include "formats/hdf5/Catalog.hpp"
 #include "formats/hdf5/Follow.hpp"
 #include "grid/GridConstructors.hpp"
 #include "grid/GridWalk.hpp"
@@ -654,6 +655,51 @@ PYBIND11_MODULE(_core, module) {
       .def("__repr__", [](const PyFollow& follow) {
         return "<quaril.Follow " + std::to_string(follow.follower->bundle()->getSlices().size()) +
                " steps" + (follow.follower->closed() ? ", closed>" : ">");
+      });
+
+  const auto timesArray = [](const std::vector<double>& times) {
+    return py::array_t<double>(static_cast<py::ssize_t>(times.size()), times.data());
+  };
+  py::class_<H5::Catalog, std::shared_ptr<H5::Catalog>>(
+      module, "Catalog",
+      "What a file or series holds, by grid and time, read once from its index without making "
+      "a bundle; load() makes bundles of chosen times from it")
+      .def(py::init([](const std::filesystem::path& path) {
+             H5::registerFormat();
+             std::shared_ptr<H5::Catalog> catalog;
+             H5::Outcome opened;
+             {
+               py::gil_scoped_release unlocked;
+               opened = H5::Catalog::open(path.string(), catalog);
+             }
+             if (!opened) raiseOSError(path.string() + ": " + opened.error);
+             return catalog;
+           }),
+           py::arg("path"), "Opens the file or series `path`; OSError with the reason on failure")
+      .def_property_readonly("path", &H5::Catalog::path)
+      .def_property_readonly("grids", &H5::Catalog::gridNames, "The grids' names, sorted")
+      .def_property_readonly(
+          "times", [=](const H5::Catalog& catalog) { return timesArray(catalog.times()); },
+          "Every time, ascending")
+      .def(
+          "times_of",
+          [=](const H5::Catalog& catalog, const std::string& name) {
+            return timesArray(catalog.timesOf(name));
+          },
+          py::arg("name"), "The times at which grid `name` is stored (none for another name)")
+      .def(
+          "load",
+          [](const H5::Catalog& catalog, const std::vector<double>& times) {
+            PyBundle loaded;
+            const H5::Outcome done = catalog.load(loaded.bundle, times);
+            if (!done) raiseOSError(done.error);
+            return loaded;
+          },
+          py::arg("times"),
+          "A bundle of the slices at `times` (others left out), read lazily as load() reads")
+      .def("__repr__", [](const H5::Catalog& catalog) {
+        return "<quaril.Catalog " + catalog.path() + ": " + std::to_string(catalog.times().size()) +
+               " times, " + std::to_string(catalog.gridNames().size()) + " grids>";
       });
 
   py::class_<PyBinding>(module, "Binding", "A bundle bound to a file: sync() writes what is new.")

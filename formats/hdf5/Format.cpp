@@ -30,30 +30,6 @@ bool isOurFileName(const std::string& filename) {
   return false;
 }
 
-/// A file opened for loading: a single file or the parts of a series.
-struct Opened {
-  std::string path;
-  std::vector<detail::Part> parts;
-  /// Damage found on opening that did not stop it (a series' journal).
-  std::vector<Problem> problems;
-  /// A series' journal as read, and the pool its parts open through; null
-  /// for a single file.
-  std::shared_ptr<detail::Journal> journal;
-  std::shared_ptr<detail::PartSource::Pool> pool;
-};
-
-Opened openForLoading(const std::string& filename) {
-  if (detail::isJournal(filename)) {
-    Opened opened{filename, {}, {}, {}, {}};
-    opened.journal = std::make_shared<detail::Journal>(detail::readJournal(filename));
-    opened.pool = std::make_shared<detail::PartSource::Pool>(detail::OpenPartsLimit);
-    opened.parts = detail::partsOf(filename, *opened.journal, opened.problems, opened.pool);
-    return opened;
-  }
-  std::shared_ptr<detail::Source> source = detail::Source::open(filename);
-  return {filename, {{std::make_shared<detail::PartSource>(source), source->index()}}, {}, {}, {}};
-}
-
 class FileLoader : public Ostrak::Loader<Bundle> {
  public:
   std::string name() const override { return "HDF5 bundle"; }
@@ -61,18 +37,19 @@ class FileLoader : public Ostrak::Loader<Bundle> {
   bool load(const StrongPtr<Ostrak::LoaderParameters>& request, ldrpar& target) override {
     if (!target.target) target.target = StrongPtr<Bundle>(new Bundle);
     auto progress = request->findInterface<Ostrak::LoaderProgress>();
-    std::vector<Opened> opened;
+    std::vector<detail::Opened> opened;
     // Every file is checked before the bundle changes, so a bad file among
     // several leaves the bundle as it was.
     for (const std::string& filename : request->getFilenames()) {
       if (progress) progress->OpenFile(filename);
-      Outcome checked = detail::attempt([&] { opened.push_back(openForLoading(filename)); });
+      Outcome checked =
+          detail::attempt([&] { opened.push_back(detail::openForLoading(filename)); });
       if (!checked) {
         request->setErrorText(filename + ": " + checked.error);
         return false;
       }
     }
-    for (const Opened& file : opened) {
+    for (const detail::Opened& file : opened) {
       Outcome attached = detail::attempt([&] {
         detail::attachParts(*target.target, file.parts, progress,
                             detail::recordLoaded(*target.target, file.path), file.problems);

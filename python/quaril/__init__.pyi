@@ -47,6 +47,25 @@ class XarrayBackend:
     read lazily step by step (only the box asked for of each step)."""
 
 
+class Catalog:
+    """What a file or series holds, by grid and time, read once from its index without making
+    a bundle; load() makes bundles of chosen times from it."""
+    def __init__(self, path: Path) -> None:
+        """Opens the file or series; OSError with the reason on failure."""
+    @property
+    def path(self) -> str: ...
+    @property
+    def grids(self) -> list[str]:
+        """The grids' names, sorted."""
+    @property
+    def times(self) -> npt.NDArray[np.float64]:
+        """Every time, ascending."""
+    def times_of(self, name: str) -> npt.NDArray[np.float64]:
+        """The times at which grid `name` is stored (none for another name)."""
+    def load(self, times: Sequence[float]) -> Bundle:
+        """A bundle of the slices at `times` (others left out), read lazily as load() reads."""
+
+
 class Follow(Iterator[tuple[float, Slice]]):
     """The steps of a series as they land; see follow()."""
     def __iter__(self) -> Follow: ...

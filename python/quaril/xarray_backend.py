@@ -18,6 +18,10 @@ from . import _core
 # interleaving the reads of one variable.
 _LOCK = threading.Lock()
 
+# Steps read one at a time load a bundle of that step alone from the
+# catalog; past this many, one bundle of every chosen step serves the rest.
+_FEW_STEPS = 8
+
 
 class _Layout:
     """What one step of a grid holds: each field's location, shape and type,
@@ -96,11 +100,15 @@ class _StepArray(BackendArray):
 
 
 class _Store:
-    """A grid of a bundle over the chosen times."""
+    """A grid of a file or series over the chosen times, read through its catalog."""
 
-    def __init__(self, bundle, group, times):
-        self.bundle, self.group, self.times = bundle, group, times
-        first = self._grid(0)
+    def __init__(self, catalog, group, times):
+        self.catalog, self.group, self.times = catalog, group, times
+        self._whole = None  # a bundle of every chosen step, once many are read
+        self._visits = 0
+        first_bundle = catalog.load([float(times[0])])
+        first = first_bundle.slice(float(times[0])).grid(group)
+        self.bundle_attributes = first_bundle.attributes
         self.layout = _Layout(first)
         self.grid_attributes = first.attributes
         if len(times) > 1 and self.layout.differences(_Layout(self._grid(len(times) - 1))):
@@ -108,8 +116,17 @@ class _Store:
             for step in range(1, len(times)):
                 self._require_same(step)
 
+    def _bundle(self, steps):
+        if self._whole is None:
+            self._visits += len(steps)
+            if self._visits > _FEW_STEPS:
+                self._whole = self.catalog.load(self.times.tolist())
+        if self._whole is not None:
+            return self._whole
+        return self.catalog.load([float(self.times[step]) for step in steps])
+
     def _grid(self, step):
-        return self.bundle.slice(float(self.times[step])).grid(self.group)
+        return self._bundle([step]).slice(float(self.times[step])).grid(self.group)
 
     def _require_same(self, step):
         differs = self.layout.differences(_Layout(self._grid(step)))
@@ -121,7 +138,8 @@ class _Store:
         """Field `name` at `index` at the given steps (ascending), in one call."""
         with _LOCK:
             chosen = self.times[steps]
-            times, values = self.bundle.values_over_time(
+            bundle = self._whole if self._whole is not None else self.catalog.load(chosen.tolist())
+            times, values = bundle.values_over_time(
                 self.group, name, [int(i) for i in index], times=(chosen[0], chosen[-1]))
             keep = np.isin(times, chosen)  # the grid's steps in that range, of which these
             if keep.sum() != len(chosen):
@@ -151,22 +169,22 @@ def _coordinates(layout, times):
 
 def open_grid(path, group, times=None, drop_variables=None):
     """The grid `group` of the file or series `path` as a Dataset (see module doc)."""
-    bundle = _core.load(path)
+    catalog = _core.Catalog(path)
+    grids = catalog.grids
     if group is None:
-        grids = bundle.grids
         if len(grids) != 1:
             raise ValueError(f"{path} holds the grids {grids}: name one (group=...)")
         group = grids[0]
-    if group not in bundle.grids:
-        raise KeyError(f"no grid \"{group}\" in {path}; there are {bundle.grids}")
-    held = bundle.times_of(group)
+    if group not in grids:
+        raise KeyError(f"no grid \"{group}\" in {path}; there are {grids}")
+    held = catalog.times_of(group)
     if times is not None:
         first, last = times
         held = held[(held >= (-np.inf if first is None else first))
                     & (held <= (np.inf if last is None else last))]
         if len(held) == 0:
             raise ValueError(f"grid \"{group}\" has no step in the times {times!r}")
-    store = _Store(bundle, group, held)
+    store = _Store(catalog, group, held)
     coords = _coordinates(store.layout, held)
     variables = {}
     for name, (on, shape, dtype) in store.layout.fields.items():
@@ -180,7 +198,7 @@ def open_grid(path, group, times=None, drop_variables=None):
         target["positions" if name == "Positions" else name] = Variable(
             dims, data, {"location": on}, encoding={"preferred_chunks": chunks})
     # The bundle's attributes, then the grid's (of its first step), then where it is from.
-    attrs = {**bundle.attributes, **store.grid_attributes, "grid": group, "file": str(path)}
+    attrs = {**store.bundle_attributes, **store.grid_attributes, "grid": group, "file": str(path)}
     dataset = Dataset(variables, coords=coords, attrs=attrs)
     dataset.set_close(None)
     return dataset
@@ -197,20 +215,20 @@ class XarrayBackend(BackendEntrypoint):
         return open_grid(os.fspath(filename_or_obj), group, times, drop_variables)
 
     def guess_can_open(self, filename_or_obj):
-        # Series by their journal; single files only by the name the library
-        # gives them (other HDF5 files are other engines').
+        # Series by their journal, files by the directory that saves put
+        # first, or by the name the library gives them (other HDF5 files are
+        # other engines').
         import os
         try:
             path = os.fspath(filename_or_obj)
             if str(path).endswith(".qb.h5"):
                 return True
             with open(path, "rb") as file:
-                return file.read(8) == b"QBSERIES"
+                return file.read(8) in (b"QBSERIES", b"QRLDIR01")
         except (OSError, TypeError):
             return False
 
 
 def open_datasets(path, times=None):
     """Every grid of the file or series `path` as a Dataset, by name."""
-    bundle = _core.load(path)
-    return {name: open_grid(path, name, times) for name in bundle.grids}
+    return {name: open_grid(path, name, times) for name in _core.Catalog(path).grids}

@@ -46,17 +46,16 @@ TEST_F(FileTest, aBoxOfAnArrayIsReadAloneOrCopiedAndIsTheSameEitherWay) {
   ASSERT_TRUE(H5::save(*bundle, path("run.h5")).ok);
   const BundlePtr read = loaded(path("run.h5"));
   const auto creatorOf = [](const BundlePtr& from, const char* field) {
-    return (*from->getSlices().at(0))("fluid")->getCartesianRepresentation()->findField(field)
+    return (*from->getSlices().at(0))("fluid")
+        ->getCartesianRepresentation()
+        ->findField(field)
         ->getCreator();
   };
-  const std::vector<Box> boxes{{"all of it", {0, 0, 0}, {5, 4, 3}, true},
-                               {"one value", {4, 3, 2}, {1, 1, 1}, true},
-                               {"a row", {1, 2, 0}, {4, 1, 1}, true},
-                               {"a plane", {0, 1, 0}, {5, 1, 3}, true},
-                               {"an inner block", {1, 1, 1}, {3, 2, 2}, true},
-                               {"past the end", {3, 0, 0}, {3, 1, 1}, false},
-                               {"empty", {0, 0, 0}, {0, 1, 1}, false},
-                               {"of another rank", {0, 0}, {1, 1}, false}};
+  const std::vector<Box> boxes{
+      {"all of it", {0, 0, 0}, {5, 4, 3}, true},      {"one value", {4, 3, 2}, {1, 1, 1}, true},
+      {"a row", {1, 2, 0}, {4, 1, 1}, true},          {"a plane", {0, 1, 0}, {5, 1, 3}, true},
+      {"an inner block", {1, 1, 1}, {3, 2, 2}, true}, {"past the end", {3, 0, 0}, {3, 1, 1}, false},
+      {"empty", {0, 0, 0}, {0, 1, 1}, false},         {"of another rank", {0, 0}, {1, 1}, false}};
   for (const Box& box : boxes) {
     for (const BundlePtr& from : {bundle, read}) {
       const char* where = from == bundle ? "in memory" : "from the file";

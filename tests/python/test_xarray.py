@@ -124,3 +124,27 @@ def test_bundles_slices_and_grids_are_mappings_with_a_repr_that_says_what_they_h
     assert step.attributes == {"levels": [1, 2]}
     html = run._repr_html_()
     assert html.startswith("<pre>") and "fluid" in html and "2 time steps" in html
+
+
+def test_a_catalog_lists_grids_and_times_and_loads_chosen_steps_only(tmp_path):
+    path = str(tmp_path / "run.h5")
+    times = write_run(path, steps=12)
+    catalog = quaril.Catalog(path)
+    assert catalog.grids == ["cloud", "fluid"] and list(catalog.times) == times
+    assert list(catalog.times_of("fluid")) == times and len(catalog.times_of("gas")) == 0
+    chosen = catalog.load([times[5], 99.0])
+    assert chosen.keys() == [times[5]] and chosen.attributes == {"code": "flow 2.1"}
+    assert np.array_equal(chosen[times[5]]["fluid"]["p"], np.arange(24.0).reshape(2, 3, 4) + 5)
+    assert repr(catalog).endswith(": 12 times, 2 grids>")
+    with pytest.raises(OSError, match="missing.h5"):
+        quaril.Catalog(str(tmp_path / "missing.h5"))
+    # A saved file is ours by its first bytes, whatever its name; others' HDF5 is not.
+    backend = quaril.XarrayBackend()
+    assert backend.guess_can_open(path)
+    h5py = pytest.importorskip("h5py")
+    with h5py.File(tmp_path / "theirs.h5", "w") as theirs:
+        theirs["x"] = np.zeros(3)
+    assert not backend.guess_can_open(str(tmp_path / "theirs.h5"))
+    # Steps read one at a time, past the few read from bundles of their own.
+    fluid = xr.open_dataset(path, engine=quaril.XarrayBackend, group="fluid")
+    assert [float(fluid.p.isel(time=i, x=0, y=0, z=0)) for i in range(12)] == list(range(12))
