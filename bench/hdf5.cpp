@@ -37,6 +37,7 @@
 #include "BenchSeries.hpp"
 #include "RatioReporter.hpp"
 #include "bundle/Bundle.hpp"
+#include "bundle/Prefetch.hpp"
 #include "field/CreativeArrayBase.hpp"
 #include "formats/hdf5/Format.hpp"
 #include "grid/GridConstructors.hpp"
@@ -146,6 +147,7 @@ double loadedSum = 0;
 void loadFile(const std::string& name) {
   BundlePtr bundle;
   H5::load(bundle, {scratch(name)});
+  prefetch(*bundle);  // every array now, over the cores
   for (const auto& [time, slice] : bundle->getSlices()) {
     auto data = (*slice)("fluid")->getCartesianRepresentation()->findField("density")->getData();
     loadedSum += static_cast<const float*>(data->rawData())[1];

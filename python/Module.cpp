@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "bundle/Prefetch.hpp"
 #include "bundle/ValuesOverTime.hpp"
 #include "formats/hdf5/Catalog.hpp"
 #include "formats/hdf5/Follow.hpp"
@@ -801,6 +802,20 @@ PYBIND11_MODULE(_core, module) {
               "(times, values): field `field` of grid `grid` at element `index` (numpy's "
               "order) at every step in times=(first, last) that holds the grid, each step "
               "reading only that element where it can; OSError naming the step where it cannot")
+          .def(
+              "prefetch",
+              [](const PyBundle& bundle, unsigned threads,
+                 std::optional<std::pair<std::optional<double>, std::optional<double>>> times) {
+                double first = -std::numeric_limits<double>::infinity();
+                double last = std::numeric_limits<double>::infinity();
+                if (times && times->first) first = *times->first;
+                if (times && times->second) last = *times->second;
+                py::gil_scoped_release unlocked;
+                return prefetch(*bundle.bundle, threads, first, last);
+              },
+              py::arg("threads") = 0, py::arg("times") = py::none(),
+              "Reads every array of the steps in times=(first, last) now, spread over `threads` "
+              "threads (0: one per core); returns how many could not be read (see problems)")
           .def(
               "times_of",
               [](const PyBundle& bundle, const std::string& name) {

@@ -201,6 +201,10 @@ class Bundle:
     def __contains__(self, t: float) -> bool: ...
     def get(self, t: float, default: object = None) -> Optional[Slice]: ...
     def items(self) -> list[tuple[float, Slice]]: ...
+    def prefetch(self, threads: int = 0,
+                 times: Optional[tuple[Optional[float], Optional[float]]] = None) -> int:
+        """Reads every array of the steps in times=(first, last) now, over `threads` threads
+        (0: one per core); returns how many could not be read (see problems)."""
     def values_over_time(self, grid: str, field: str, index: Sequence[int],
                          times: Optional[tuple[Optional[float], Optional[float]]] = None
                          ) -> tuple[np.ndarray, np.ndarray]:

@@ -10,6 +10,7 @@
 #include <functional>
 #include <random>
 
+#include "bundle/Prefetch.hpp"
 #include "tests/hdf5/FileFixture.hpp"
 #include "tests/hdf5/LargestArray.hpp"
 
@@ -453,6 +454,7 @@ TEST_F(BadFileTest, aFlippedBitInArrayDataFailsEveryReadOfThatArray) {
     flipInLargestArray(file, c.fraction);
     BundlePtr read;
     ASSERT_TRUE(H5::load(read, {file}).ok) << c.name;
+    EXPECT_EQ(prefetch(*read), 1u) << c.name << ": read in parallel, one array fails";
     const Slice& slice = *read->getSlices().at(0);
     EXPECT_FALSE(slice("big")->getCartesianRepresentation()->findField("values")->getData())
         << c.name;

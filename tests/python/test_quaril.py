@@ -60,6 +60,10 @@ def test_opening_reads_nothing_until_a_field_is_asked_for(tmp_path):
     assert resident == 0 and deferred >= 8000
     grid.field("f")
     assert bundle.memory()[0] >= 8000
+    # Or everything at once, over the cores.
+    everything = quaril.load(tmp_path / "lazy.h5")
+    assert everything.prefetch(times=(0, 5)) == 0 and everything.memory()[1] == 0
+    assert everything.memory()[0] >= 8000
 
 
 def test_arrays_outlive_their_bundle(tmp_path):

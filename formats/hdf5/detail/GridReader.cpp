@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 #include <map>
+#include <optional>
 
 #include "field/CreativeArrayBase.hpp"
 #include "formats/hdf5/Options.hpp"
@@ -281,7 +282,7 @@ class GridReader {
                                                  layout::StoredType stored) {
     return [origin = std::move(origin), &fragment, &type,
             stored]() -> StrongPtr<MemBase, Cacheable> {
-      Session session;
+      std::optional<Session> session(std::in_place);
       try {
         const std::shared_ptr<Source> source = origin.part->get();
         const uint64_t bytes = fragment.size.elements() * type.size();
@@ -292,7 +293,10 @@ class GridReader {
         };
         // Within the file: the directory does not place it otherwise.
         if (const auto direct = source->direct(origin.entry, fragment.dataset, bytes)) {
-          // Placed by the directory: read as it lies, without libhdf5.
+          // Placed by the directory: read as it lies, without libhdf5 and
+          // without the format's lock, so that creators can read in parallel
+          // (`source` keeps the file open).
+          session.reset();
           StrongPtr<MemBase, Cacheable> array = made();
           ChecksumStream read;
           readStretches(direct->descriptor, source->fileBytes(), direct->offset, array->rawData(),
@@ -321,6 +325,7 @@ class GridReader {
         }
         return array;
       } catch (const Failure& failure) {
+        if (!session) session.emplace();
         throw failedRead(origin, fragment, failure);
       }
     };
