@@ -3,14 +3,16 @@
 //    flushed to disk, in turns with the C API writing the same arrays as 100
 //    data sets of one file, flushed the same way (the ratio of the two);
 //  - FullLoad: opening that file and reading every array into memory that is
-//    kept until all are read, in turns with the C API reading the same
-//    arrays (its time beside ours, and the ratio of the two);
+//    kept until all are read (prefetch, over the cores), in turns with the C
+//    API reading the same arrays (its time beside ours, and the ratio);
 //  - Open / Open_Baseline: opening files of 10^4 steps of 10 grids and of
 //    10^5 steps of one grid, against a walk over all of the file's objects;
 //  - Check: a check of that file in turns with a full load of it;
 //  - SaveChecksums / LoadChecksums: the cost of the arrays' checksums, a
 //    save and a full load with them in turns with the same without (the
 //    load also with both files read from the disk, not the page cache);
+//    arrays with checksums are placed by the file's directory and read in
+//    parallel, those without through libhdf5;
 //  - OpenMemory: heap bytes per time step right after opening;
 //  - SyncAtStep: the sync of one more step into a bound series of 10^4 steps,
 //    in turns with the same into a series of 10 (the ratio of the two);

@@ -413,6 +413,66 @@ std::optional<uint64_t> rawOffset(hid_t dataset, hid_t memoryType, uint64_t byte
 }
 }  // namespace
 
+std::optional<WholeChunk> wholeChunk(hid_t dataset, hid_t memoryType, uint64_t bytes,
+                                     const RawFile& raw) {
+  if (raw.descriptor < 0 || bytes == 0) return std::nullopt;
+  PropertyList create(H5Dget_create_plist(dataset), "cannot read a dataset's settings");
+  if (H5Pget_layout(create.id()) != H5D_CHUNKED) return std::nullopt;
+  // One chunk as large as the dataset.
+  const std::vector<hsize_t> extents = datasetExtents(dataset);
+  std::vector<hsize_t> chunk(extents.size());
+  if (H5Pget_chunk(create.id(), static_cast<int>(chunk.size()), chunk.data()) !=
+          static_cast<int>(chunk.size()) ||
+      chunk != extents) {
+    return std::nullopt;
+  }
+  WholeChunk whole;
+  const int filters = H5Pget_nfilters(create.id());
+  for (int i = 0; i < filters; ++i) {
+    unsigned flags = 0, config = 0;
+    size_t count = 0;
+    const H5Z_filter_t filter = H5Pget_filter2(create.id(), static_cast<unsigned>(i), &flags,
+                                               &count, nullptr, 0, nullptr, &config);
+    const bool last = i == filters - 1;
+    if (filter == H5Z_FILTER_SHUFFLE && i == 0 && !last) {
+      whole.shuffledBytes = H5Tget_size(memoryType);
+    } else if ((filter == ZstdFilter || filter == Lz4Filter) && last) {
+      whole.codec = static_cast<unsigned>(filter);
+    } else {
+      return std::nullopt;
+    }
+  }
+  if (whole.codec == 0) return std::nullopt;
+  Datatype stored = datasetType(dataset);
+  if (H5Tequal(stored.id(), memoryType) <= 0) return std::nullopt;
+  // In this file (not behind an external link), all filters applied.
+  Owned<H5Fclose> file(H5Iget_file_id(dataset), "cannot find the file of a dataset");
+  void* handle = nullptr;
+  if (H5Fget_vfd_handle(file.id(), H5P_DEFAULT, &handle) < 0 || handle != raw.handle) {
+    H5Eclear2(H5E_DEFAULT);
+    return std::nullopt;
+  }
+  // Chunk addresses count from HDF5's start, after the user block.
+  PropertyList fileSettings(H5Fget_create_plist(file.id()), "cannot read a file's settings");
+  hsize_t userBlock = 0;
+  check(H5Pget_userblock(fileSettings.id(), &userBlock), "cannot read a file's settings");
+  unsigned mask = 0;
+  haddr_t address = HADDR_UNDEF;
+  hsize_t size = 0;
+  std::vector<hsize_t> origin(extents.size());
+  Dataspace space(H5Dget_space(dataset), "cannot read the extents of a dataset");
+  if (H5Dget_chunk_info(dataset, space.id(), 0, origin.data(), &mask, &address, &size) < 0 ||
+      mask != 0 || address == HADDR_UNDEF || userBlock > raw.bytes ||
+      address > raw.bytes - userBlock || size > raw.bytes - userBlock - address) {
+    H5Eclear2(H5E_DEFAULT);
+    return std::nullopt;
+  }
+  address += userBlock;
+  whole.offset = address;
+  whole.size = size;
+  return whole;
+}
+
 bool readWhole(hid_t dataset, hid_t memoryType, void* data, uint64_t bytes, const RawFile& raw,
                std::string_view what, const BytesRead& read) {
   const std::optional<uint64_t> offset = rawOffset(dataset, memoryType, bytes, raw);

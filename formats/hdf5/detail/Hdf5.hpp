@@ -199,6 +199,20 @@ using BytesRead = std::function<void(const void* data, size_t bytes)>;
 /// not called otherwise.
 bool readWhole(hid_t dataset, hid_t memoryType, void* data, uint64_t bytes, const RawFile& raw,
                std::string_view what, const BytesRead& read = {});
+/// An array stored as one chunk through the codecs this format runs itself:
+/// its compressed bytes lie at `offset`, `size` bytes long.
+struct WholeChunk {
+  uint64_t offset = 0;
+  uint64_t size = 0;
+  unsigned codec = 0;        ///< ZstdFilter or Lz4Filter
+  size_t shuffledBytes = 0;  ///< the element size the bytes were shuffled by; 0: not shuffled
+};
+/// The whole chunk of the dataset, of `bytes` bytes when decoded, when it is
+/// stored as one chunk in `raw`'s file in `memoryType`, through zstd or LZ4
+/// alone or after the shuffle, every filter applied; none otherwise.
+std::optional<WholeChunk> wholeChunk(hid_t dataset, hid_t memoryType, uint64_t bytes,
+                                     const RawFile& raw);
+
 /// Reads the `bytes` bytes at `offset` of the file `fd` of `fileBytes`
 /// bytes into `data`, in stretches each handed to `read` (when given).
 /// Throws Failure when the file ends first.
