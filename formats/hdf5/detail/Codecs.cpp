@@ -104,6 +104,19 @@ std::vector<uint8_t> lz4Decompress(const void* data, size_t size, size_t limit) 
   return out;
 }
 
+void shuffle(const uint8_t* in, size_t bytes, size_t elementBytes, uint8_t* out) {
+  const size_t count = elementBytes > 0 ? bytes / elementBytes : 0;
+  if (elementBytes <= 1 || count <= 1) {
+    std::memcpy(out, in, bytes);
+    return;
+  }
+  for (size_t b = 0; b < elementBytes; ++b) {
+    uint8_t* to = out + b * count;
+    for (size_t i = 0; i < count; ++i) to[i] = in[i * elementBytes + b];
+  }
+  std::memcpy(out + count * elementBytes, in + count * elementBytes, bytes - count * elementBytes);
+}
+
 void unshuffle(const uint8_t* in, size_t bytes, size_t elementBytes, uint8_t* out) {
   const size_t count = elementBytes > 0 ? bytes / elementBytes : 0;
   if (elementBytes <= 1 || count <= 1) {

@@ -31,6 +31,8 @@ std::vector<uint8_t> lz4Compress(const void* data, size_t size, size_t blockByte
 /// Throws Failure when the framing or a block is damaged.
 std::vector<uint8_t> lz4Decompress(const void* data, size_t size, size_t limit);
 
+/// HDF5's byte shuffle of `bytes` bytes at `in` into `out` (see unshuffle).
+void shuffle(const uint8_t* in, size_t bytes, size_t elementBytes, uint8_t* out);
 /// Undoes HDF5's byte shuffle of `bytes` bytes at `in` (elements of
 /// `elementBytes` bytes: first every element's byte 0, then every byte 1,
 /// ...; bytes past the last whole element as they are) into `out`.

@@ -473,6 +473,12 @@ std::optional<WholeChunk> wholeChunk(hid_t dataset, hid_t memoryType, uint64_t b
   return whole;
 }
 
+void writeWholeChunk(hid_t dataset, const std::vector<uint8_t>& bytes, std::string_view what) {
+  const std::vector<hsize_t> origin(datasetExtents(dataset).size(), 0);
+  check(H5Dwrite_chunk(dataset, H5P_DEFAULT, 0, origin.data(), bytes.size(), bytes.data()),
+        "cannot write " + std::string(what));
+}
+
 bool readWhole(hid_t dataset, hid_t memoryType, void* data, uint64_t bytes, const RawFile& raw,
                std::string_view what, const BytesRead& read) {
   const std::optional<uint64_t> offset = rawOffset(dataset, memoryType, bytes, raw);

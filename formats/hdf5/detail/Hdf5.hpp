@@ -213,6 +213,10 @@ struct WholeChunk {
 std::optional<WholeChunk> wholeChunk(hid_t dataset, hid_t memoryType, uint64_t bytes,
                                      const RawFile& raw);
 
+/// Writes `bytes`, the dataset's only chunk with every filter applied, as
+/// they are (libhdf5 runs no filter).
+void writeWholeChunk(hid_t dataset, const std::vector<uint8_t>& bytes, std::string_view what);
+
 /// Reads the `bytes` bytes at `offset` of the file `fd` of `fileBytes`
 /// bytes into `data`, in stretches each handed to `read` (when given).
 /// Throws Failure when the file ends first.

@@ -1,12 +1,17 @@
 #include "formats/hdf5/detail/Writer.hpp"
 
+#include <deque>
 #include <filesystem>
+#include <future>
 #include <map>
+#include <optional>
 #include <variant>
 
 #include "formats/hdf5/detail/Checksum.hpp"
+#include "formats/hdf5/detail/Codecs.hpp"
 #include "formats/hdf5/detail/Files.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
+#include "formats/hdf5/detail/Workers.hpp"
 
 namespace Quaril::H5::detail {
 
@@ -32,6 +37,30 @@ uint64_t storedBytes(const Plan::Array& array) {
   uint64_t elements = 1;
   for (hsize_t extent : array.extents) elements *= extent;
   return elements * H5Tget_size(array.memoryType);
+}
+
+/// Whether the array goes into its file as one chunk through zstd or LZ4
+/// (after the shuffle or not) alone, which the writer compresses itself.
+bool packedByUs(const Plan::Array& array) {
+  const Storage& storage = array.storage;
+  const uint64_t bytes = storedBytes(array);
+  return array.external.reference.empty() && (storage.zstd >= 0 || storage.lz4) &&
+         storage.deflate < 0 && storage.chunk == array.extents && bytes > 0 &&
+         bytes < (uint64_t{1} << 32) && H5Tequal(array.fileType, array.memoryType) > 0;
+}
+
+/// The array's one chunk as its filters make it.
+std::vector<uint8_t> packed(const Plan::Array& array) {
+  const uint64_t bytes = storedBytes(array);
+  const auto* from = static_cast<const uint8_t*>(array.data->rawData());
+  std::vector<uint8_t> shuffled;
+  if (array.storage.shuffle) {
+    shuffled.resize(bytes);
+    shuffle(from, bytes, H5Tget_size(array.memoryType), shuffled.data());
+    from = shuffled.data();
+  }
+  return array.storage.zstd >= 0 ? zstdCompress(from, bytes, array.storage.zstd)
+                                 : lz4Compress(from, bytes, 0);
 }
 
 uint64_t directOffset(hid_t dataset, hid_t memoryType, uint64_t bytes) {
@@ -64,13 +93,23 @@ class FileWriter : public PlanSink {
       parent = externalGroup.id();
       linkExternal(arrays_.id(), linkName, array.external.reference, array.external.inside);
     }
-    Dataset written =
-        writeArrayDataset(parent, datasetName, array, array.data->rawData(), array.storage);
+    Dataset written;
+    if (packedByUs(array)) {
+      // Compressed by the workers while this thread goes on; written in order.
+      written = writeArrayDataset(parent, datasetName, array, nullptr, array.storage);
+      if (!workers_) workers_.emplace();
+      pending_.push_back({std::move(written),
+                          workers_->run<std::vector<uint8_t>>([array] { return packed(array); }),
+                          array.what});
+      while (pending_.size() > 2 * workers_->size()) writeOldest();
+    } else {
+      written = writeArrayDataset(parent, datasetName, array, array.data->rawData(), array.storage);
+    }
     if (array.checksum) {
       const uint64_t number = std::stoull(array.dataset);
       checksums_[array.entry].emplace(number, *array.checksum);
       places_[array.entry].emplace(
-          number, array.external.reference.empty()
+          number, array.external.reference.empty() && written
                       ? directOffset(written.id(), array.memoryType, storedBytes(array))
                       : 0);
     } else {
@@ -94,6 +133,7 @@ class FileWriter : public PlanSink {
   }
 
   void finish(const Index& index, const std::vector<const std::string*>& structures) override {
+    while (!pending_.empty()) writeOldest();
     writeIndexGroup(file_, index, structures, true, &placed_);
     if (allChecksummed_) {
       writeChecksums(file_, checksums_, index.entries.size(), true, &places_, &placed_);
@@ -106,6 +146,13 @@ class FileWriter : public PlanSink {
     }
     placed_.bundleAttributes = index.bundleAttributes;
     for (auto& [name, external] : externalFiles_) external.close("cannot close " + name);
+  }
+
+  /// Writes the oldest chunk the workers compress, once they have.
+  void writeOldest() {
+    Pending& oldest = pending_.front();
+    writeWholeChunk(oldest.dataset.id(), oldest.packed.get(), oldest.what);
+    pending_.pop_front();
   }
 
   /// The directory of the file, once finished; its size is not known yet.
@@ -137,8 +184,18 @@ class FileWriter : public PlanSink {
     return group;
   }
 
+  /// An array's data set, made, whose chunk the workers compress.
+  struct Pending {
+    Dataset dataset;
+    std::future<std::vector<uint8_t>> packed;
+    std::string what;
+  };
+
   hid_t file_;
   fs::path directory_;
+  // Declared before the pending chunks: the workers outlive them.
+  std::optional<Workers> workers_;
+  std::deque<Pending> pending_;
   Group arrays_;
   Group grids_;
   Group slices_;
