@@ -13,6 +13,8 @@ mkdir -p "$corpus" "$findings"
 "$build/fuzz/fuzz_seeds" "$corpus" || exit 1
 cp "$here"/corpus/* "$corpus"/ 2>/dev/null || true
 export ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1
+# libhdf5's own leaks on damaged files (see scripts/lsan-suppressions.txt) are no finding.
+export LSAN_OPTIONS=suppressions=$here/../scripts/lsan-suppressions.txt:print_suppressions=0
 "$build/fuzz/load_fuzzer" -fork=1 -ignore_crashes=1 -ignore_ooms=1 -ignore_timeouts=1 \
   -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=20 \
   -artifact_prefix="$findings/" "$corpus" > "$build/fuzz.log" 2>&1

@@ -4,7 +4,7 @@
 #include <set>
 
 #include "bundle/LoaderControl.hpp"
-#include "formats/hdf5/detail/Reader.hpp"
+#include "formats/hdf5/detail/Series.hpp"
 
 namespace Quaril::H5 {
 

@@ -100,5 +100,23 @@ TEST(Codecs, damagedOrCutChunksAreErrorsNeverCrashes) {
   }
 }
 
+// HDF5's byte shuffle, as the writer applies it and the reader undoes it
+// outside libhdf5: every element's byte 0 first, then every byte 1, ...
+TEST(Codecs, theShuffleOrdersBytesAsHdf5DoesAndUndoesExactly) {
+  const std::vector<uint8_t> pairs{'a', 'A', 'b', 'B', 'c', 'C', '!'};
+  std::vector<uint8_t> out(pairs.size());
+  H5::detail::shuffle(pairs.data(), pairs.size(), 2, out.data());
+  EXPECT_EQ(std::string(out.begin(), out.end()), "abcABC!") << "the odd byte stays last";
+  for (size_t elementBytes : {1u, 2u, 3u, 4u, 8u, 16u}) {
+    for (size_t bytes : {0u, 1u, 7u, 8u, 9u, 1001u, 4096u}) {
+      std::vector<uint8_t> values(bytes), shuffled(bytes), back(bytes);
+      for (size_t i = 0; i < bytes; ++i) values[i] = static_cast<uint8_t>(i * 7 + i / 5);
+      H5::detail::shuffle(values.data(), bytes, elementBytes, shuffled.data());
+      H5::detail::unshuffle(shuffled.data(), bytes, elementBytes, back.data());
+      EXPECT_EQ(back, values) << elementBytes << " " << bytes;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace Quaril::Testing

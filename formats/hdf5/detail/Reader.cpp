@@ -5,10 +5,8 @@
 
 #include "bundle/LoaderControl.hpp"
 #include "formats/hdf5/detail/GridReader.hpp"
-#include "formats/hdf5/detail/Journal.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
 #include "formats/hdf5/detail/Problems.hpp"
-#include "formats/hdf5/detail/Series.hpp"
 #include "formats/hdf5/detail/Shape.hpp"
 #include "formats/hdf5/detail/Stored.hpp"
 
@@ -232,18 +230,6 @@ void attachSource(Bundle& bundle, const std::shared_ptr<Source>& source,
                   const std::shared_ptr<Stored>& stored) {
   attachParts(bundle, {Part{std::make_shared<PartSource>(source), source->index()}}, progress,
               stored);
-}
-
-Opened openForLoading(const std::string& path) {
-  if (isJournal(path)) {
-    Opened opened{path, {}, {}, {}, {}};
-    opened.journal = std::make_shared<Journal>(readJournal(path));
-    opened.pool = std::make_shared<PartSource::Pool>(OpenPartsLimit);
-    opened.parts = partsOf(path, *opened.journal, opened.problems, opened.pool);
-    return opened;
-  }
-  std::shared_ptr<Source> source = Source::open(path);
-  return {path, {{std::make_shared<PartSource>(source), source->index()}}, {}, {}, {}};
 }
 
 }  // namespace Quaril::H5::detail

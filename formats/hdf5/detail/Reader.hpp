@@ -5,7 +5,6 @@
 // fragment's data on the first request for it.
 
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "bundle/Bundle.hpp"
@@ -16,7 +15,6 @@
 namespace Quaril::H5::detail {
 
 class Stored;
-struct Journal;
 
 /// One file among the files that make a bundle, with what its index says.
 struct Part {
@@ -35,23 +33,6 @@ struct Part {
 void attachParts(Bundle& bundle, const std::vector<Part>& parts,
                  const Ostrak::StrongPtr<Ostrak::LoaderProgress>& progress,
                  const std::shared_ptr<Stored>& stored, const std::vector<Problem>& damage = {});
-
-/// A file or series opened for loading: a single file, or the parts of a
-/// series.
-struct Opened {
-  std::string path;
-  std::vector<Part> parts;
-  /// Damage found on opening that did not stop it (a series' journal).
-  std::vector<Problem> problems;
-  /// A series' journal as read, and the pool its parts open through; null
-  /// for a single file.
-  std::shared_ptr<Journal> journal;
-  std::shared_ptr<PartSource::Pool> pool;
-};
-
-/// Opens the file or series `path` and reads its index (a series': its
-/// journal and its parts' indexes). Throws Failure naming the problem.
-Opened openForLoading(const std::string& path);
 
 /// As attachParts with the one file `source`.
 void attachSource(Bundle& bundle, const std::shared_ptr<Source>& source,

@@ -414,4 +414,16 @@ bool lastSyncOf(const StorageBinding* binding, std::string& error) {
   return true;
 }
 
+Opened openForLoading(const std::string& path) {
+  if (isJournal(path)) {
+    Opened opened{path, {}, {}, {}, {}};
+    opened.journal = std::make_shared<Journal>(readJournal(path));
+    opened.pool = std::make_shared<PartSource::Pool>(OpenPartsLimit);
+    opened.parts = partsOf(path, *opened.journal, opened.problems, opened.pool);
+    return opened;
+  }
+  std::shared_ptr<Source> source = Source::open(path);
+  return {path, {{std::make_shared<PartSource>(source), source->index()}}, {}, {}, {}};
+}
+
 }  // namespace Quaril::H5::detail

@@ -106,4 +106,21 @@ class ReportingBinding : public StorageBinding {
 /// when `binding` is no series binding.
 bool lastSyncOf(const StorageBinding* binding, std::string& error);
 
+/// A file or series opened for loading: a single file, or the parts of a
+/// series.
+struct Opened {
+  std::string path;
+  std::vector<Part> parts;
+  /// Damage found on opening that did not stop it (a series' journal).
+  std::vector<Problem> problems;
+  /// A series' journal as read, and the pool its parts open through; null
+  /// for a single file.
+  std::shared_ptr<Journal> journal;
+  std::shared_ptr<PartSource::Pool> pool;
+};
+
+/// Opens the file or series `path` and reads its index (a series': its
+/// journal and its parts' indexes). Throws Failure naming the problem.
+Opened openForLoading(const std::string& path);
+
 }  // namespace Quaril::H5::detail
