@@ -105,6 +105,7 @@ std::vector<uint8_t> lz4Decompress(const void* data, size_t size, size_t limit) 
 }
 
 void shuffle(const uint8_t* in, size_t bytes, size_t elementBytes, uint8_t* out) {
+  if (bytes == 0) return;
   const size_t count = elementBytes > 0 ? bytes / elementBytes : 0;
   if (elementBytes <= 1 || count <= 1) {
     std::memcpy(out, in, bytes);
@@ -118,6 +119,7 @@ void shuffle(const uint8_t* in, size_t bytes, size_t elementBytes, uint8_t* out)
 }
 
 void unshuffle(const uint8_t* in, size_t bytes, size_t elementBytes, uint8_t* out) {
+  if (bytes == 0) return;
   const size_t count = elementBytes > 0 ? bytes / elementBytes : 0;
   if (elementBytes <= 1 || count <= 1) {
     std::memcpy(out, in, bytes);
