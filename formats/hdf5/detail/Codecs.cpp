@@ -104,32 +104,33 @@ std::vector<uint8_t> lz4Decompress(const void* data, size_t size, size_t limit) 
   return out;
 }
 
-void shuffle(const uint8_t* in, size_t bytes, size_t elementBytes, uint8_t* out) {
-  if (bytes == 0) return;
-  const size_t count = elementBytes > 0 ? bytes / elementBytes : 0;
-  if (elementBytes <= 1 || count <= 1) {
-    std::memcpy(out, in, bytes);
+namespace {
+
+/// Copies the `rows` x `columns` bytes at `in` transposed to `out`, then the
+/// `rest` bytes after them as they are.
+void transposeBytes(const uint8_t* in, size_t rows, size_t columns, size_t rest, uint8_t* out) {
+  if (rows <= 1 || columns <= 1) {  // a row or a column: transposed as it lies
+    if (rows * columns + rest > 0) std::memcpy(out, in, rows * columns + rest);
     return;
   }
-  for (size_t b = 0; b < elementBytes; ++b) {
-    uint8_t* to = out + b * count;
-    for (size_t i = 0; i < count; ++i) to[i] = in[i * elementBytes + b];
+  for (size_t c = 0; c < columns; ++c) {
+    for (size_t r = 0; r < rows; ++r) out[c * rows + r] = in[r * columns + c];
   }
-  std::memcpy(out + count * elementBytes, in + count * elementBytes, bytes - count * elementBytes);
+  if (rest > 0) std::memcpy(out + rows * columns, in + rows * columns, rest);
+}
+
+}  // namespace
+
+// Shuffling transposes the elements' bytes (count x elementBytes) to
+// elementBytes x count; unshuffling transposes them back.
+void shuffle(const uint8_t* in, size_t bytes, size_t elementBytes, uint8_t* out) {
+  const size_t count = elementBytes > 0 ? bytes / elementBytes : 0;
+  transposeBytes(in, count, count > 0 ? elementBytes : 0, bytes - count * elementBytes, out);
 }
 
 void unshuffle(const uint8_t* in, size_t bytes, size_t elementBytes, uint8_t* out) {
-  if (bytes == 0) return;
   const size_t count = elementBytes > 0 ? bytes / elementBytes : 0;
-  if (elementBytes <= 1 || count <= 1) {
-    std::memcpy(out, in, bytes);
-    return;
-  }
-  for (size_t b = 0; b < elementBytes; ++b) {
-    const uint8_t* from = in + b * count;
-    for (size_t i = 0; i < count; ++i) out[i * elementBytes + b] = from[i];
-  }
-  std::memcpy(out + count * elementBytes, in + count * elementBytes, bytes - count * elementBytes);
+  transposeBytes(in, count > 0 ? elementBytes : 0, count, bytes - count * elementBytes, out);
 }
 
 }  // namespace Quaril::H5::detail

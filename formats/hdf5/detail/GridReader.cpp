@@ -1,7 +1,6 @@
 #include "formats/hdf5/detail/GridReader.hpp"
 
 #include <algorithm>
-#include <cstring>
 #include <iterator>
 #include <map>
 #include <optional>
@@ -9,8 +8,6 @@
 #include "field/CreativeArrayBase.hpp"
 #include "formats/hdf5/Options.hpp"
 #include "formats/hdf5/detail/Checksum.hpp"
-#include "formats/hdf5/detail/Codecs.hpp"
-#include "formats/hdf5/detail/Files.hpp"
 #include "formats/hdf5/detail/Layout.hpp"
 #include "formats/hdf5/detail/Problems.hpp"
 #include "formats/hdf5/detail/Shape.hpp"
@@ -279,24 +276,6 @@ class GridReader {
     return ProductionFailure(problem.text());
   }
 
-  /// Decodes the whole chunk `chunk` of `raw`'s file into the `bytes` bytes
-  /// at `data`.
-  static void decodeChunk(const WholeChunk& chunk, const RawFile& raw, void* data, uint64_t bytes) {
-    std::vector<uint8_t> packed(chunk.size);
-    require(readAt(raw.descriptor, packed.data(), packed.size(), chunk.offset, "its chunk") ==
-                packed.size(),
-            "cannot read its chunk: the file ends within it");
-    const std::vector<uint8_t> plain = chunk.codec == ZstdFilter
-                                           ? zstdDecompress(packed.data(), packed.size(), bytes)
-                                           : lz4Decompress(packed.data(), packed.size(), bytes);
-    require(plain.size() == bytes, "its chunk does not decode to the array's size");
-    if (chunk.shuffledBytes > 0) {
-      unshuffle(plain.data(), bytes, chunk.shuffledBytes, static_cast<uint8_t*>(data));
-    } else {
-      std::memcpy(data, plain.data(), bytes);
-    }
-  }
-
   /// Reads the fragment's array; a failure is listed with the grid's problems.
   static DeferredCreator::Producer arrayProducer(Origin origin, const GridShape::Fragment& fragment,
                                                  const QuarilTypeBase& type,
@@ -336,7 +315,7 @@ class GridReader {
           // One compressed chunk: read here, decoded outside the lock.
           dataset = Dataset();
           session.reset();
-          decodeChunk(*chunk, source->raw(), array->rawData(), bytes);
+          readWholeChunk(*chunk, source->raw(), array->rawData(), bytes);
           require(bytesChecksum(array->rawData(), bytes) == *sum, Damaged);
           return array;
         }

@@ -199,6 +199,10 @@ using BytesRead = std::function<void(const void* data, size_t bytes)>;
 /// not called otherwise.
 bool readWhole(hid_t dataset, hid_t memoryType, void* data, uint64_t bytes, const RawFile& raw,
                std::string_view what, const BytesRead& read = {});
+/// Where the dataset's `bytes` bytes lie in its file as `memoryType` has
+/// them: contiguous, all written, not converted; none otherwise.
+std::optional<uint64_t> contiguousPlace(hid_t dataset, hid_t memoryType, uint64_t bytes);
+
 /// An array stored as one chunk through the codecs this format runs itself:
 /// its compressed bytes lie at `offset`, `size` bytes long.
 struct WholeChunk {
@@ -212,6 +216,10 @@ struct WholeChunk {
 /// alone or after the shuffle, every filter applied; none otherwise.
 std::optional<WholeChunk> wholeChunk(hid_t dataset, hid_t memoryType, uint64_t bytes,
                                      const RawFile& raw);
+/// Reads the whole chunk `chunk` of `raw`'s file and decodes it into the
+/// `bytes` bytes at `data`, without libhdf5. Throws Failure when the file
+/// ends first or the chunk does not decode to `bytes` bytes.
+void readWholeChunk(const WholeChunk& chunk, const RawFile& raw, void* data, uint64_t bytes);
 
 /// Writes `bytes`, the dataset's only chunk with every filter applied, as
 /// they are (libhdf5 runs no filter).

@@ -259,8 +259,8 @@ hid_t Source::file() const {
   check(H5Fget_filesize(file.id(), &bytes), "cannot read the file's size");
   RawFile raw = rawFileOf(file.id(), bytes);
   // The path may name another file by now: a save renames its new file over it.
-  struct stat ours {
-  }, theirs{};
+  struct stat ours {};
+  struct stat theirs {};
   require(
       bytes == fileBytes_ && fstat(descriptor_, &ours) == 0 &&
           (raw.descriptor < 0 || (fstat(raw.descriptor, &theirs) == 0 &&
@@ -329,14 +329,19 @@ std::shared_ptr<const GridShape> Source::shape(uint64_t row) {
 
 void Source::readChecksums() {
   checksumsRead_ = true;
+  // Entry e's checksums are sums[begins[e], begins[e + 1]).
+  const auto fitEntries = [&](const std::vector<uint64_t>& sums,
+                              const std::vector<uint64_t>& begins) {
+    return begins.size() == index_.entries.size() + 1 && begins.front() == 0 &&
+           std::is_sorted(begins.begin(), begins.end()) && begins.back() == sums.size();
+  };
   if (directory_) {
     auto sums = readRun<uint64_t>(descriptor_, *directory_, Run::ArrayChecksums, true);
     auto begins = readRun<uint64_t>(descriptor_, *directory_, Run::ChecksumBegins, true);
     auto places = readRun<uint64_t>(descriptor_, *directory_, Run::ArrayPlaces, true);
     if (sums && begins && places && places->size() == sums->size()) {
       if (begins->empty()) return;  // a file without checksums
-      if (begins->size() == index_.entries.size() + 1 && begins->front() == 0 &&
-          std::is_sorted(begins->begin(), begins->end()) && begins->back() == sums->size()) {
+      if (fitEntries(*sums, *begins)) {
         checksums_ = std::move(*sums);
         checksumBegins_ = std::move(*begins);
         places_ = std::move(*places);
@@ -349,9 +354,7 @@ void Source::readChecksums() {
   if (!linkExists(index.id(), layout::ArrayChecksums)) return;
   std::vector<uint64_t> sums = readVector<uint64_t>(index.id(), layout::ArrayChecksums);
   std::vector<uint64_t> begins = readVector<uint64_t>(index.id(), layout::ChecksumBegins);
-  require(begins.size() == index_.entries.size() + 1 && begins.front() == 0 &&
-              std::is_sorted(begins.begin(), begins.end()) && begins.back() == sums.size(),
-          "index: the array checksums do not fit its entries");
+  require(fitEntries(sums, begins), "index: the array checksums do not fit its entries");
   checksums_ = std::move(sums);
   checksumBegins_ = std::move(begins);
 }

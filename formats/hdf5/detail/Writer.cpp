@@ -30,9 +30,7 @@ void placeRun(Directory* directory, Run run, const Dataset& dataset, const std::
                        bytesChecksum(values.data(), bytes)};
 }
 
-/// Where the `bytes` bytes of the data set `dataset`, just written from
-/// `memoryType`, lie in its file as they lay in memory; 0 when they do not
-/// (filtered, converted, or not written).
+/// The bytes of the array's values as they are in memory.
 uint64_t storedBytes(const Plan::Array& array) {
   uint64_t elements = 1;
   for (hsize_t extent : array.extents) elements *= extent;
@@ -61,14 +59,6 @@ std::vector<uint8_t> packed(const Plan::Array& array) {
   }
   return array.storage.zstd >= 0 ? zstdCompress(from, bytes, array.storage.zstd)
                                  : lz4Compress(from, bytes, 0);
-}
-
-uint64_t directOffset(hid_t dataset, hid_t memoryType, uint64_t bytes) {
-  const haddr_t offset = H5Dget_offset(dataset);
-  H5Eclear2(H5E_DEFAULT);
-  if (bytes == 0 || offset == HADDR_UNDEF || H5Dget_storage_size(dataset) != bytes) return 0;
-  Datatype stored = datasetType(dataset);
-  return H5Tequal(stored.id(), memoryType) > 0 ? offset : 0;
 }
 
 /// Writes what the planner hands over into the open file `file`, the new
@@ -108,10 +98,12 @@ class FileWriter : public PlanSink {
     if (array.checksum) {
       const uint64_t number = std::stoull(array.dataset);
       checksums_[array.entry].emplace(number, *array.checksum);
+      // Where the array's bytes lie as they were in memory; 0: not so.
       places_[array.entry].emplace(
-          number, array.external.reference.empty() && written
-                      ? directOffset(written.id(), array.memoryType, storedBytes(array))
-                      : 0);
+          number,
+          array.external.reference.empty() && written
+              ? contiguousPlace(written.id(), array.memoryType, storedBytes(array)).value_or(0)
+              : 0);
     } else {
       allChecksummed_ = false;
     }
