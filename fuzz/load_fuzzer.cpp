@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 #include "formats/hdf5/Format.hpp"
@@ -25,29 +26,18 @@ const std::string& scratchFile() {
   return path;
 }
 
-uint64_t littleEndian(const uint8_t* at) {
-  uint64_t value = 0;
-  for (int i = 7; i >= 0; --i) value = (value << 8) | at[i];
-  return value;
-}
-
 /// Makes the directory at the start of the file `path` (the bytes `data`)
 /// fit the file, whatever its places say, when the bytes start as one does.
 void fitDirectory(const std::string& path, const uint8_t* data, size_t size) {
   namespace detail = Quaril::H5::detail;
-  constexpr size_t Places = 40, Runs = static_cast<size_t>(detail::Run::Count);
-  if (size < detail::DirectoryRoom || std::string(data, data + 8) != "QRLDIR01") return;
-  detail::Directory directory;
-  directory.fileBytes = size;
-  directory.bundleAttributes = (data[16] & 1) != 0;
-  for (size_t run = 0; run < Runs; ++run) {
-    detail::Place& place = directory.places[run];
-    place.offset = littleEndian(data + Places + 24 * run);
-    place.bytes = littleEndian(data + Places + 24 * run + 8);
+  std::optional<detail::Directory> directory = detail::decodeDirectory(data, size);
+  if (!directory || size < detail::DirectoryRoom) return;
+  directory->fileBytes = size;
+  for (detail::Place& place : directory->places) {
     const bool inside = place.offset <= size && place.bytes <= size - place.offset;
     place.checksum = inside ? detail::bytesChecksum(data + place.offset, place.bytes) : 0;
   }
-  detail::writeDirectory(path, directory);
+  detail::writeDirectory(path, *directory);
 }
 
 }  // namespace

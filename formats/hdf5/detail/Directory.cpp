@@ -77,6 +77,23 @@ void writeDirectory(const std::string& path, Directory directory) {
   requireSystem(::close(fd) == 0, "cannot close " + path);
 }
 
+std::optional<Directory> decodeDirectory(const uint8_t* bytes, size_t size) {
+  if (size < SummedBytes + 8 || std::memcmp(bytes, Magic, sizeof(Magic)) != 0 ||
+      get(&bytes[20], 4) != RunCount) {
+    return std::nullopt;
+  }
+  Directory directory;
+  directory.fileBytes = get(&bytes[8], 8);
+  directory.bundleAttributes = (get(&bytes[16], 4) & BundleAttributesFlag) != 0;
+  directory.modifiedSeconds = static_cast<int64_t>(get(&bytes[24], 8));
+  directory.modifiedNanoseconds = static_cast<int64_t>(get(&bytes[32], 8));
+  for (size_t run = 0; run < RunCount; ++run) {
+    const uint8_t* at = &bytes[HeadBytes + run * PlaceBytes];
+    directory.places[run] = {get(at, 8), get(at + 8, 8), get(at + 16, 8)};
+  }
+  return directory;
+}
+
 std::optional<Directory> readDirectory(int fd, uint64_t fileBytes) {
   // The runs hold native values: a big-endian host reads through HDF5.
   if (!littleEndianHost() || fileBytes < DirectoryRoom) return std::nullopt;
@@ -86,26 +103,17 @@ std::optional<Directory> readDirectory(int fd, uint64_t fileBytes) {
   } catch (const Failure&) {
     return std::nullopt;
   }
-  if (std::memcmp(bytes.data(), Magic, sizeof(Magic)) != 0 ||
-      get(&bytes[SummedBytes], 8) != bytesChecksum(bytes.data(), SummedBytes) ||
-      get(&bytes[8], 8) != fileBytes || get(&bytes[20], 4) != RunCount) {
+  std::optional<Directory> directory = decodeDirectory(bytes.data(), bytes.size());
+  if (!directory || get(&bytes[SummedBytes], 8) != bytesChecksum(bytes.data(), SummedBytes) ||
+      directory->fileBytes != fileBytes) {
     return std::nullopt;
   }
   struct stat status {};
-  if (fstat(fd, &status) != 0 ||
-      get(&bytes[24], 8) != static_cast<uint64_t>(status.st_mtim.tv_sec) ||
-      get(&bytes[32], 8) != static_cast<uint64_t>(status.st_mtim.tv_nsec)) {
+  if (fstat(fd, &status) != 0 || directory->modifiedSeconds != status.st_mtim.tv_sec ||
+      directory->modifiedNanoseconds != status.st_mtim.tv_nsec) {
     return std::nullopt;
   }
-  Directory directory;
-  directory.fileBytes = fileBytes;
-  directory.modifiedSeconds = status.st_mtim.tv_sec;
-  directory.modifiedNanoseconds = status.st_mtim.tv_nsec;
-  directory.bundleAttributes = (get(&bytes[16], 4) & BundleAttributesFlag) != 0;
-  for (size_t run = 0; run < RunCount; ++run) {
-    const uint8_t* at = &bytes[HeadBytes + run * PlaceBytes];
-    Place& place = directory.places[run];
-    place = {get(at, 8), get(at + 8, 8), get(at + 16, 8)};
+  for (const Place& place : directory->places) {
     const bool inside =
         place.bytes == 0 || (place.offset >= DirectoryRoom && place.offset <= fileBytes &&
                              place.bytes <= fileBytes - place.offset);

@@ -66,6 +66,10 @@ struct Directory {
 /// naming the file.
 void writeDirectory(const std::string& path, Directory directory);
 
+/// The directory as the `size` bytes at `bytes` (the file's first) hold it,
+/// whether or not it fits the file; none when they hold none.
+std::optional<Directory> decodeDirectory(const uint8_t* bytes, size_t size);
+
 /// The directory in the first bytes of the file `fd` of `fileBytes` bytes,
 /// or none when there is none or it does not fit the file. Reads never fail.
 std::optional<Directory> readDirectory(int fd, uint64_t fileBytes);
