@@ -112,7 +112,7 @@ void bindFiles(py::module_& module) {
                py::gil_scoped_release unlocked;
                opened = H5::Catalog::open(path.string(), catalog);
              }
-             if (!opened) raiseOSError(path.string() + ": " + opened.error);
+             if (!opened) raiseOSError(opened.error);
              return catalog;
            }),
            py::arg("path"), "Opens the file or series `path`; OSError with the reason on failure")

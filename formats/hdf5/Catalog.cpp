@@ -32,7 +32,11 @@ Catalog::~Catalog() = default;
 Outcome Catalog::open(const std::string& path, std::shared_ptr<Catalog>& catalog) {
   auto state = std::make_unique<State>();
   Outcome opened = detail::attempt([&] { state->opened = detail::openForLoading(path); });
-  if (opened) catalog.reset(new Catalog(std::move(state)));
+  if (!opened) {
+    opened.error = path + ": " + opened.error;  // as load names the file
+    return opened;
+  }
+  catalog.reset(new Catalog(std::move(state)));
   return opened;
 }
 

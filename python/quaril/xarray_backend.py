@@ -167,9 +167,10 @@ def _coordinates(layout, times):
     return coords
 
 
-def open_grid(path, group, times=None, drop_variables=None):
-    """The grid `group` of the file or series `path` as a Dataset (see module doc)."""
-    catalog = _core.Catalog(path)
+def open_grid(path, group, times=None, drop_variables=None, catalog=None):
+    """The grid `group` of the file or series `path` as a Dataset (see module doc);
+    `catalog`, the file's catalog when it is open already."""
+    catalog = catalog or _core.Catalog(path)
     grids = catalog.grids
     if group is None:
         if len(grids) != 1:
@@ -231,4 +232,5 @@ class XarrayBackend(BackendEntrypoint):
 
 def open_datasets(path, times=None):
     """Every grid of the file or series `path` as a Dataset, by name."""
-    return {name: open_grid(path, name, times) for name in _core.Catalog(path).grids}
+    catalog = _core.Catalog(path)  # one reading of the index serves every grid
+    return {name: open_grid(path, name, times, catalog=catalog) for name in catalog.grids}
