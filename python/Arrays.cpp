@@ -90,4 +90,8 @@ py::array viewOf(const Data& data, const QuarilTypeBase& type) {
                    const_cast<void*>(data->rawData()), owner);
 }
 
+py::array_t<double> timesArray(const std::vector<double>& times) {
+  return py::array_t<double>(static_cast<py::ssize_t>(times.size()), times.data());
+}
+
 }  // namespace Quaril::Python

@@ -75,8 +75,8 @@ py::object evolution(const BundlePtr& bundle, const std::string& name) {
       py::none());
 }
 
-}  // namespace
-
+/// The grid `name` of `slice`; KeyError when there is none, OSError when it
+/// could not be read.
 PyGrid gridAt(const BundlePtr& bundle, const SlicePtr& slice, const std::string& name) {
   requireReadable({bundle, slice}, name);
   StrongPtr<Grid> grid = (*slice)(name);
@@ -84,6 +84,8 @@ PyGrid gridAt(const BundlePtr& bundle, const SlicePtr& slice, const std::string&
     throw py::key_error("no grid \"" + name + "\" at time " + Tools::formatTime(slice->getTime()));
   return {bundle, grid, name, slice->getTime()};
 }
+
+}  // namespace
 
 void bindBundle(py::module_& module) {
   auto sliceClass =
@@ -161,8 +163,7 @@ void bindBundle(py::module_& module) {
                                    for (const auto& [time, slice] : bundle.bundle->getSlices()) {
                                      if (slice) times.push_back(time);
                                    }
-                                   return py::array_t<double>(
-                                       static_cast<py::ssize_t>(times.size()), times.data());
+                                   return timesArray(times);
                                  })
           .def_property_readonly("grids",
                                  [](const PyBundle& bundle) {
@@ -230,10 +231,7 @@ void bindBundle(py::module_& module) {
                 }
                 if (!read.values) raiseOSError(read.error);
                 const QuarilTypeBase& type = read.values->getTypeDescriptor();
-                return py::make_tuple(
-                    py::array_t<double>(static_cast<py::ssize_t>(read.times.size()),
-                                        read.times.data()),
-                    viewOf(read.values, type));
+                return py::make_tuple(timesArray(read.times), viewOf(read.values, type));
               },
               py::arg("grid"), py::arg("field"), py::arg("index"), py::arg("times") = py::none(),
               "(times, values): field `field` of grid `grid` at element `index` (numpy's "
@@ -260,7 +258,7 @@ void bindBundle(py::module_& module) {
                 if (!id) throw py::key_error("no grid \"" + name + "\"");
                 std::vector<double> times;
                 for (const auto& [time, slice] : id->getSliceMap().entries()) times.push_back(time);
-                return py::array_t<double>(static_cast<py::ssize_t>(times.size()), times.data());
+                return timesArray(times);
               },
               py::arg("name"), "The times of the steps that hold grid `name`, reading no step")
           .def(

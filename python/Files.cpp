@@ -97,9 +97,6 @@ void bindFiles(py::module_& module) {
                " steps" + (follow.follower->closed() ? ", closed>" : ">");
       });
 
-  const auto timesArray = [](const std::vector<double>& times) {
-    return py::array_t<double>(static_cast<py::ssize_t>(times.size()), times.data());
-  };
   py::class_<H5::Catalog, std::shared_ptr<H5::Catalog>>(
       module, "Catalog",
       "What a file or series holds, by grid and time, read once from its index without making "
@@ -119,11 +116,11 @@ void bindFiles(py::module_& module) {
       .def_property_readonly("path", &H5::Catalog::path)
       .def_property_readonly("grids", &H5::Catalog::gridNames, "The grids' names, sorted")
       .def_property_readonly(
-          "times", [=](const H5::Catalog& catalog) { return timesArray(catalog.times()); },
+          "times", [](const H5::Catalog& catalog) { return timesArray(catalog.times()); },
           "Every time, ascending")
       .def(
           "times_of",
-          [=](const H5::Catalog& catalog, const std::string& name) {
+          [](const H5::Catalog& catalog, const std::string& name) {
             return timesArray(catalog.timesOf(name));
           },
           py::arg("name"), "The times at which grid `name` is stored (none for another name)")

@@ -54,6 +54,8 @@ py::dtype dtypeOf(const QuarilTypeBase& type);
 std::vector<py::ssize_t> shapeOf(const DynamicSize& size, const QuarilTypeBase& type);
 /// A numpy array viewing `data`; it keeps the data alive, not the bundle.
 py::array viewOf(const Data& data, const QuarilTypeBase& type);
+/// `times` as a numpy array of float64 (a copy).
+py::array_t<double> timesArray(const std::vector<double>& times);
 
 /// Adds `attributes` (getter) and set_attribute (setter) to the class `on`,
 /// whose objects hold their Ostrak::Attributes at `of(object)`.
@@ -80,8 +82,5 @@ void bindBundle(py::module_& module);
 /// Files and series: load, check, follow, write_xdmf, Catalog, Binding,
 /// Problem, CheckReport (Files.cpp).
 void bindFiles(py::module_& module);
-/// The grid `name` of `slice`; KeyError when there is none, OSError when it
-/// could not be read (Bundles.cpp).
-PyGrid gridAt(const BundlePtr& bundle, const SlicePtr& slice, const std::string& name);
 
 }  // namespace Quaril::Python
